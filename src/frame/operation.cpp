@@ -1,0 +1,124 @@
+#include "frame/operation.h"
+
+#include "frame/result.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+namespace norva {
+
+Body jsonObject(KeyList keys)
+{
+    return Body{Body::Form::JsonObject, std::move(keys), nullptr, nullptr};
+}
+
+Body jsonArrayOfRecords(const char* arrayKey, KeyList keys)
+{
+    return Body{Body::Form::JsonArray, std::move(keys), arrayKey, nullptr};
+}
+
+Body formText(const char* within, KeyList keys)
+{
+    return Body{Body::Form::FormText, std::move(keys), within, nullptr};
+}
+
+Body getQuery(const char* contentType, KeyList keys, const char* within)
+{
+    return Body{Body::Form::Query, std::move(keys), within, contentType};
+}
+
+KeyList pagedRaw()
+{
+    return {{"pageNo", "which_page", Read::Raw}, {"pageSize", "data_num_in_each_page", Read::Raw}};
+}
+
+KeyList pagedIntegers()
+{
+    return {{"pageNo", "which_page", Read::Integer},
+            {"pageSize", "data_num_in_each_page", Read::Integer}};
+}
+
+QString keyValueText(const QJsonObject& source, const KeyList& keys)
+{
+    QString text;
+    for (const KeyMapping& key : keys) {
+        if (!text.isEmpty())
+            text += QLatin1Char('&');
+        const QString from = QString::fromLatin1(key.from);
+        const QString value = key.mode == Read::Integer ? QString::number(readInteger(source, from))
+                                                        : readText(source, from);
+        text += QString::fromLatin1(key.to) + QLatin1Char('=') + value;
+    }
+    return text;
+}
+
+QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
+                     const ReplyJudge& judge)
+{
+    call.startApplication();
+    const ReceivedReply reply = runExchange(outgoing);
+    if (reply.httpStatus == 200 || reply.httpStatus == classes.alsoJudged)
+        return judge(reply);
+    const HttpClass httpClass = classifyStatus(reply.httpStatus, classes.with402Branch);
+    if (httpClass == HttpClass::NoReply && !classes.withNoReplyClass)
+        return httpClassDocument(HttpClass::Other);
+    return httpClassDocument(httpClass);
+}
+
+std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) const
+{
+    const QString ipconfig = readText(arguments, QStringLiteral("ipconfig"));
+    const QString url = serviceUrlText(ipconfig, QString::fromLatin1(path));
+    const QJsonObject source = body.within && body.form != Body::Form::JsonArray
+                                   ? readObject(arguments, QString::fromLatin1(body.within))
+                                   : arguments;
+    OutgoingRequest outgoing;
+    switch (body.form) {
+    case Body::Form::JsonObject:
+        outgoing = jsonPost(url, QJsonDocument(mapKeys(source, body.keys)));
+        break;
+    case Body::Form::JsonArray: {
+        const QJsonArray records = readArray(arguments, QString::fromLatin1(body.within));
+        if (records.isEmpty())
+            return std::nullopt;
+        QJsonArray mapped;
+        for (const QJsonValue& record : records) {
+            if (record.isObject())
+                mapped.append(mapKeys(record.toObject(), body.keys));
+        }
+        outgoing = jsonPost(url, QJsonDocument(mapped));
+        break;
+    }
+    case Body::Form::FormText:
+        outgoing = formTextPost(url, keyValueText(source, body.keys).toUtf8());
+        break;
+    case Body::Form::Query: {
+        const bool hasQuery = !body.keys.empty();
+        const QString query = hasQuery ? QLatin1Char('?') + keyValueText(source, body.keys) : QString();
+        outgoing = bodilessGet(url + query, body.getContentType, hasQuery);
+        break;
+    }
+    }
+    if (access == Access::Token)
+        setTokenHeader(outgoing, readText(arguments, QStringLiteral("token")));
+    return outgoing;
+}
+
+std::string Operation::call(std::string argument) const
+{
+    ShellOptions options;
+    options.echoCaughtDocument = echoCaughtDocument;
+    return runShell(argument, options, [this](const QJsonObject& arguments, Call& call) {
+        std::optional<OutgoingRequest> outgoing = request(arguments);
+        if (!outgoing)
+            return statusDocument(400, QString::fromLatin1(message::jsonParametersError));
+        HttpClasses classes;
+        classes.with402Branch = access == Access::Token;
+        const QJsonValue sentText = outgoing->sentText;
+        return exchange(call, *outgoing, classes, [this, &sentText](const ReceivedReply& reply) {
+            return judgeServiceReply(reply.body, outcomes, sentText);
+        });
+    });
+}
+
+} // namespace norva

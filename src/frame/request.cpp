@@ -1,0 +1,70 @@
+#include "frame/request.h"
+
+#include <QHttpMultiPart>
+#include <QJsonDocument>
+#include <QUrl>
+
+namespace norva {
+
+OutgoingRequest::OutgoingRequest() = default;
+OutgoingRequest::OutgoingRequest(OutgoingRequest&&) noexcept = default;
+OutgoingRequest& OutgoingRequest::operator=(OutgoingRequest&&) noexcept = default;
+OutgoingRequest::~OutgoingRequest() = default;
+
+QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery)
+{
+    return QStringLiteral("http://") + ipconfig + pathAndQuery;
+}
+
+namespace {
+
+OutgoingRequest withBody(const QString& url, const QByteArray& body, const char* type)
+{
+    OutgoingRequest outgoing;
+    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    outgoing.body = body;
+    outgoing.sentText = QString::fromUtf8(body);
+    outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
+    outgoing.request.setHeader(QNetworkRequest::ContentLengthHeader, body.size());
+    return outgoing;
+}
+
+} // namespace
+
+OutgoingRequest jsonPost(const QString& url, const QJsonDocument& body)
+{
+    return withBody(url, body.toJson(QJsonDocument::Compact), contentType::json);
+}
+
+OutgoingRequest formTextPost(const QString& url, const QByteArray& formText)
+{
+    return withBody(url, formText, contentType::formText);
+}
+
+OutgoingRequest bodilessGet(const QString& url, const char* type, bool hasQuery)
+{
+    OutgoingRequest outgoing;
+    outgoing.verb = Verb::Get;
+    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    if (hasQuery)
+        outgoing.sentText = url;
+    outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
+    return outgoing;
+}
+
+OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> form,
+                         const QByteArray& record)
+{
+    OutgoingRequest outgoing;
+    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    outgoing.form = std::move(form);
+    outgoing.sentText = QString::fromUtf8(record);
+    return outgoing;
+}
+
+void setTokenHeader(OutgoingRequest& outgoing, const QString& token)
+{
+    outgoing.request.setRawHeader(QByteArrayLiteral("token"), token.toUtf8());
+}
+
+} // namespace norva

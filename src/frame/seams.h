@@ -1,0 +1,24 @@
+// Internal seams for tests. Not part of the public header, and never set in
+// normal use.
+#pragma once
+
+namespace norva::seam {
+
+// Points of a call at which a test may throw, to reach the catch clauses.
+enum class FaultPoint {
+    ArgumentsParsed,    // before any request is built; no temporary application yet
+    ApplicationStarted, // right after a temporary application would be built
+};
+
+using FaultHook = void (*)(FaultPoint);
+
+// Called at each fault point when set. Tests set it and reset it to nullptr.
+void setFaultHook(FaultHook hook);
+void reach(FaultPoint point);
+
+// How long an exchange may go without a byte in either direction before it is
+// abandoned as if no reply had come. 120 s unless a test shortens it.
+int idleLimitMs();
+void setIdleLimitMs(int milliseconds);
+
+} // namespace norva::seam

@@ -1,0 +1,74 @@
+#include "frame/shell.h"
+
+#include "frame/result.h"
+#include "frame/seams.h"
+
+#include <QJsonDocument>
+#include <QJsonParseError>
+
+#include <exception>
+
+namespace norva {
+
+namespace {
+
+// QCoreApplication keeps references to these for its whole life.
+int applicationArgc = 1;
+char applicationName[] = "";
+char* applicationArgv[] = {applicationName, nullptr};
+
+std::string caught(const QString& errorText, const ShellOptions& options)
+{
+    const std::string line = errorText.toStdString();
+    echoLine(line);
+    QJsonObject document;
+    document.insert(QStringLiteral("status"), 400);
+    document.insert(QStringLiteral("error_message"), errorText);
+    std::string text = compactText(document);
+    if (options.echoCaughtDocument)
+        echoLine(text);
+    return text;
+}
+
+} // namespace
+
+Call::Call(bool needsApplication) : needsApplication(needsApplication) {}
+
+void Call::startApplication()
+{
+    if (needsApplication && !application)
+        application.emplace(applicationArgc, applicationArgv);
+    seam::reach(seam::FaultPoint::ApplicationStarted);
+}
+
+void Call::exitTemporaryApplication()
+{
+    if (application)
+        QCoreApplication::exit(0);
+}
+
+std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow)
+{
+    const bool needsApplication = options.mayBuildApplication && QCoreApplication::startingUp();
+    try {
+        QJsonParseError error;
+        const QJsonDocument document =
+            QJsonDocument::fromJson(QString::fromStdString(argument).toUtf8(), &error);
+        if (error.error != QJsonParseError::NoError)
+            return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
+        seam::reach(seam::FaultPoint::ArgumentsParsed);
+
+        Call call(needsApplication);
+        std::string result = finishResult(flow(document.object(), call));
+        call.exitTemporaryApplication();
+        return result;
+    } catch (const QJsonParseError& error) {
+        return caught(error.errorString(), options);
+    } catch (const std::string& text) {
+        return caught(QString::fromStdString(text), options);
+    } catch (const std::exception& exception) {
+        return caught(QString::fromLocal8Bit(exception.what()), options);
+    }
+}
+
+} // namespace norva

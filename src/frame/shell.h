@@ -1,0 +1,52 @@
+// The shell of an operation: from the argument text to the result text.
+//
+// It parses the argument document, builds a temporary QCoreApplication when the
+// host has none, runs the operation's flow inside the three catch clauses, and
+// finishes the result document with its console echo.
+#pragma once
+
+#include <QCoreApplication>
+#include <QJsonObject>
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace norva {
+
+struct ShellOptions {
+    // The message of the argument parse failure.
+    const char* parseFailureMessage = "json str parse error";
+    // Whether a catch clause echoes its result document after the error line.
+    bool echoCaughtDocument = true;
+    // false for the object's members: they rely on the host's application.
+    bool mayBuildApplication = true;
+};
+
+// What a flow can ask of its call.
+class Call
+{
+public:
+    explicit Call(bool needsApplication);
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    // Builds the temporary application when the host has none. A flow calls it
+    // once everything that may be refused before sending has been decided.
+    void startApplication();
+    bool hasTemporaryApplication() const { return application.has_value(); }
+
+    // QCoreApplication::exit(0) on the temporary application, if there is one.
+    void exitTemporaryApplication();
+
+private:
+    const bool needsApplication;
+    std::optional<QCoreApplication> application;
+};
+
+// A flow reads the argument object, exchanges, and returns the result document.
+using Flow = std::function<QJsonObject(const QJsonObject& arguments, Call& call)>;
+
+std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow);
+
+} // namespace norva

@@ -1,0 +1,55 @@
+// Downloads: naming the stored file after the reply's Content-Disposition, and
+// saving the reply's bytes in the caller's folder.
+#pragma once
+
+#include "frame/exchange.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QJsonObject>
+#include <QString>
+
+#include <string>
+
+namespace norva::transfer {
+
+struct DownloadName {
+    QString filename; // the name from the reply, stamped when asked
+    QString newName;  // reName + "." + extension, or empty
+    QString stored;   // what the file is stored under
+};
+
+// The name behind the last "=" of the percent-decoded header; `reName` (when not
+// empty) wins over `timeStamp`, which inserts "_" + the time in `stampFormat`
+// between the part before the first "." and the part behind the last ".".
+DownloadName deriveDownloadName(const QByteArray& contentDisposition, const QString& reName,
+                                bool timeStamp, const QDateTime& now, const QString& stampFormat);
+
+// Whether a stored name stays directly inside the download folder.
+bool staysInFolder(const QString& storedName);
+
+// How the "error" text of an unopenable file is spelled.
+enum class OpenFailureText { Compact, Spaced };
+
+// Saves `bytes` under folder + separator + name and returns the result document.
+QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const DownloadName& name,
+                         OpenFailureText openFailureText);
+
+// The three downloads differ only in these points.
+struct DownloadVariant {
+    const char* path;
+    bool sendsToken;             // token header, "userId" in the body, 402 branch
+    const char* parseFailureMessage;
+    const char* stampFormat;
+    bool mayBuildApplication;    // false for the object's member
+    bool withNoReplyClass;       // false for the object's member
+    bool writesSizeLine;         // the object's member writes the byte count first
+    bool answers204;             // the mall's "Can not find this file"
+    // The mall spells the open failure with blanks when the host has its own
+    // application.
+    bool spacedOpenFailureWithHostApplication;
+};
+
+std::string runDownload(const DownloadVariant& variant, std::string argument);
+
+} // namespace norva::transfer

@@ -1,0 +1,103 @@
+// A loopback HTTP server that plays the records service in tests.
+//
+// It runs on a thread of its own (so it answers whatever the calling thread is
+// doing, with or without a Qt application), records every request exactly as it
+// came over the wire, and answers each with the next scripted reply.
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QPair>
+#include <QString>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace testing_support {
+
+using HeaderList = QList<QPair<QByteArray, QByteArray>>;
+
+struct RecordedRequest {
+    QByteArray method;
+    QByteArray target; // path with its query, as sent
+    HeaderList headers; // in the order sent
+    QByteArray body;    // decoded when chunked
+    QByteArray raw;     // everything received, head and body
+
+    bool hasHeader(const QByteArray& name) const;
+    // The first header of that name (case-insensitive); empty when absent.
+    QByteArray header(const QByteArray& name) const;
+    QByteArray path() const;  // target without the query
+    QByteArray query() const; // behind "?", empty when none
+};
+
+struct ScriptedReply {
+    enum class Kind {
+        Answer,             // status line, headers, Content-Length, body
+        Raw,                // `body` written as it is, then the connection closes
+        CloseWithoutAnswer, // accept the request and close
+        Stall,              // accept the request and send nothing until stopped
+    };
+
+    Kind kind = Kind::Answer;
+    int status = 200;
+    int delayMs = 0; // wait this long before answering
+    HeaderList headers;
+    QByteArray body;
+
+    static ScriptedReply json(const QByteArray& body, int status = 200);
+    static ScriptedReply withStatus(int status, const QByteArray& body = QByteArray());
+    static ScriptedReply file(const QByteArray& bytes, const QByteArray& contentDisposition);
+    static ScriptedReply raw(const QByteArray& bytes);
+    static ScriptedReply closeWithoutAnswer();
+    static ScriptedReply stall();
+};
+
+class TestService
+{
+public:
+    TestService();
+    ~TestService();
+    TestService(const TestService&) = delete;
+    TestService& operator=(const TestService&) = delete;
+
+    // "127.0.0.1:<port>"
+    QString address() const;
+    quint16 port() const { return boundPort; }
+
+    // Replies are used in order; once they are used up, the default reply answers.
+    void script(const ScriptedReply& reply);
+    void setDefaultReply(const ScriptedReply& reply);
+
+    std::vector<RecordedRequest> requests() const;
+    int requestCount() const;
+    RecordedRequest lastRequest() const;
+    void reset(); // forgets requests and script, restores the default reply
+
+private:
+    void acceptLoop();
+    void serve(int connection);
+    ScriptedReply nextReply();
+
+    int listener = -1;
+    int wakePipe[2] = {-1, -1};
+    quint16 boundPort = 0;
+    std::atomic<bool> stopping{false};
+    std::thread acceptor;
+    std::vector<std::thread> workers;
+
+    mutable std::mutex mutex;
+    std::condition_variable stopped;
+    std::deque<ScriptedReply> scripted;
+    ScriptedReply defaultReply;
+    std::vector<RecordedRequest> recorded;
+};
+
+// A loopback port with nothing listening, for the refused-connection case.
+QString refusedAddress();
+
+} // namespace testing_support
