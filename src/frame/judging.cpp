@@ -49,6 +49,22 @@ OutcomeTable selectOutcome(const char* success, const char* failure)
     };
 }
 
+OutcomeTable deleteOutcome(const char* success, const char* failure)
+{
+    return {
+        {200, 200, success, {{"API_msg", From::ReplyMsgOrNull}, {"data", From::ReplyData}}},
+        {otherwise, 400, failure, {{"API_msg", From::ReplyMsgOrNull}}},
+    };
+}
+
+OutcomeTable getQueryOutcome(const char* success, const char* failure)
+{
+    return {
+        {200, 200, success, {{"API_msg", From::ReplyMsgAsMessage}, {"data", From::ReplyData}}},
+        {otherwise, 400, failure, {{"API_msg", From::ReplyMsgAsMessage}}},
+    };
+}
+
 namespace {
 
 QJsonValue valueFrom(From from, const QJsonObject& reply, const QJsonValue& sentText)

@@ -75,6 +75,14 @@ OutcomeTable plainOutcome(const char* success, const char* failure);
 // As plainOutcome, but a failure carries the sent text in "data".
 OutcomeTable selectOutcome(const char* success, const char* failure);
 
+// The removals: both outcomes carry the reply's "msg" as "API_msg"; only success
+// carries the reply's "data".
+OutcomeTable deleteOutcome(const char* success, const char* failure);
+
+// The GET queries: both outcomes carry the reply's "msg" as text in "API_msg";
+// only success carries the reply's "data".
+OutcomeTable getQueryOutcome(const char* success, const char* failure);
+
 // The result document for a service reply object.
 QJsonObject applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
                          const QJsonValue& sentText);

@@ -9,22 +9,27 @@ namespace norva {
 
 Body jsonObject(KeyList keys)
 {
-    return Body{Body::Form::JsonObject, std::move(keys), nullptr, nullptr};
+    return Body{Body::Form::JsonObject, std::move(keys), nullptr, nullptr, {}};
 }
 
 Body jsonArrayOfRecords(const char* arrayKey, KeyList keys)
 {
-    return Body{Body::Form::JsonArray, std::move(keys), arrayKey, nullptr};
+    return Body{Body::Form::JsonArray, std::move(keys), arrayKey, nullptr, {}};
 }
 
 Body formText(const char* within, KeyList keys)
 {
-    return Body{Body::Form::FormText, std::move(keys), within, nullptr};
+    return Body{Body::Form::FormText, std::move(keys), within, nullptr, {}};
 }
 
 Body getQuery(const char* contentType, KeyList keys, const char* within)
 {
-    return Body{Body::Form::Query, std::move(keys), within, contentType};
+    return Body{Body::Form::Query, std::move(keys), within, contentType, {}};
+}
+
+Body customBody(RequestBuilder build)
+{
+    return Body{Body::Form::Custom, {}, nullptr, nullptr, std::move(build)};
 }
 
 KeyList pagedRaw()
@@ -98,6 +103,9 @@ std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) 
         outgoing = bodilessGet(url + query, body.getContentType, hasQuery);
         break;
     }
+    case Body::Form::Custom:
+        outgoing = body.build(arguments, url);
+        break;
     }
     if (access == Access::Token)
         setTokenHeader(outgoing, readText(arguments, QStringLiteral("token")));

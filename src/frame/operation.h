@@ -23,9 +23,12 @@ enum class Access {
     Token, // the "token" header, and HTTP 402 means "token expired"
 };
 
+// Builds a request that none of the declared forms describes (an upload form).
+using RequestBuilder = std::function<OutgoingRequest(const QJsonObject& arguments, const QString& url)>;
+
 // How the request body (or query) is made from the argument document.
 struct Body {
-    enum class Form { JsonObject, JsonArray, FormText, Query };
+    enum class Form { JsonObject, JsonArray, FormText, Query, Custom };
 
     Form form = Form::JsonObject;
     KeyList keys;
@@ -34,6 +37,7 @@ struct Body {
     const char* within = nullptr;
     // Content-Type of a Query, which goes out as a GET without a body.
     const char* getContentType = nullptr;
+    RequestBuilder build; // for Custom
 };
 
 // A JSON object of `keys`, read from the argument document.
@@ -47,6 +51,9 @@ Body formText(const char* within, KeyList keys);
 // A GET: "?key=value&..." of `keys` (from `within` when given), not encoded;
 // no keys means no query.
 Body getQuery(const char* contentType, KeyList keys = {}, const char* within = nullptr);
+
+// A POST built by `build` from the argument document and the service URL.
+Body customBody(RequestBuilder build);
 
 // The caller's "which_page" and "data_num_in_each_page" as the service's
 // "pageNo" and "pageSize": passed on as they are (a missing one is left out), or

@@ -1,0 +1,130 @@
+#include "support/operation_table.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QtTest>
+
+namespace testing_support {
+
+Wire post(const char* path, const QByteArray& body)
+{
+    return Wire{"POST", path, "application/json", body, "tk"};
+}
+
+Wire openPost(const char* path, const QByteArray& body)
+{
+    return Wire{"POST", path, "application/json", body, QByteArray()};
+}
+
+Wire formPost(const char* path, const QByteArray& text, bool withToken)
+{
+    return Wire{"POST", path, "application/x-www-form-urlencoded", text,
+                withToken ? QByteArray("tk") : QByteArray()};
+}
+
+Wire openGet(const QByteArray& target, const char* contentType)
+{
+    return Wire{"GET", target, contentType, QByteArray(""), QByteArray()};
+}
+
+Wire nothingSent()
+{
+    return Wire{};
+}
+
+QString sent(const QByteArray& text)
+{
+    const QByteArray array = QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.mid(1, array.size() - 2));
+}
+
+namespace {
+
+QString completeArgument(const QString& argument)
+{
+    if (!argument.startsWith(QLatin1Char('{')) || argument.contains(QLatin1String("\"ipconfig\"")))
+        return argument;
+    const QString rest = argument.mid(1).trimmed();
+    return QStringLiteral(R"({"ipconfig":"$ADDR","token":"tk")") + (rest == QLatin1String("}") ? "" : ",") + rest;
+}
+
+} // namespace
+
+CaseList httpClassCases(const QString& name, OperationFunction operation, const QString& argument,
+                        const Wire& wire, bool tokenExpiry, const QString& requestData)
+{
+    const QString unparseable =
+        QStringLiteral(R"({"message":"request connection success,status code 200,error:response json str parse error",)")
+        + (requestData.isNull() ? QString() : QStringLiteral(R"("request_data":)") + requestData + ",")
+        + R"("status":400})";
+    return {
+        {name + " / HTTP 402", operation, argument, ScriptedReply::withStatus(402, R"({"code":200})"), wire,
+         tokenExpiry ? R"({"message":"token expired","status":402})" : R"({"message":"request fail","status":400})", {}},
+        {name + " / HTTP 500", operation, argument, ScriptedReply::json(R"({"code":200,"data":1})", 500), wire,
+         R"({"message":"request fail","status":400})", {}},
+        {name + " / empty 200 body", operation, argument, ScriptedReply::json(""), wire, unparseable, {}},
+        {name + " / unreachable", operation, completeArgument(argument).replace(QLatin1String("$ADDR"), QLatin1String("$REFUSED")),
+         ScriptedReply(), nothingSent(), R"({"message":"Server shuts down","status":400})", {}},
+    };
+}
+
+CaseList argumentFailureCases(const QString& name, OperationFunction operation, const char* message)
+{
+    const QString result = QStringLiteral(R"({"message":"%1","status":400})").arg(QLatin1String(message));
+    return {
+        {name + " / empty argument", operation, QString(), ScriptedReply(), nothingSent(), result, {}},
+        {name + " / argument is no JSON", operation, QStringLiteral("{\"a\":"), ScriptedReply(), nothingSent(), result, {}},
+    };
+}
+
+void addCaseColumn()
+{
+    QTest::addColumn<OperationCase>("row");
+}
+
+void addCases(const CaseList& cases)
+{
+    for (const OperationCase& c : cases)
+        QTest::newRow(c.name.toUtf8().constData()) << c;
+}
+
+void runCase(TestService& service)
+{
+    QFETCH(OperationCase, row);
+    service.reset();
+    service.script(row.reply);
+    const QString address = service.address();
+    const QString expected = substitute(row.result, address);
+
+    const CallResult call = callOperation(row.operation, substitute(completeArgument(row.argument), address));
+
+    QCOMPARE(call.result, expected);
+    QStringList lines;
+    for (const QString& line : row.linesBefore)
+        lines << substitute(line, address);
+    QCOMPARE(call.lines, lines << expected);
+    QCOMPARE(call.applicationAfter, call.applicationBefore);
+
+    if (row.wire.method.isEmpty()) {
+        QCOMPARE(service.requestCount(), 0);
+        return;
+    }
+    QCOMPARE(service.requestCount(), 1);
+    const RecordedRequest request = service.lastRequest();
+    QCOMPARE(request.method, row.wire.method);
+    QCOMPARE(request.target, row.wire.target);
+    if (row.wire.contentType.startsWith("multipart/")) {
+        QVERIFY2(request.header("Content-Type").startsWith(row.wire.contentType), request.header("Content-Type"));
+    } else {
+        QCOMPARE(request.header("Content-Type"), row.wire.contentType);
+        QCOMPARE(request.body, row.wire.body);
+    }
+    if (row.wire.method == "GET")
+        QVERIFY(!request.hasHeader("Content-Length"));
+    else
+        QCOMPARE(request.header("Content-Length"), QByteArray::number(request.body.size()));
+    QCOMPARE(request.hasHeader("token"), !row.wire.token.isNull());
+    QCOMPARE(request.header("token"), row.wire.token.isNull() ? QByteArray() : row.wire.token);
+}
+
+} // namespace testing_support
