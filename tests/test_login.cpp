@@ -20,6 +20,7 @@ private slots:
 
     void resultTable_data();
     void resultTable();
+    void callsInARowEachWaitForTheirOwnReply();
 
 private:
     TestService service;
@@ -145,6 +146,22 @@ void LoginTest::resultTable()
     QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
     QCOMPARE(request.header("Content-Length"), QByteArray::number(sentBody.size()));
     QVERIFY(!request.hasHeader("token"));
+}
+
+void LoginTest::callsInARowEachWaitForTheirOwnReply()
+{
+    // Without a host application each call builds and ends its own; with one,
+    // the calls share it. Either way each call gets the answer meant for it.
+    const int calls = 50;
+    for (int i = 0; i < calls; ++i)
+        service.script(ScriptedReply::json(QByteArray(R"({"code":200,"data":)") + QByteArray::number(i) + "}"));
+    const QString argument = substitute(R"({"ipconfig":"$ADDR","username":"ada","password":"pw"})", service.address());
+    for (int i = 0; i < calls; ++i) {
+        const CallResult call = callOperation(NORVA::NORVA_API_QT::norva_sdk_login, argument);
+        QCOMPARE(call.result, QStringLiteral(R"({"data":%1,"message":"login success","status":200})").arg(i));
+        QCOMPARE(call.applicationAfter, call.applicationBefore);
+    }
+    QCOMPARE(service.requestCount(), calls);
 }
 
 NORVA_TEST_MAIN(LoginTest)

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# The shared library exports the 42 operations and the class, and nothing of its
+# internals.
+set -euo pipefail
+library="$1"
+symbols=$(nm -D --defined-only -C "$library")
+
+operations=$(grep -cE 'NORVA::(NORVA_API_QT|TAVLIN_KVRAPI_QT)::norva_(sdk|tavlin)_[a-z0-9_]+\(std::' <<<"$symbols" || true)
+if [ "$operations" -ne 42 ]; then
+  echo "expected 42 exported operations, found $operations"; exit 1
+fi
+for member in 'NORVA_HTTP_API::norva_sdk_login(' 'NORVA_HTTP_API::norva_sdk_download_binary_file(' \
+              'NORVA_HTTP_API::requestFinished(QNetworkReply\*)' 'NORVA_HTTP_API::staticMetaObject' \
+              'NORVA_HTTP_API::qt_metacast(' 'NORVA_HTTP_API::NORVA_HTTP_API(QObject\*)'; do
+  grep -q "$member" <<<"$symbols" || { echo "missing export: $member"; exit 1; }
+done
+if grep -E ' (norva|testing_support)::' <<<"$symbols"; then
+  echo "internal symbols are exported"; exit 1
+fi
+echo "exports: 42 operations and NORVA_HTTP_API, no internals"

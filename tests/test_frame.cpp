@@ -1,0 +1,154 @@
+// The frame's own pieces, without the public header's view: reading modes,
+// and the catch clauses reached through the internal fault seam.
+#include "support/harness.h"
+
+#include "frame/reading.h"
+#include "frame/seams.h"
+#include "norva_api_qt.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QtTest>
+
+#include <new>
+#include <stdexcept>
+
+using namespace testing_support;
+using norva::Read;
+
+Q_DECLARE_METATYPE(norva::Read)
+Q_DECLARE_METATYPE(norva::seam::FaultPoint)
+
+namespace {
+
+// What the fault hook throws, chosen by the test before each call.
+enum class Throw { ParseError, Text, BadAlloc, Runtime };
+Throw nextThrow = Throw::Runtime;
+norva::seam::FaultPoint throwAt = norva::seam::FaultPoint::ArgumentsParsed;
+
+void throwingHook(norva::seam::FaultPoint point)
+{
+    if (point != throwAt)
+        return;
+    switch (nextThrow) {
+    case Throw::ParseError: {
+        QJsonParseError error;
+        error.error = QJsonParseError::UnterminatedObject;
+        throw error;
+    }
+    case Throw::Text:
+        throw std::string("disk on fire");
+    case Throw::BadAlloc:
+        throw std::bad_alloc();
+    case Throw::Runtime:
+        throw std::runtime_error("runtime trouble");
+    }
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Throw)
+
+class FrameTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void readingModes_data();
+    void readingModes();
+    void catchClauses_data();
+    void catchClauses();
+    void cleanup() { norva::seam::setFaultHook(nullptr); }
+};
+
+void FrameTest::readingModes_data()
+{
+    QTest::addColumn<QByteArray>("value"); // the value of key "k"; empty: no key
+    QTest::addColumn<Read>("mode");
+    QTest::addColumn<QByteArray>("expected"); // {"v":...}; {} when no key results
+
+    const struct {
+        const char* value;
+        Read mode;
+        const char* expected;
+    } rows[] = {
+        {"", Read::Text, R"({"v":""})"},           {"5", Read::Text, R"({"v":""})"},
+        {R"("t")", Read::Text, R"({"v":"t"})"},    {"", Read::Integer, R"({"v":0})"},
+        {"7", Read::Integer, R"({"v":7})"},        {"1.0", Read::Integer, R"({"v":1})"},
+        {"2.5", Read::Integer, R"({"v":0})"},      {R"("5")", Read::Integer, R"({"v":0})"},
+        {"true", Read::Integer, R"({"v":0})"},     {"", Read::Raw, "{}"},
+        {"null", Read::Raw, R"({"v":null})"},      {"[1]", Read::Raw, R"({"v":[1]})"},
+        {"", Read::OptionalRaw, R"({"v":null})"},  {"false", Read::OptionalRaw, R"({"v":false})"},
+        {"", Read::OptionalText, R"({"v":""})"},   {"3", Read::OptionalText, R"({"v":""})"},
+        {"", Read::OptionalMessage, R"({"v":null})"}, {"3", Read::OptionalMessage, R"({"v":""})"},
+        {R"("m")", Read::OptionalMessage, R"({"v":"m"})"},
+    };
+    for (const auto& row : rows)
+        QTest::addRow("%s as mode %d", *row.value ? row.value : "missing", int(row.mode))
+            << QByteArray(row.value) << row.mode << QByteArray(row.expected);
+}
+
+void FrameTest::readingModes()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(Read, mode);
+    QFETCH(QByteArray, expected);
+    const QJsonObject from =
+        QJsonDocument::fromJson(value.isEmpty() ? QByteArray("{}") : "{\"k\":" + value + "}").object();
+    const QJsonObject built = norva::mapKeys(from, {{"v", "k", mode}});
+    QCOMPARE(QJsonDocument(built).toJson(QJsonDocument::Compact), expected);
+}
+
+void FrameTest::catchClauses_data()
+{
+    QTest::addColumn<Throw>("kind");
+    QTest::addColumn<norva::seam::FaultPoint>("point");
+    QTest::addColumn<bool>("echoes");
+    QTest::addColumn<QString>("errorText");
+
+    using norva::seam::FaultPoint;
+    const QString parseErrorText = QJsonParseError{0, QJsonParseError::UnterminatedObject}.errorString();
+    for (const auto point : {FaultPoint::ArgumentsParsed, FaultPoint::ApplicationStarted}) {
+        const char* where = point == FaultPoint::ArgumentsParsed ? "before the application" : "after the application";
+        for (const bool echoes : {true, false}) {
+            const char* how = echoes ? "with echo" : "without echo";
+            QTest::addRow("QJsonParseError %s %s", where, how) << Throw::ParseError << point << echoes << parseErrorText;
+            QTest::addRow("std::string %s %s", where, how) << Throw::Text << point << echoes << "disk on fire";
+            QTest::addRow("std::bad_alloc %s %s", where, how)
+                << Throw::BadAlloc << point << echoes << QString::fromLatin1(std::bad_alloc().what());
+            QTest::addRow("std::runtime_error %s %s", where, how) << Throw::Runtime << point << echoes << "runtime trouble";
+        }
+    }
+}
+
+void FrameTest::catchClauses()
+{
+    QFETCH(Throw, kind);
+    QFETCH(norva::seam::FaultPoint, point);
+    QFETCH(bool, echoes);
+    QFETCH(QString, errorText);
+    nextThrow = kind;
+    throwAt = point;
+    norva::seam::setFaultHook(throwingHook);
+
+    TestService service;
+    // select_order_by_page keeps the echo; get_all_model_id is one of those without.
+    const OperationFunction operation = echoes ? NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_select_order_by_page
+                                               : NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_get_all_model_id;
+    const CallResult call = callOperation(operation, substitute(R"({"ipconfig":"$ADDR"})", service.address()));
+
+    QJsonObject expectedDocument{{"status", 400}, {"error_message", errorText}};
+    const QString expected = QString::fromUtf8(QJsonDocument(expectedDocument).toJson(QJsonDocument::Compact));
+    QCOMPARE(call.result, expected);
+    QVERIFY(!call.result.contains(QLatin1String("\"message\"")));
+    QStringList lines{errorText};
+    if (echoes)
+        lines << expected;
+    QCOMPARE(call.lines, lines);
+    QCOMPARE(service.requestCount(), 0);
+    // Unwinding ended the temporary application, if one was built.
+    QCOMPARE(QCoreApplication::instance(), nullptr);
+}
+
+QTEST_APPLESS_MAIN(FrameTest)
+#include "test_frame.moc"

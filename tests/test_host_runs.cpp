@@ -1,0 +1,79 @@
+// A host with its own application, calling from inside its running event loop.
+#include "support/harness.h"
+
+#include "norva_api_qt.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+#include <QtTest>
+
+using namespace testing_support;
+using NORVA::NORVA_API_QT::norva_sdk_login;
+
+class HostRunTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void callFromInsideExecLeavesTheHostLoopRunning();
+    void aCallMadeWhileAnotherWaitsCompletesToo();
+
+private:
+    QString loginArgument() const
+    {
+        return substitute(R"({"ipconfig":"$ADDR","username":"ada","password":"pw"})", service.address());
+    }
+    TestService service;
+};
+
+void HostRunTest::callFromInsideExecLeavesTheHostLoopRunning()
+{
+    service.script(ScriptedReply::json(R"({"code":200,"data":"t"})"));
+    QString result;
+    bool laterTimerRan = false;
+    QTimer::singleShot(0, [&] {
+        result = QString::fromStdString(norva_sdk_login(loginArgument().toStdString()));
+        // The host's loop must still be alive: this timer fires only if it is.
+        QTimer::singleShot(20, [&] {
+            laterTimerRan = true;
+            QCoreApplication::exit(42);
+        });
+    });
+    StdoutCapture quiet;
+    const int exitCode = QCoreApplication::exec();
+    QCOMPARE(exitCode, 42); // the library never called exit() on the host
+    QVERIFY(laterTimerRan);
+    QCOMPARE(result, QStringLiteral(R"({"data":"t","message":"login success","status":200})"));
+}
+
+void HostRunTest::aCallMadeWhileAnotherWaitsCompletesToo()
+{
+    service.reset();
+    // The first request is answered late; the second, made from a timer that
+    // fires inside the first call's wait, is answered at once.
+    ScriptedReply slow = ScriptedReply::json(R"({"code":200,"data":"outer"})");
+    slow.delayMs = 300;
+    service.script(slow);
+    service.script(ScriptedReply::json(R"({"code":200,"data":"inner"})"));
+
+    QString outer;
+    QString inner;
+    QTimer nested;
+    nested.setSingleShot(true);
+    nested.setInterval(50);
+    QObject::connect(&nested, &QTimer::timeout,
+                     [&] { inner = QString::fromStdString(norva_sdk_login(loginArgument().toStdString())); });
+    QTimer::singleShot(0, [&] {
+        nested.start();
+        outer = QString::fromStdString(norva_sdk_login(loginArgument().toStdString()));
+        QCoreApplication::exit(7);
+    });
+    StdoutCapture quiet;
+    QCOMPARE(QCoreApplication::exec(), 7);
+    QCOMPARE(inner, QStringLiteral(R"({"data":"inner","message":"login success","status":200})"));
+    QCOMPARE(outer, QStringLiteral(R"({"data":"outer","message":"login success","status":200})"));
+    QCOMPARE(service.requestCount(), 2);
+}
+
+QTEST_GUILESS_MAIN(HostRunTest)
+#include "test_host_runs.moc"
