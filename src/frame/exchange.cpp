@@ -65,7 +65,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     ReceivedReply received;
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     received.httpStatus = idle ? 0 : status.toInt();
-    received.body = reply->readAll();
+    if (reply->isOpen()) // an abandoned reply is closed and has nothing to read
+        received.body = reply->readAll();
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();
