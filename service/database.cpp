@@ -1,0 +1,132 @@
+#include "database.h"
+
+#include <QJsonDocument>
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+
+namespace norva::service {
+
+namespace {
+
+class Statement
+{
+public:
+    Statement(sqlite3* db, const std::string& sql)
+    {
+        if (sqlite3_prepare_v2(db, sql.c_str(), int(sql.size()), &statement, nullptr) != SQLITE_OK)
+            throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+    }
+    ~Statement() { sqlite3_finalize(statement); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    void bind(int index, const QJsonValue& value)
+    {
+        switch (value.type()) {
+        case QJsonValue::Bool:
+            sqlite3_bind_int(statement, index, value.toBool() ? 1 : 0);
+            break;
+        case QJsonValue::Double: {
+            const double number = value.toDouble();
+            if (number == double(static_cast<long long>(number)))
+                sqlite3_bind_int64(statement, index, static_cast<long long>(number));
+            else
+                sqlite3_bind_double(statement, index, number);
+            break;
+        }
+        case QJsonValue::String: {
+            const QByteArray text = value.toString().toUtf8();
+            sqlite3_bind_text(statement, index, text.constData(), text.size(), SQLITE_TRANSIENT);
+            break;
+        }
+        case QJsonValue::Array:
+        case QJsonValue::Object: {
+            const QByteArray text = value.isArray() ? QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact)
+                                                    : QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact);
+            sqlite3_bind_text(statement, index, text.constData(), text.size(), SQLITE_TRANSIENT);
+            break;
+        }
+        case QJsonValue::Null:
+        case QJsonValue::Undefined:
+            sqlite3_bind_null(statement, index);
+            break;
+        }
+    }
+
+    QJsonValue column(int index) const
+    {
+        switch (sqlite3_column_type(statement, index)) {
+        case SQLITE_INTEGER:
+            return double(sqlite3_column_int64(statement, index));
+        case SQLITE_FLOAT:
+            return sqlite3_column_double(statement, index);
+        case SQLITE_TEXT:
+            return QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(statement, index)),
+                                     sqlite3_column_bytes(statement, index));
+        default:
+            return QJsonValue::Null;
+        }
+    }
+
+    sqlite3_stmt* statement = nullptr;
+};
+
+} // namespace
+
+Database::~Database()
+{
+    sqlite3_close(db);
+}
+
+bool Database::open(const std::string& path, std::string& error)
+{
+    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
+        error = sqlite3_errmsg(db);
+        return false;
+    }
+    sqlite3_busy_timeout(db, 5000);
+    return true;
+}
+
+void Database::execute(const std::string& sql)
+{
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string text = message ? message : "unknown error";
+        sqlite3_free(message);
+        throw std::runtime_error("sql: " + text);
+    }
+}
+
+QJsonArray Database::query(const std::string& sql, const std::vector<QJsonValue>& values)
+{
+    Statement statement(db, sql);
+    for (std::size_t i = 0; i < values.size(); ++i)
+        statement.bind(int(i) + 1, values[i]);
+    QJsonArray rows;
+    int step;
+    while ((step = sqlite3_step(statement.statement)) == SQLITE_ROW) {
+        QJsonObject row;
+        for (int c = 0; c < sqlite3_column_count(statement.statement); ++c)
+            row.insert(QString::fromUtf8(sqlite3_column_name(statement.statement, c)), statement.column(c));
+        rows.append(row);
+    }
+    if (step != SQLITE_DONE)
+        throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+    return rows;
+}
+
+int Database::change(const std::string& sql, const std::vector<QJsonValue>& values)
+{
+    query(sql, values);
+    return sqlite3_changes(db);
+}
+
+long long Database::lastInsertId() const
+{
+    return sqlite3_last_insert_rowid(db);
+}
+
+} // namespace norva::service

@@ -1,0 +1,87 @@
+// norva-records-service: a local stand-in of the records service, for trying the
+// library and developing offline.
+//
+//   norva-records-service [--listen host:port] [--token-ttl seconds] [data-folder]
+#include "http_server.h"
+#include "records_service.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+norva::service::HttpServer* running = nullptr;
+
+void stopOnSignal(int)
+{
+    if (running)
+        running->stop();
+}
+
+int usage(int code)
+{
+    std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [data-folder]\n"
+                "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
+                "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
+                "  data-folder  where the database and file contents live (default ./norva-data)\n");
+    return code;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    norva::service::ServiceOptions options;
+    std::string listen = "127.0.0.1:8765";
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h")
+            return usage(0);
+        if (arg == "--listen" && i + 1 < argc)
+            listen = argv[++i];
+        else if (arg == "--token-ttl" && i + 1 < argc)
+            options.tokenLifetimeSeconds = std::atoll(argv[++i]);
+        else if (!arg.empty() && arg[0] != '-')
+            options.dataFolder = arg;
+        else
+            return usage(2);
+    }
+    const auto colon = listen.rfind(':');
+    if (colon == std::string::npos)
+        return usage(2);
+    std::string host = listen.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+
+    norva::service::RecordsService service(options);
+    std::string error;
+    bool seeded = false;
+    if (!service.open(error, seeded)) {
+        std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
+        return 1;
+    }
+    norva::service::HttpServer server([&service](const norva::service::HttpRequest& request) {
+        return service.handle(request);
+    });
+    if (!server.listen(host, std::atoi(listen.c_str() + colon + 1), error)) {
+        std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("data folder: %s\n", options.dataFolder.c_str());
+    if (seeded)
+        std::printf("created user %s with password %s\n", norva::service::RecordsService::seededUser,
+                    norva::service::RecordsService::seededPassword);
+    std::printf("listening on %s:%d\n", host.c_str(), server.port());
+    std::fflush(stdout);
+
+    running = &server;
+    std::signal(SIGINT, stopOnSignal);
+    std::signal(SIGTERM, stopOnSignal);
+    std::signal(SIGPIPE, SIG_IGN);
+    server.run();
+    running = nullptr;
+    return 0;
+}

@@ -1,0 +1,691 @@
+#include "records_service.h"
+
+#include "form_reader.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+#include <QUuid>
+
+#include <algorithm>
+
+namespace norva::service {
+
+namespace {
+
+const char* const schema = R"(
+CREATE TABLE IF NOT EXISTS users(id INTEGER PRIMARY KEY, userName TEXT UNIQUE NOT NULL, userPwd TEXT NOT NULL,
+  userRealname TEXT);
+CREATE TABLE IF NOT EXISTS tokens(token TEXT PRIMARY KEY, userId INTEGER NOT NULL, expires INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS original_files(id INTEGER PRIMARY KEY, origfilename TEXT, origfileguid TEXT,
+  mongogridfsid TEXT, origfilesuffix TEXT, zkcompanycode TEXT, createuserid, fileupdateuserid, updateuserid,
+  parentid, type, source, isError, delflag INTEGER NOT NULL DEFAULT 0, size INTEGER, createtime TEXT);
+CREATE TABLE IF NOT EXISTS shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT);
+CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY, userId, boardId, boardName, createtime TEXT);
+CREATE TABLE IF NOT EXISTS error_library(id INTEGER PRIMARY KEY, source, layer, errorMessage);
+CREATE TABLE IF NOT EXISTS error_messages(id INTEGER PRIMARY KEY, brdId, isReappear, remark, gridX, gridY, source,
+  layer, priority, libraryId, errorMessage);
+CREATE TABLE IF NOT EXISTS mall_orders(id INTEGER PRIMARY KEY, orderNum TEXT UNIQUE, userId, boardId, createtime TEXT);
+CREATE TABLE IF NOT EXISTS planner_models(id INTEGER PRIMARY KEY, name TEXT, params TEXT, createtime TEXT);
+)";
+
+QString now()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+}
+
+std::string compact(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
+}
+
+HttpResponse reply(int code, const QJsonValue& msg, const QJsonValue& data = QJsonValue::Null)
+{
+    return HttpResponse::json(compact({{"code", code}, {"msg", msg}, {"data", data}}));
+}
+
+HttpResponse ok(const QJsonValue& data = QJsonValue::Null, const char* msg = "success")
+{
+    return reply(200, QString::fromLatin1(msg), data);
+}
+
+HttpResponse refuse(const char* msg, int code = 400)
+{
+    return reply(code, QString::fromLatin1(msg));
+}
+
+QJsonValue field(const QJsonObject& object, const char* key)
+{
+    return object.value(QString::fromLatin1(key));
+}
+
+bool present(const QJsonValue& value)
+{
+    return !value.isNull() && !value.isUndefined();
+}
+
+// WHERE clauses from filters; a filter that is null or absent means "any".
+class Filter
+{
+public:
+    Filter& equal(const char* column, const QJsonValue& value)
+    {
+        if (present(value))
+            add(std::string(column) + " = ?", value);
+        return *this;
+    }
+    Filter& like(const char* column, const QJsonValue& value)
+    {
+        if (present(value))
+            add(std::string(column) + " LIKE ?", QStringLiteral("%") + value.toVariant().toString() + QStringLiteral("%"));
+        return *this;
+    }
+    Filter& since(const char* column, const QJsonValue& value)
+    {
+        if (present(value))
+            add(std::string(column) + " >= ?", value);
+        return *this;
+    }
+    Filter& until(const char* column, const QJsonValue& value)
+    {
+        if (present(value))
+            add(std::string(column) + " <= ?", value);
+        return *this;
+    }
+    Filter& raw(const std::string& condition, const std::vector<QJsonValue>& binds)
+    {
+        conditions.push_back(condition);
+        values.insert(values.end(), binds.begin(), binds.end());
+        return *this;
+    }
+    std::string where() const
+    {
+        std::string text;
+        for (const std::string& c : conditions)
+            text += (text.empty() ? " WHERE " : " AND ") + c;
+        return text;
+    }
+    const std::vector<QJsonValue>& binds() const { return values; }
+
+private:
+    void add(const std::string& condition, const QJsonValue& value)
+    {
+        conditions.push_back(condition);
+        values.push_back(value);
+    }
+    std::vector<std::string> conditions;
+    std::vector<QJsonValue> values;
+};
+
+int pageNumber(const QJsonValue& value)
+{
+    const int n = value.isString() ? value.toString().toInt() : value.toInt();
+    return n > 0 ? n : 1;
+}
+
+int pageSizeOf(const QJsonValue& value)
+{
+    const int n = value.isString() ? value.toString().toInt() : value.toInt();
+    return n > 0 ? std::min(n, 1000) : 10;
+}
+
+std::map<std::string, std::string> formFields(const std::string& body)
+{
+    std::map<std::string, std::string> fields;
+    std::size_t at = 0;
+    while (at <= body.size()) {
+        const std::size_t amp = std::min(body.find('&', at), body.size());
+        const std::string pair = body.substr(at, amp - at);
+        const std::size_t eq = pair.find('=');
+        if (!pair.empty())
+            fields[percentDecode(pair.substr(0, eq), true)] =
+                eq == std::string::npos ? std::string() : percentDecode(pair.substr(eq + 1), true);
+        at = amp + 1;
+    }
+    return fields;
+}
+
+long long formNumber(const std::map<std::string, std::string>& form, const char* key)
+{
+    const auto it = form.find(key);
+    return it == form.end() ? 0 : std::strtoll(it->second.c_str(), nullptr, 10);
+}
+
+QString suffixOf(const QString& name)
+{
+    const int point = name.lastIndexOf(QLatin1Char('.'));
+    return point < 0 ? QString() : name.mid(point + 1);
+}
+
+} // namespace
+
+struct RecordsService::Call {
+    const HttpRequest& request;
+    QJsonObject object;
+    QJsonArray array;
+    long long userId = 0;
+
+    QJsonValue operator[](const char* key) const { return field(object, key); }
+};
+
+RecordsService::RecordsService(ServiceOptions options) : options(std::move(options))
+{
+    addRoutes();
+}
+
+std::string RecordsService::filePath(long long id) const
+{
+    return options.dataFolder + "/files/" + std::to_string(id);
+}
+
+bool RecordsService::open(std::string& error, bool& seeded)
+{
+    if (!QDir().mkpath(QString::fromStdString(options.dataFolder + "/files"))) {
+        error = "cannot create the data folder " + options.dataFolder;
+        return false;
+    }
+    if (!db.open(options.dataFolder + "/records.sqlite3", error))
+        return false;
+    try {
+        db.execute("PRAGMA journal_mode=WAL;");
+        db.execute(schema);
+        seeded = db.query("SELECT id FROM users LIMIT 1").isEmpty();
+        if (seeded)
+            seed();
+    } catch (const std::exception& e) {
+        error = e.what();
+        return false;
+    }
+    return true;
+}
+
+void RecordsService::seed()
+{
+    db.execute("BEGIN");
+    db.change("INSERT INTO users(userName, userPwd, userRealname) VALUES(?, ?, ?)",
+              {QString::fromLatin1(seededUser), QString::fromLatin1(seededPassword), QStringLiteral("Norva Demo")});
+    const long long userId = db.lastInsertId();
+    // One board in the mall, so that orders point somewhere and can be fetched.
+    const QByteArray sample = "G04 sample board, top copper*\nX0Y0D02*\nX1000Y0D01*\nM02*\n";
+    db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
+              "createuserid, parentid, type, source, isError, size, createtime) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+              {QStringLiteral("sample board.gbr"), QUuid::createUuid().toString(QUuid::WithoutBraces),
+               QStringLiteral("local"), QStringLiteral("gbr"), QStringLiteral("NORVA"), double(userId), 0, 1, 1, 0,
+               sample.size(), now()});
+    const long long boardId = db.lastInsertId();
+    QFile file(QString::fromStdString(filePath(boardId)));
+    if (file.open(QIODevice::WriteOnly))
+        file.write(sample);
+    for (const char* order : {"A-1001", "A-1002", "A-1003"})
+        db.change("INSERT INTO mall_orders(orderNum, userId, boardId, createtime) VALUES(?,?,?,?)",
+                  {QString::fromLatin1(order), double(userId), double(boardId), now()});
+    const struct {
+        const char* name;
+        const char* params;
+    } models[] = {
+        {"drill-2024", R"({"spindleRpm":60000,"feedMmPerS":2.5,"layers":2})"},
+        {"route-2025", R"({"spindleRpm":30000,"feedMmPerS":12,"layers":4})"},
+        {"laser-2026", R"({"powerW":15,"passes":3,"layers":6})"},
+    };
+    for (const auto& model : models)
+        db.change("INSERT INTO planner_models(name, params, createtime) VALUES(?,?,?)",
+                  {QString::fromLatin1(model.name), QString::fromLatin1(model.params), now()});
+    db.execute("COMMIT");
+}
+
+long long RecordsService::tokenUser(const std::string& token)
+{
+    if (token.empty())
+        return 0;
+    const QJsonArray rows = db.query("SELECT userId FROM tokens WHERE token = ? AND expires > ?",
+                                     {QString::fromStdString(token), double(QDateTime::currentSecsSinceEpoch())});
+    return rows.isEmpty() ? 0 : static_cast<long long>(rows.first().toObject().value("userId").toDouble());
+}
+
+HttpResponse RecordsService::handle(const HttpRequest& request)
+{
+    const auto route = routes.find(request.path);
+    if (route == routes.end())
+        return HttpResponse::text(404, "no such path\n");
+    if (route->second.first != request.method)
+        return HttpResponse::text(405, "use " + route->second.first + "\n");
+
+    Call call{request, {}, {}, 0};
+    std::lock_guard<std::mutex> lock(db.lock());
+    const bool open = request.path.rfind("/kvr/", 0) != 0 || request.path == "/kvr/authority/login"
+                      || request.path == "/kvr/authority/logOut";
+    if (!open && (call.userId = tokenUser(request.header("token"))) == 0)
+        return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
+
+    if (!request.body.empty() && request.header("Content-Type").rfind("application/json", 0) == 0) {
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(request.body), &error);
+        if (error.error != QJsonParseError::NoError)
+            return refuse("the body is no JSON");
+        call.object = document.object();
+        call.array = document.array();
+    }
+    return route->second.second(call);
+}
+
+void RecordsService::addRoutes()
+{
+    const auto post = [this](const char* path, Route route) { routes[path] = {"POST", std::move(route)}; };
+    const auto get = [this](const char* path, Route route) { routes[path] = {"GET", std::move(route)}; };
+
+    // Lists a table, whole or by page, with the filters' WHERE clause.
+    const auto list = [this](const std::string& select, const Filter& filter, const std::string& order,
+                             const Call* paged) -> QJsonValue {
+        if (!paged)
+            return db.query(select + filter.where() + order, filter.binds());
+        const int pageNo = pageNumber((*paged)["pageNo"]);
+        const int pageSize = pageSizeOf((*paged)["pageSize"]);
+        const QJsonArray total =
+            db.query("SELECT COUNT(*) AS n FROM (" + select + filter.where() + ")", filter.binds());
+        std::vector<QJsonValue> binds = filter.binds();
+        binds.push_back(pageSize);
+        binds.push_back(double(pageNo - 1) * pageSize);
+        return QJsonObject{{"pageNo", pageNo},
+                           {"pageSize", pageSize},
+                           {"total", total.first().toObject().value("n")},
+                           {"list", db.query(select + filter.where() + order + " LIMIT ? OFFSET ?", binds)}};
+    };
+
+    // ---- Accounts --------------------------------------------------------
+    post("/kvr/authority/login", [this](Call& call) {
+        const QJsonArray users =
+            db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {call["userName"].toString()});
+        if (users.isEmpty())
+            return refuse("user does not exist", 410);
+        const QJsonObject user = users.first().toObject();
+        if (user.value("userPwd").toString() != call["userPwd"].toVariant().toString())
+            return refuse("wrong password", 411);
+        const QString token = QUuid::createUuid().toString(QUuid::Id128)
+                              + QString::number(QRandomGenerator::system()->generate64(), 16);
+        db.change("INSERT INTO tokens(token, userId, expires) VALUES(?,?,?)",
+                  {token, user.value("id"), double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds)});
+        return ok(QJsonObject{{"token", token},
+                              {"userId", user.value("id")},
+                              {"userName", call["userName"]},
+                              {"userRealname", user.value("userRealname")}},
+                  "login success");
+    });
+    post("/kvr/authority/logOut", [this](Call& call) {
+        if (db.query("SELECT id FROM users WHERE id = ?", {call["id"]}).isEmpty())
+            return refuse("no such user");
+        db.change("DELETE FROM tokens WHERE userId = ?", {call["id"]});
+        return ok(call["id"], "logged out");
+    });
+    post("/kvr/authority/updateUser", [this](Call& call) {
+        if (call["userPwd"].toString().isEmpty())
+            return refuse("the password must not be empty");
+        if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {call["userPwd"], call["id"]}) == 0)
+            return refuse("no such user");
+        return ok(call["id"], "password changed");
+    });
+    const auto selectUsers = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("id", call["id"]).like("userName", call["userName"]).like("userRealname", call["userRealname"]);
+        return ok(list("SELECT id, userName, userRealname FROM users", filter, " ORDER BY id", paged ? &call : nullptr));
+    };
+    post("/kvr/authority/selectUser", [selectUsers](Call& call) { return selectUsers(call, false); });
+    post("/kvr/authority/selectUserByPage", [selectUsers](Call& call) { return selectUsers(call, true); });
+
+    // ---- Original files --------------------------------------------------
+    const auto storeFile = [this](const FormField& file, const QJsonObject& info) -> long long {
+        const QString name = QString::fromStdString(file.filename);
+        db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
+                  "createuserid, parentid, type, source, isError, size, createtime) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+                  {name, QUuid::createUuid().toString(QUuid::WithoutBraces), QStringLiteral("local"), suffixOf(name),
+                   field(info, "zkcompanycode"), field(info, "createuserid"), field(info, "parentid"),
+                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.body.size()), now()});
+        const long long id = db.lastInsertId();
+        QFile out(QString::fromStdString(filePath(id)));
+        if (!out.open(QIODevice::WriteOnly) || out.write(file.body.data(), qint64(file.body.size())) != qint64(file.body.size()))
+            throw std::runtime_error("cannot store the file");
+        return id;
+    };
+    const auto share = [this](const QJsonObject& info, long long boardId) {
+        db.change("INSERT INTO shares(userId, brdId, acsTypeId, acsType, createtime) VALUES(?,?,?,?,?)",
+                  {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now()});
+    };
+    const auto readUpload = [](Call& call, std::vector<FormField>& fields, QJsonObject& data) {
+        if (!readForm(call.request.body, formBoundary(call.request.header("Content-Type")), fields))
+            return false;
+        const auto dataPart = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "data"; });
+        if (dataPart == fields.end())
+            return false;
+        data = QJsonDocument::fromJson(QByteArray::fromStdString(dataPart->body)).object();
+        return true;
+    };
+    const auto uploadOne = [this, readUpload, storeFile, share](Call& call, bool withShare) {
+        std::vector<FormField> fields;
+        QJsonObject data;
+        if (!readUpload(call, fields, data))
+            return refuse("the form needs a file part and a data part");
+        const auto file = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "file"; });
+        if (file == fields.end())
+            return refuse("the form needs a file part and a data part");
+        const QJsonObject info = field(data, "fileInfo").toObject();
+        db.execute("BEGIN");
+        try {
+            const long long id = storeFile(*file, info);
+            const QJsonObject error = field(data, "errorInfo").toObject();
+            if (data.contains("errorInfo"))
+                db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
+                          "libraryId, errorMessage) VALUES(?,?,?,?,?,?,?,?,?,?)",
+                          {double(id), field(error, "isReappear"), field(error, "remark"), field(error, "gridX"),
+                           field(error, "gridY"), field(error, "source"), field(error, "layer"), field(error, "priority"),
+                           field(error, "libraryId"), field(error, "errorMessage")});
+            if (withShare)
+                share(info, id);
+            db.execute("COMMIT");
+            return ok(double(id), "imported");
+        } catch (...) {
+            db.execute("ROLLBACK");
+            throw;
+        }
+    };
+    const auto uploadMany = [this, readUpload, storeFile, share](Call& call, bool withShare) {
+        std::vector<FormField> fields;
+        QJsonObject data;
+        if (!readUpload(call, fields, data))
+            return refuse("the form needs a data part");
+        QJsonArray ids;
+        db.execute("BEGIN");
+        try {
+            for (const FormField& file : fields) {
+                if (file.name != "multipartFiles")
+                    continue;
+                const long long id = storeFile(file, data);
+                if (withShare)
+                    share(data, id);
+                ids.append(double(id));
+            }
+            db.execute("COMMIT");
+        } catch (...) {
+            db.execute("ROLLBACK");
+            throw;
+        }
+        if (ids.isEmpty())
+            return refuse("no files in the form");
+        return ok(ids, "imported");
+    };
+    post("/kvr/originalFile/uploadFile", [uploadOne](Call& call) { return uploadOne(call, false); });
+    post("/kvr/originalFile/insertBrdAndShare", [uploadOne](Call& call) { return uploadOne(call, true); });
+    post("/kvr/originalFile/uploadMultipleFile", [uploadMany](Call& call) { return uploadMany(call, false); });
+    post("/kvr/originalFile/insertBatchBrdAndShare", [uploadMany](Call& call) { return uploadMany(call, true); });
+
+    const auto sendFile = [this](long long id, int missingStatus) {
+        const QJsonArray rows =
+            db.query("SELECT origfilename FROM original_files WHERE id = ? AND delflag = 0", {double(id)});
+        QFile file(QString::fromStdString(filePath(id)));
+        if (rows.isEmpty() || !file.open(QIODevice::ReadOnly))
+            return HttpResponse::text(missingStatus, missingStatus == 204 ? "" : "no such file\n");
+        HttpResponse response;
+        response.headers = {{"Content-Type", "application/octet-stream"},
+                            {"Content-Disposition", "attachment;filename="
+                                                        + percentEncode(rows.first().toObject().value("origfilename").toString().toStdString())}};
+        response.body = file.readAll().toStdString();
+        return response;
+    };
+    post("/kvr/originalFile/downloadFile", [sendFile](Call& call) {
+        return sendFile(formNumber(formFields(call.request.body), "id"), 404);
+    });
+    const auto selectFiles = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.raw("delflag = 0", {})
+            .equal("createuserid", call["createuserid"])
+            .like("origfilename", call["origfilename"])
+            .equal("id", call["id"])
+            .equal("origfileguid", call["origfileguid"])
+            .equal("mongogridfsid", call["mongogridfsid"])
+            .equal("origfilesuffix", call["origfilesuffix"])
+            .equal("zkcompanycode", call["zkcompanycode"])
+            .equal("fileupdateuserid", call["fileupdateuserid"])
+            .equal("parentid", call["parentid"])
+            .equal("type", call["type"])
+            .equal("source", call["source"])
+            .equal("isError", call["isError"]);
+        return ok(list("SELECT id, origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, createuserid, "
+                       "fileupdateuserid, updateuserid, parentid, type, source, isError, size, createtime FROM original_files",
+                       filter, " ORDER BY id", paged ? &call : nullptr));
+    };
+    post("/kvr/originalFile/selectOdbppOrigfilemanage", [selectFiles](Call& call) { return selectFiles(call, false); });
+    post("/kvr/originalFile/selectOdbppOrigfilemanageByPage", [selectFiles](Call& call) { return selectFiles(call, true); });
+
+    // Sets each field the request gives (null means "leave it").
+    const auto update = [this](Call& call, const char* table, const std::vector<const char*>& columns) {
+        if (!present(call["id"]))
+            return refuse("id is required");
+        std::string set;
+        std::vector<QJsonValue> binds;
+        for (const char* column : columns) {
+            if (present(call[column])) {
+                set += (set.empty() ? "" : ", ") + std::string(column) + " = ?";
+                binds.push_back(call[column]);
+            }
+        }
+        if (db.query(std::string("SELECT id FROM ") + table + " WHERE id = ?", {call["id"]}).isEmpty())
+            return refuse("no such record");
+        if (!set.empty()) {
+            binds.push_back(call["id"]);
+            db.change(std::string("UPDATE ") + table + " SET " + set + " WHERE id = ?", binds);
+        }
+        return ok(call["id"], "updated");
+    };
+    post("/kvr/originalFile/updateOdbppOrigfilemanage", [update](Call& call) {
+        return update(call, "original_files",
+                      {"origfilename", "mongogridfsid", "origfilesuffix", "zkcompanycode", "parentid", "type", "source",
+                       "isError", "fileupdateuserid", "updateuserid"});
+    });
+    post("/kvr/originalFile/deleteOrigfile", [this](Call& call) {
+        const long long id = formNumber(formFields(call.request.body), "id");
+        if (db.change("UPDATE original_files SET delflag = 1 WHERE id = ? AND delflag = 0", {double(id)}) == 0)
+            return refuse("no such file");
+        return ok(double(id), "delete flag set");
+    });
+
+    // ---- Shares and favourites -------------------------------------------
+    // Inserts records that are not there yet; reports the boards that were.
+    const auto insertMany = [this](const QJsonArray& records, const char* table, const char* boardKey,
+                                   const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
+        QJsonArray inserted;
+        QJsonArray repeated;
+        for (const QJsonValue& value : records) {
+            const QJsonObject record = value.toObject();
+            std::string same;
+            std::vector<QJsonValue> sameBinds;
+            for (const char* key : sameKeys) {
+                same += (same.empty() ? "" : " AND ") + std::string(key) + " IS ?";
+                sameBinds.push_back(field(record, key));
+            }
+            if (!db.query(std::string("SELECT id FROM ") + table + " WHERE " + same, sameBinds).isEmpty()) {
+                repeated.append(field(record, boardKey));
+                continue;
+            }
+            std::string columns;
+            std::string marks;
+            std::vector<QJsonValue> binds;
+            for (const char* key : keys) {
+                columns += std::string(key) + ", ";
+                marks += "?, ";
+                binds.push_back(field(record, key));
+            }
+            binds.push_back(now());
+            db.change(std::string("INSERT INTO ") + table + "(" + columns + "createtime) VALUES(" + marks + "?)", binds);
+            inserted.append(double(db.lastInsertId()));
+        }
+        return std::make_pair(inserted, repeated);
+    };
+    const auto insertOne = [insertMany](Call& call, const char* table, const char* boardKey,
+                                        const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
+        const auto [inserted, repeated] = insertMany(QJsonArray{call.object}, table, boardKey, keys, sameKeys);
+        return repeated.isEmpty() ? ok(inserted.first(), "inserted") : refuse("already there");
+    };
+    const auto insertBatch = [insertMany](Call& call, const char* table, const char* boardKey,
+                                          const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
+        if (call.array.isEmpty())
+            return refuse("nothing to insert");
+        const auto [inserted, repeated] = insertMany(call.array, table, boardKey, keys, sameKeys);
+        if (!repeated.isEmpty())
+            return reply(206, QStringLiteral("%1 inserted, %2 already there").arg(inserted.size()).arg(repeated.size()),
+                         repeated);
+        return ok(inserted, "inserted");
+    };
+    const auto remove = [this](Call& call, const char* table, bool byUser) {
+        const auto form = formFields(call.request.body);
+        std::vector<QJsonValue> binds{double(formNumber(form, "id"))};
+        if (byUser)
+            binds.push_back(double(formNumber(form, "userId")));
+        if (db.change(std::string("DELETE FROM ") + table + " WHERE id = ?" + (byUser ? " AND userId = ?" : ""), binds) == 0)
+            return refuse("no such record");
+        return ok(binds.front(), "deleted");
+    };
+
+    const std::vector<const char*> shareKeys{"userId", "brdId", "acsTypeId", "acsType"};
+    const std::vector<const char*> sameShare{"userId", "brdId", "acsTypeId"};
+    post("/kvr/share/insertShare",
+         [=](Call& call) { return insertOne(call, "shares", "brdId", shareKeys, sameShare); });
+    post("/kvr/share/insertMultipleShare",
+         [=](Call& call) { return insertBatch(call, "shares", "brdId", shareKeys, sameShare); });
+    const auto selectShares = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("s.userId", call["userId"])
+            .like("f.origfilename", call["brdName"])
+            .since("s.createtime", call["startTime"])
+            .until("s.createtime", call["endTime"]);
+        if (call["currentUserId"].toInt() != 0)
+            filter.raw("(s.userId = ? OR s.acsTypeId = ?)", {call["currentUserId"], call["currentUserId"]});
+        return ok(list("SELECT s.id AS id, s.userId AS userId, s.brdId AS brdId, f.origfilename AS brdName, "
+                       "s.acsTypeId AS acsTypeId, s.acsType AS acsType, s.createtime AS createtime "
+                       "FROM shares s LEFT JOIN original_files f ON f.id = s.brdId",
+                       filter, " ORDER BY s.id", paged ? &call : nullptr));
+    };
+    post("/kvr/share/selectShare", [selectShares](Call& call) { return selectShares(call, false); });
+    post("/kvr/share/selectShareByPage", [selectShares](Call& call) { return selectShares(call, true); });
+    post("/kvr/share/deleteShare", [remove](Call& call) { return remove(call, "shares", true); });
+
+    const std::vector<const char*> favouriteKeys{"userId", "boardId", "boardName"};
+    const std::vector<const char*> sameFavourite{"userId", "boardId"};
+    post("/kvr/favourite/insertFavourite",
+         [=](Call& call) { return insertOne(call, "favourites", "boardId", favouriteKeys, sameFavourite); });
+    post("/kvr/favourite/insertMultipleFavourite",
+         [=](Call& call) { return insertBatch(call, "favourites", "boardId", favouriteKeys, sameFavourite); });
+    const auto selectFavourites = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("userId", call["userId"])
+            .like("boardName", call["boardName"])
+            .since("createtime", call["startTime"])
+            .until("createtime", call["endTime"]);
+        return ok(list("SELECT id, userId, boardId, boardName, createtime FROM favourites", filter, " ORDER BY id",
+                       paged ? &call : nullptr));
+    };
+    post("/kvr/favourite/selectFavourite", [selectFavourites](Call& call) { return selectFavourites(call, false); });
+    post("/kvr/favourite/selectFavouriteByPage", [selectFavourites](Call& call) { return selectFavourites(call, true); });
+    post("/kvr/favourite/deleteFavourite", [remove](Call& call) { return remove(call, "favourites", true); });
+
+    // ---- Error library and error messages --------------------------------
+    const auto insertRecord = [this](Call& call, const char* table, const std::vector<const char*>& keys) {
+        std::string columns;
+        std::string marks;
+        std::vector<QJsonValue> binds;
+        for (const char* key : keys) {
+            columns += (columns.empty() ? "" : ", ") + std::string(key);
+            marks += marks.empty() ? "?" : ", ?";
+            binds.push_back(call[key]);
+        }
+        db.change(std::string("INSERT INTO ") + table + "(" + columns + ") VALUES(" + marks + ")", binds);
+        return ok(double(db.lastInsertId()), "inserted");
+    };
+    post("/kvr/errorLibrary/insertErrorLibrary",
+         [insertRecord](Call& call) { return insertRecord(call, "error_library", {"source", "layer", "errorMessage"}); });
+    post("/kvr/errorLibrary/updateErrorLibrary",
+         [update](Call& call) { return update(call, "error_library", {"source", "layer", "errorMessage"}); });
+    post("/kvr/errorLibrary/deleteErrorLibrary", [remove](Call& call) { return remove(call, "error_library", false); });
+    const auto selectLibrary = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("id", call["id"]).equal("source", call["source"]).equal("layer", call["layer"]).like("errorMessage", call["errorMessage"]);
+        return ok(list("SELECT id, source, layer, errorMessage FROM error_library", filter, " ORDER BY id",
+                       paged ? &call : nullptr));
+    };
+    post("/kvr/errorLibrary/selectErrorLibrary", [selectLibrary](Call& call) { return selectLibrary(call, false); });
+    post("/kvr/errorLibrary/selectErrorLibraryByPage", [selectLibrary](Call& call) { return selectLibrary(call, true); });
+
+    const std::vector<const char*> messageColumns{"brdId", "isReappear", "remark", "gridX", "gridY", "source",
+                                                  "layer", "priority", "libraryId", "errorMessage"};
+    post("/kvr/errorMessage/insertErrorMessage",
+         [insertRecord, messageColumns](Call& call) { return insertRecord(call, "error_messages", messageColumns); });
+    post("/kvr/errorMessage/updateErrorMessage",
+         [update, messageColumns](Call& call) { return update(call, "error_messages", messageColumns); });
+    post("/kvr/errorMessage/deleteErrorMessage", [remove](Call& call) { return remove(call, "error_messages", false); });
+    const auto selectMessages = [list](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("brdId", call["brdId"])
+            .equal("isReappear", call["isReappear"])
+            .like("remark", call["remark"])
+            .equal("gridX", call["gridX"])
+            .equal("gridY", call["gridY"])
+            .equal("source", call["source"])
+            .equal("layer", call["layer"])
+            .equal("priority", call["priority"])
+            .equal("libraryId", call["libraryId"])
+            .like("errorMessage", call["errorMessage"]);
+        return ok(list("SELECT id, brdId, isReappear, remark, gridX, gridY, source, layer, priority, libraryId, "
+                       "errorMessage FROM error_messages",
+                       filter, " ORDER BY id", paged ? &call : nullptr));
+    };
+    post("/kvr/errorMessage/selectErrorMessage", [selectMessages](Call& call) { return selectMessages(call, false); });
+    post("/kvr/errorMessage/selectErrorMessageByPage", [selectMessages](Call& call) { return selectMessages(call, true); });
+
+    // ---- Mall --------------------------------------------------------------
+    get("/mall/order/selectBrdId", [this](Call& call) {
+        const QJsonArray rows = db.query("SELECT boardId FROM mall_orders WHERE orderNum = ?",
+                                         {QString::fromStdString(call.request.queryValue("orderNum"))});
+        if (rows.isEmpty())
+            return refuse("no such order", 404);
+        return ok(rows.first().toObject(), "found");
+    });
+    post("/mall/order/selectOrderByPage", [list](Call& call) {
+        Filter filter;
+        filter.equal("userId", call["userId"]).equal("boardId", call["boardId"]).like("orderNum", call["orderNum"]);
+        return ok(list("SELECT id, orderNum, userId, boardId, createtime FROM mall_orders", filter, " ORDER BY id", &call));
+    });
+    post("/mall/originalFile/selectOdbppOrigfilemanageByPage", [list](Call& call) {
+        Filter filter;
+        filter.raw("delflag = 0", {}).equal("createuserid", call["createuserid"]);
+        return ok(list("SELECT id, origfilename, origfilesuffix, createuserid, size, createtime FROM original_files",
+                       filter, " ORDER BY id", &call));
+    });
+    get("/mall/originalFile/getFileName", [list](Call& call) {
+        Call paged = call;
+        paged.object = {{"pageNo", QString::fromStdString(call.request.queryValue("pageNo"))},
+                        {"pageSize", QString::fromStdString(call.request.queryValue("pageSize"))}};
+        Filter filter;
+        filter.raw("delflag = 0", {});
+        return ok(list("SELECT id AS boardId, origfilename AS fileName FROM original_files", filter, " ORDER BY id", &paged));
+    });
+    post("/mall/originalFile/downloadFile", [sendFile](Call& call) {
+        return sendFile(formNumber(formFields(call.request.body), "id"), 204);
+    });
+
+    // ---- Planner ------------------------------------------------------------
+    get("/tavlin/tavlinModel/selectAllModel",
+        [this](Call&) { return ok(db.query("SELECT id, name, createtime FROM planner_models ORDER BY id")); });
+    get("/tavlin/tavlinModel/selectNewModel", [this](Call&) {
+        const QJsonArray rows = db.query("SELECT id, name, createtime FROM planner_models ORDER BY id DESC LIMIT 1");
+        return rows.isEmpty() ? refuse("no models", 404) : ok(rows.first());
+    });
+    get("/tavlin/tavlinModel/selectParams", [this](Call& call) {
+        const QJsonArray rows = db.query("SELECT params FROM planner_models WHERE id = ?",
+                                         {double(std::strtoll(call.request.queryValue("id").c_str(), nullptr, 10))});
+        if (rows.isEmpty())
+            return refuse("no such model", 404);
+        return ok(QJsonDocument::fromJson(rows.first().toObject().value("params").toString().toUtf8()).object());
+    });
+}
+
+} // namespace norva::service

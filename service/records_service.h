@@ -1,0 +1,48 @@
+// The records service's behaviour: every path the library uses, over SQLite
+// and a folder of file contents.
+#pragma once
+
+#include "database.h"
+#include "http_server.h"
+
+#include <QJsonObject>
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace norva::service {
+
+struct ServiceOptions {
+    std::string dataFolder = "./norva-data";
+    long long tokenLifetimeSeconds = 8 * 3600;
+};
+
+class RecordsService
+{
+public:
+    explicit RecordsService(ServiceOptions options);
+
+    // Opens (or creates and seeds) the data folder; false with `error` set.
+    // `seeded` tells whether a fresh folder got its first user and samples.
+    bool open(std::string& error, bool& seeded);
+    HttpResponse handle(const HttpRequest& request);
+
+    static constexpr const char* seededUser = "norva";
+    static constexpr const char* seededPassword = "norva";
+
+private:
+    struct Call;
+    using Route = std::function<HttpResponse(Call&)>;
+
+    void addRoutes();
+    void seed();
+    long long tokenUser(const std::string& token);
+    std::string filePath(long long id) const;
+
+    ServiceOptions options;
+    Database db;
+    std::map<std::string, std::pair<std::string, Route>> routes; // path -> (method, handler)
+};
+
+} // namespace norva::service
