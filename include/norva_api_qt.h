@@ -15,6 +15,9 @@
 //    what happened; failures inside the library carry "error_message" instead.
 //  * The returned text is also written to standard output as one line.
 //  * Nothing is thrown across this interface.
+//  * A reply that breaks off before its announced end, and a service that sends
+//    nothing for 120 s, count as no reply: status 400 "Server shuts down".
+//    Redirects are not followed (status 400 "request fail").
 //  * Without a QCoreApplication of the host's own, each call makes a temporary
 //    one for its duration; such calls must then come one at a time. With a host
 //    application, any thread that can run a QEventLoop may call.

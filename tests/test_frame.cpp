@@ -7,6 +7,7 @@
 #include "norva_api_qt.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QtTest>
 
@@ -58,6 +59,8 @@ private slots:
     void readingModes();
     void catchClauses_data();
     void catchClauses();
+    void idleServiceEndsTheWait_data();
+    void idleServiceEndsTheWait();
     void cleanup() { norva::seam::setFaultHook(nullptr); }
 };
 
@@ -148,6 +151,38 @@ void FrameTest::catchClauses()
     QCOMPARE(service.requestCount(), 0);
     // Unwinding ended the temporary application, if one was built.
     QCOMPARE(QCoreApplication::instance(), nullptr);
+}
+
+Q_DECLARE_METATYPE(testing_support::ScriptedReply)
+
+void FrameTest::idleServiceEndsTheWait_data()
+{
+    QTest::addColumn<ScriptedReply>("reply");
+    const auto silentAfter = [](const QByteArray& bytes) {
+        ScriptedReply reply = ScriptedReply::raw(bytes);
+        reply.stallAfterwards = true;
+        return reply;
+    };
+    QTest::newRow("silent from the start") << ScriptedReply::stall();
+    QTest::newRow("silent after the headers") << silentAfter("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n");
+    QTest::newRow("silent in the middle of the body") << silentAfter("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"code\":");
+    QTest::newRow("silent inside a chunk")
+        << silentAfter("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n{\"code\":2");
+}
+
+void FrameTest::idleServiceEndsTheWait()
+{
+    QFETCH(ScriptedReply, reply);
+    TestService service;
+    service.script(reply);
+    norva::seam::setIdleLimitMs(300);
+    QElapsedTimer clock;
+    clock.start();
+    const CallResult call = callOperation(NORVA::NORVA_API_QT::norva_sdk_login,
+                                          substitute(R"({"ipconfig":"$ADDR","username":"a"})", service.address()));
+    norva::seam::setIdleLimitMs(120 * 1000);
+    QCOMPARE(call.result, QStringLiteral(R"({"message":"Server shuts down","status":400})"));
+    QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
 }
 
 QTEST_APPLESS_MAIN(FrameTest)

@@ -324,6 +324,19 @@ void TransferTest::downloads_data()
         << records << "{" + into + R"(,"reName":"../up"})" << topLayer << QByteArray("id=0&userId=0")
         << R"({"error":"File:$DIR/in/../up.gbr)" "open failed\",\"message\":\"download fail\",\"status\":400}"
         << QStringList{};
+    QTest::newRow("a body cut short stores nothing")
+        << records << "{" + into + "}" << ScriptedReply::raw("HTTP/1.1 200 OK\r\nContent-Disposition: filename=cut.gbr\r\nContent-Length: 999\r\n\r\npartial")
+        << QByteArray("id=0&userId=0") << R"({"message":"Server shuts down","status":400})" << QStringList{};
+    QTest::newRow("a 10 KiB name can't be opened")
+        << records << "{" + into + "}" << ScriptedReply::file("x", "filename=" + QByteArray(10240, 'n'))
+        << QByteArray("id=0&userId=0")
+        << R"({"error":"File:$DIR/in/)" + QString(10240, 'n') + R"(open failed","message":"download fail","status":400})"
+        << QStringList{};
+    // Decoding the header as UTF-8 ends the text at a NUL byte: the name is cut
+    // there, and stays inside the folder.
+    QTest::newRow("a NUL byte ends the name")
+        << records << "{" + into + "}" << ScriptedReply::file("x", "filename=a%00/../../b.gbr") << QByteArray("id=0&userId=0")
+        << R"({"filename":"a","message":"download success","new_name":"","status":200})" << QStringList{"in/a"};
     QTest::newRow("records download: HTTP 402") << records << "{" + into + "}" << ScriptedReply::withStatus(402)
         << QByteArray("id=0&userId=0") << R"({"message":"token expired","status":402})" << QStringList{};
     QTest::newRow("records download: peer closes")
@@ -365,7 +378,7 @@ void TransferTest::downloads()
     if (filesAfter == QStringList{"in/old.txt"})
         writeFile(folder->filePath(QStringLiteral("in/old.txt")), "old content that is longer");
     service.script(reply);
-    if (reply.kind == ScriptedReply::Kind::CloseWithoutAnswer)
+    if (reply.kind == ScriptedReply::Kind::CloseWithoutAnswer || reply.kind == ScriptedReply::Kind::Raw)
         service.setDefaultReply(reply);
 
     const bool mall = operation == reinterpret_cast<void*>(norva_tavlin_download_binaryfile);

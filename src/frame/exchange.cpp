@@ -13,6 +13,14 @@ namespace norva {
 
 namespace {
 
+// Errors of the transfer itself, as opposed to those Qt derives from an HTTP
+// error status (content and server errors).
+bool isTransferError(QNetworkReply::NetworkError error)
+{
+    return (error > QNetworkReply::NoError && error < QNetworkReply::ProxyConnectionRefusedError)
+           || (error >= QNetworkReply::ProtocolUnknownError && error <= QNetworkReply::ProtocolFailure);
+}
+
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
     if (outgoing.verb == Verb::Get)
@@ -30,6 +38,9 @@ QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 
 ReceivedReply runExchange(OutgoingRequest& outgoing)
 {
+    if (const seam::ExchangeStub stub = seam::exchangeStub())
+        return stub(outgoing);
+
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
     QNetworkReply* const reply = send(*manager, outgoing);
@@ -70,6 +81,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();
+    received.complete = !idle && !isTransferError(received.networkError);
     return received;
 }
 

@@ -18,6 +18,12 @@ struct ReceivedReply {
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;
+    // false when the transfer broke off (peer closed or reset mid-reply, a broken
+    // chunk, the idle limit): the body is not what the service sent.
+    bool complete = true;
+
+    // What the HTTP classes go by: an incomplete reply counts as no reply.
+    int classifiedStatus() const { return complete ? httpStatus : 0; }
 };
 
 // Sends the request with a manager of its own and serves the calling thread's

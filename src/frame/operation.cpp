@@ -62,9 +62,10 @@ QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& c
 {
     call.startApplication();
     const ReceivedReply reply = runExchange(outgoing);
-    if (reply.httpStatus == 200 || reply.httpStatus == classes.alsoJudged)
+    const int status = reply.classifiedStatus();
+    if (status == 200 || status == classes.alsoJudged)
         return judge(reply);
-    const HttpClass httpClass = classifyStatus(reply.httpStatus, classes.with402Branch);
+    const HttpClass httpClass = classifyStatus(status, classes.with402Branch);
     if (httpClass == HttpClass::NoReply && !classes.withNoReplyClass)
         return httpClassDocument(HttpClass::Other);
     return httpClassDocument(httpClass);

@@ -5,6 +5,7 @@ namespace norva::seam {
 namespace {
 FaultHook currentHook = nullptr;
 int currentIdleLimitMs = 120 * 1000;
+ExchangeStub currentStub = nullptr;
 } // namespace
 
 void setFaultHook(FaultHook hook)
@@ -26,6 +27,16 @@ int idleLimitMs()
 void setIdleLimitMs(int milliseconds)
 {
     currentIdleLimitMs = milliseconds;
+}
+
+void setExchangeStub(ExchangeStub stub)
+{
+    currentStub = stub;
+}
+
+ExchangeStub exchangeStub()
+{
+    return currentStub;
 }
 
 } // namespace norva::seam

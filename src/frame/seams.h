@@ -2,6 +2,11 @@
 // normal use.
 #pragma once
 
+namespace norva {
+struct OutgoingRequest;
+struct ReceivedReply;
+} // namespace norva
+
 namespace norva::seam {
 
 // Points of a call at which a test may throw, to reach the catch clauses.
@@ -20,5 +25,11 @@ void reach(FaultPoint point);
 // abandoned as if no reply had come. 120 s unless a test shortens it.
 int idleLimitMs();
 void setIdleLimitMs(int milliseconds);
+
+// When set, exchanges do not touch the network: the stub answers each request.
+// Lets fuzzers drive every operation's request building and reply judging.
+using ExchangeStub = ReceivedReply (*)(OutgoingRequest&);
+void setExchangeStub(ExchangeStub stub);
+ExchangeStub exchangeStub();
 
 } // namespace norva::seam

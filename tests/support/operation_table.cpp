@@ -93,6 +93,12 @@ void runCase(TestService& service)
     QFETCH(OperationCase, row);
     service.reset();
     service.script(row.reply);
+    // Qt's HTTP layer sends a request again (up to three times) when a connection
+    // breaks before a whole reply came: such a service answers every attempt alike.
+    const bool resendable = row.reply.kind == ScriptedReply::Kind::Raw
+                            || row.reply.kind == ScriptedReply::Kind::CloseWithoutAnswer;
+    if (resendable)
+        service.setDefaultReply(row.reply);
     const QString address = service.address();
     const QString expected = substitute(row.result, address);
 
@@ -109,7 +115,9 @@ void runCase(TestService& service)
         QCOMPARE(service.requestCount(), 0);
         return;
     }
-    QCOMPARE(service.requestCount(), 1);
+    QVERIFY2(service.requestCount() == 1 || (resendable && service.requestCount() <= 4),
+             qPrintable(QString::number(service.requestCount())));
+    QCOMPARE(service.requests().front().raw, service.lastRequest().raw);
     const RecordedRequest request = service.lastRequest();
     QCOMPARE(request.method, row.wire.method);
     QCOMPARE(request.target, row.wire.target);

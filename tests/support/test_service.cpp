@@ -321,6 +321,10 @@ void TestService::serve(int connection)
         }
         case ScriptedReply::Kind::Raw:
             writeAll(connection, reply.body);
+            if (reply.stallAfterwards) {
+                std::unique_lock<std::mutex> lock(mutex);
+                stopped.wait_for(lock, std::chrono::seconds(30), [this] { return stopping.load(); });
+            }
             break;
         case ScriptedReply::Kind::CloseWithoutAnswer:
             break;

@@ -46,6 +46,7 @@ struct ScriptedReply {
     Kind kind = Kind::Answer;
     int status = 200;
     int delayMs = 0; // wait this long before answering
+    bool stallAfterwards = false; // after a Raw reply, keep the connection open and silent
     HeaderList headers;
     QByteArray body;
 
