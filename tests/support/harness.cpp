@@ -13,6 +13,13 @@ StdoutCapture::~StdoutCapture()
     std::cout.rdbuf(previous);
 }
 
+StdoutDiscard::StdoutDiscard() : previous(std::cout.rdbuf(&sink)) {}
+
+StdoutDiscard::~StdoutDiscard()
+{
+    std::cout.rdbuf(previous);
+}
+
 QStringList StdoutCapture::lines() const
 {
     QStringList lines = QString::fromStdString(captured.str()).split(QLatin1Char('\n'));

@@ -30,6 +30,23 @@ private:
     std::streambuf* previous;
 };
 
+// Sends std::cout nowhere for its lifetime (for long runs whose lines don't matter).
+class StdoutDiscard
+{
+public:
+    StdoutDiscard();
+    ~StdoutDiscard();
+    StdoutDiscard(const StdoutDiscard&) = delete;
+    StdoutDiscard& operator=(const StdoutDiscard&) = delete;
+
+private:
+    struct Sink : std::streambuf {
+        int overflow(int c) override { return c; }
+        std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
+    } sink;
+    std::streambuf* previous;
+};
+
 struct CallResult {
     QString result;     // the returned text
     QStringList lines;  // what went to standard output meanwhile

@@ -198,8 +198,10 @@ TestService::~TestService()
     const char wake = 'x';
     (void)::write(wakePipe[1], &wake, 1);
     acceptor.join();
-    for (std::thread& worker : workers)
-        worker.join();
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        stopped.wait(lock, [this] { return activeWorkers == 0; });
+    }
     ::close(listener);
     ::close(wakePipe[0]);
     ::close(wakePipe[1]);
@@ -231,7 +233,13 @@ std::vector<RecordedRequest> TestService::requests() const
 int TestService::requestCount() const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    return int(recorded.size());
+    return requestsSeen;
+}
+
+void TestService::setKeepingRequests(bool keep)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    keepingRequests = keep;
 }
 
 RecordedRequest TestService::lastRequest() const
@@ -244,15 +252,29 @@ void TestService::reset()
 {
     std::lock_guard<std::mutex> lock(mutex);
     recorded.clear();
+    requestsSeen = 0;
+    keepingRequests = true;
     scripted.clear();
+    pathReplies.clear();
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
 }
 
-ScriptedReply TestService::nextReply()
+void TestService::setReplyForPath(const QByteArray& path, const ScriptedReply& reply)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (scripted.empty())
+    pathReplies.emplace_back(path, reply);
+}
+
+ScriptedReply TestService::nextReply(const QByteArray& path)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    if (scripted.empty()) {
+        for (const auto& pathReply : pathReplies) {
+            if (pathReply.first == path)
+                return pathReply.second;
+        }
         return defaultReply;
+    }
     ScriptedReply reply = scripted.front();
     scripted.pop_front();
     return reply;
@@ -267,7 +289,16 @@ void TestService::acceptLoop()
         const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection < 0)
             continue;
-        workers.emplace_back([this, connection] { serve(connection); });
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++activeWorkers;
+        }
+        std::thread([this, connection] {
+            serve(connection);
+            std::lock_guard<std::mutex> lock(mutex);
+            --activeWorkers;
+            stopped.notify_all();
+        }).detach();
     }
 }
 
@@ -301,9 +332,11 @@ void TestService::serve(int connection)
     request.raw = buffer;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        recorded.push_back(request);
+        ++requestsSeen;
+        if (keepingRequests)
+            recorded.push_back(request);
     }
-    const ScriptedReply reply = nextReply();
+    const ScriptedReply reply = nextReply(request.path());
     if (reply.delayMs > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
     if (complete) {

@@ -73,6 +73,11 @@ public:
     // Replies are used in order; once they are used up, the default reply answers.
     void script(const ScriptedReply& reply);
     void setDefaultReply(const ScriptedReply& reply);
+    // Once the script is used up, requests for `path` get this reply.
+    void setReplyForPath(const QByteArray& path, const ScriptedReply& reply);
+
+    // Long runs switch keeping requests off; they are still counted.
+    void setKeepingRequests(bool keep);
 
     std::vector<RecordedRequest> requests() const;
     int requestCount() const;
@@ -82,20 +87,23 @@ public:
 private:
     void acceptLoop();
     void serve(int connection);
-    ScriptedReply nextReply();
+    ScriptedReply nextReply(const QByteArray& path);
 
     int listener = -1;
     int wakePipe[2] = {-1, -1};
     quint16 boundPort = 0;
     std::atomic<bool> stopping{false};
     std::thread acceptor;
-    std::vector<std::thread> workers;
+    int activeWorkers = 0; // connections being served, on detached threads
 
     mutable std::mutex mutex;
     std::condition_variable stopped;
     std::deque<ScriptedReply> scripted;
     ScriptedReply defaultReply;
+    std::vector<std::pair<QByteArray, ScriptedReply>> pathReplies;
     std::vector<RecordedRequest> recorded;
+    bool keepingRequests = true;
+    int requestsSeen = 0;
 };
 
 // A loopback port with nothing listening, for the refused-connection case.
