@@ -55,6 +55,8 @@ void serve(int fd, std::uint64_t downloadBytes)
         const size_t at = head.find("content-length:");
         if (at != std::string::npos)
             length = std::strtoull(head.c_str() + at + 15, nullptr, 10);
+        if (head.find("expect: 100-continue") != std::string::npos && !sendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n", 25))
+            break;
         // Drain the body without keeping it.
         std::uint64_t have = std::min<std::uint64_t>(length, buffer.size());
         buffer.erase(0, size_t(have));

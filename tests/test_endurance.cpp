@@ -126,7 +126,12 @@ void EnduranceTest::thousandsOfCallsLeaveNothingBehind()
     QCOMPARE(failures, 0);
     QCOMPARE(openDescriptors(), descriptorsBefore);
     QCOMPARE(liveObjects.load(), 0L);
+#if defined(__SANITIZE_ADDRESS__) || (defined(__has_feature) && __has_feature(address_sanitizer))
+    // AddressSanitizer keeps freed memory in quarantine: resident size says nothing
+    // here, and its leak checker reports what is lost at exit.
+#else
     QVERIFY2(residentAfter - residentBefore < 16 * 1024, "resident memory grew by 16 MiB or more");
+#endif
 }
 
 void EnduranceTest::aFolderLargerThanTheDescriptorLimitUploadsWhole()

@@ -9,9 +9,19 @@
 
 #include <memory>
 
+// The type of QNetworkRequest::DownloadBufferAttribute, as QtNetwork registers it.
+Q_DECLARE_METATYPE(QSharedPointer<char>)
+
 namespace norva {
 
 namespace {
+
+constexpr qint64 readBufferBytes = qint64(1) << 20;
+
+// A reply announcing more than this gets no room reserved up front, and is not
+// written in place.
+constexpr qint64 maxReservedBody = qint64(1) << 30;
+constexpr qint64 maxInPlaceBody = maxReservedBody;
 
 // Errors of the transfer itself, as opposed to those Qt derives from an HTTP
 // error status (content and server errors).
@@ -21,8 +31,17 @@ bool isTransferError(QNetworkReply::NetworkError error)
            || (error >= QNetworkReply::ProtocolUnknownError && error <= QNetworkReply::ProtocolFailure);
 }
 
+QSharedPointer<char> inPlaceBuffer(const QNetworkReply* reply)
+{
+    return reply->attribute(QNetworkRequest::DownloadBufferAttribute).value<QSharedPointer<char>>();
+}
+
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
+    // A reply of known length is written by Qt's HTTP thread straight into one
+    // buffer of that length, which the call then keeps: a large download is held
+    // once, and not copied on its way.
+    outgoing.request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, maxInPlaceBody);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
     if (outgoing.form) {
@@ -44,6 +63,9 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
     QNetworkReply* const reply = send(*manager, outgoing);
+    // Qt's HTTP thread waits while this much is unread, so a large reply is
+    // not queued up in Qt beside the copy the call keeps.
+    reply->setReadBufferSize(readBufferBytes);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
 
     // A service that stops sending must not hold the caller for ever: any
@@ -57,6 +79,19 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
         reply->abort();
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
+
+    // The body is drained as it arrives into one array, sized from the announced
+    // length, so that a large reply is held once and not twice.
+    QByteArray body;
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [reply, &body] {
+        const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+        if (announced > 0 && announced <= maxReservedBody && inPlaceBuffer(reply).isNull())
+            body.reserve(int(announced));
+    });
+    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] {
+        if (inPlaceBuffer(reply).isNull())
+            body.append(reply->readAll());
+    });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
@@ -76,8 +111,15 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     ReceivedReply received;
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     received.httpStatus = idle ? 0 : status.toInt();
-    if (reply->isOpen()) // an abandoned reply is closed and has nothing to read
-        received.body = reply->readAll();
+    received.bodyStorage = inPlaceBuffer(reply);
+    if (!received.bodyStorage.isNull()) {
+        // Qt wrote the reply in place; the bytes not read yet are all of it.
+        received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
+    } else {
+        if (reply->isOpen()) // an abandoned reply is closed and has nothing more to read
+            body.append(reply->readAll());
+        received.body = body;
+    }
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QNetworkReply>
+#include <QSharedPointer>
 #include <QString>
 
 namespace norva {
@@ -15,6 +16,7 @@ struct ReceivedReply {
     // answer, or idle past the limit.
     int httpStatus = 0;
     QByteArray body;
+    QSharedPointer<char> bodyStorage; // owns `body`'s bytes when Qt wrote them in place
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;
