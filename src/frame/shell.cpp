@@ -36,8 +36,13 @@ Call::Call(bool needsApplication) : needsApplication(needsApplication) {}
 
 void Call::startApplication()
 {
-    if (needsApplication && !application)
+    if (needsApplication && !application) {
         application.emplace(applicationArgc, applicationArgv);
+        // The call's own application loads no plugins: the only ones QtNetwork
+        // would look for (bearer management) serve roaming sessions, and
+        // searching for them again in every call costs more than the exchange.
+        QCoreApplication::setLibraryPaths(QStringList());
+    }
     seam::reach(seam::FaultPoint::ApplicationStarted);
 }
 
