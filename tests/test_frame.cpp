@@ -59,6 +59,8 @@ private slots:
     void readingModes();
     void catchClauses_data();
     void catchClauses();
+    void mallAndPlannerCatchClauses_data();
+    void mallAndPlannerCatchClauses();
     void idleServiceEndsTheWait_data();
     void idleServiceEndsTheWait();
     void cleanup() { norva::seam::setFaultHook(nullptr); }
@@ -154,6 +156,43 @@ void FrameTest::catchClauses()
 }
 
 Q_DECLARE_METATYPE(testing_support::ScriptedReply)
+
+void FrameTest::mallAndPlannerCatchClauses_data()
+{
+    QTest::addColumn<void*>("operation");
+    QTest::addColumn<bool>("echoes");
+    using namespace NORVA::TAVLIN_KVRAPI_QT;
+    const struct {
+        const char* name;
+        OperationFunction operation;
+        bool echoes;
+    } rows[] = {
+        {"select_order_by_page", norva_tavlin_select_order_by_page, true},
+        {"select_boardid_by_order_num", norva_tavlin_select_boardid_by_order_num, false},
+        {"select_orig_file_by_page", norva_tavlin_select_orig_file_by_page, false},
+        {"get_bid_name_list_by_page", norva_tavlin_get_bid_name_list_by_page, false},
+        {"get_all_model_id", norva_tavlin_get_all_model_id, false},
+        {"get_latest_model_id", norva_tavlin_get_latest_model_id, false},
+        {"get_process_parameters", norva_tavlin_get_process_parameters, false},
+        {"download_binaryfile", norva_tavlin_download_binaryfile, true},
+    };
+    for (const auto& row : rows)
+        QTest::newRow(row.name) << reinterpret_cast<void*>(row.operation) << row.echoes;
+}
+
+void FrameTest::mallAndPlannerCatchClauses()
+{
+    QFETCH(void*, operation);
+    QFETCH(bool, echoes);
+    nextThrow = Throw::Runtime;
+    throwAt = norva::seam::FaultPoint::ArgumentsParsed;
+    norva::seam::setFaultHook(throwingHook);
+    const CallResult call = callOperation(reinterpret_cast<OperationFunction>(operation), R"({"ipconfig":"127.0.0.1:1"})");
+    const QString document = R"({"error_message":"runtime trouble","status":400})";
+    QCOMPARE(call.result, document);
+    const QStringList lines = echoes ? QStringList{"runtime trouble", document} : QStringList{"runtime trouble"};
+    QCOMPARE(call.lines, lines);
+}
 
 void FrameTest::idleServiceEndsTheWait_data()
 {
