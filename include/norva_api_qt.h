@@ -155,7 +155,8 @@ NORVA_API_QT_EXPORT std::string norva_sdk_select_error_msg_by_page(std::string a
 // ---- The object interface ---------------------------------------------------
 
 // A QObject with its own login and download, for hosts that have a
-// QCoreApplication (it never makes one). It holds nothing between calls.
+// QCoreApplication (it never makes one; called without one, both members answer
+// status 400 "request fail" at once). It holds nothing between calls.
 class NORVA_API_QT_EXPORT NORVA_HTTP_API : public QObject
 {
     Q_OBJECT

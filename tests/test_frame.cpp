@@ -61,6 +61,7 @@ private slots:
     void catchClauses();
     void mallAndPlannerCatchClauses_data();
     void mallAndPlannerCatchClauses();
+    void membersWithoutAnApplicationAnswerAtOnce();
     void idleServiceEndsTheWait_data();
     void idleServiceEndsTheWait();
     void cleanup() { norva::seam::setFaultHook(nullptr); }
@@ -192,6 +193,20 @@ void FrameTest::mallAndPlannerCatchClauses()
     QCOMPARE(call.result, document);
     const QStringList lines = echoes ? QStringList{"runtime trouble", document} : QStringList{"runtime trouble"};
     QCOMPARE(call.lines, lines);
+}
+
+void FrameTest::membersWithoutAnApplicationAnswerAtOnce()
+{
+    QVERIFY(!QCoreApplication::instance());
+    TestService service;
+    NORVA::NORVA_API_QT::NORVA_HTTP_API api;
+    StdoutCapture quiet;
+    const QString argument = substitute(R"({"ipconfig":"$ADDR","username":"a","file_downloadpath":"/tmp"})", service.address());
+    const std::string request = argument.toStdString();
+    QCOMPARE(QString::fromStdString(api.norva_sdk_login(request)), QStringLiteral(R"({"message":"request fail","status":400})"));
+    QCOMPARE(QString::fromStdString(api.norva_sdk_download_binary_file(request)),
+             QStringLiteral(R"({"message":"request fail","status":400})"));
+    QCOMPARE(service.requestCount(), 0);
 }
 
 void FrameTest::idleServiceEndsTheWait_data()

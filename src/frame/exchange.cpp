@@ -2,6 +2,7 @@
 
 #include "frame/seams.h"
 
+#include <QCoreApplication>
 #include <QEventLoop>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
@@ -59,6 +60,11 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
 {
     if (const seam::ExchangeStub stub = seam::exchangeStub())
         return stub(outgoing);
+    // Without an application the thread has no event dispatcher: nothing would
+    // ever arrive, and the wait below would spin. (Only the object's members can
+    // get here so, when a host calls them before making its application.)
+    if (!QCoreApplication::instance())
+        return ReceivedReply();
 
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
@@ -80,8 +86,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
 
-    // The body is drained as it arrives into one array, sized from the announced
-    // length, so that a large reply is held once and not twice.
+    // A reply that Qt does not write in place (chunked, or longer than the in-place
+    // limit) is drained as it arrives into one array, so it too is held once.
     QByteArray body;
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [reply, &body] {
         const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
