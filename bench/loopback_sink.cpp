@@ -35,6 +35,15 @@ std::string lowered(std::string text)
     return text;
 }
 
+// Acknowledges at once: a client that writes a request in two pieces (Qt
+// writes the head, then the body) would otherwise wait for a delayed ACK.
+ssize_t receive(int fd, char* into, size_t size)
+{
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    return ::recv(fd, into, size, 0);
+}
+
 void serve(int fd, std::uint64_t downloadBytes)
 {
     std::string buffer;
@@ -42,7 +51,7 @@ void serve(int fd, std::uint64_t downloadBytes)
     for (;;) {
         size_t headEnd;
         while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-            const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
+            const ssize_t n = receive(fd, chunk, sizeof chunk);
             if (n <= 0) {
                 ::close(fd);
                 return;
@@ -61,7 +70,7 @@ void serve(int fd, std::uint64_t downloadBytes)
         std::uint64_t have = std::min<std::uint64_t>(length, buffer.size());
         buffer.erase(0, size_t(have));
         while (have < length) {
-            const ssize_t n = ::recv(fd, chunk, size_t(std::min<std::uint64_t>(sizeof chunk, length - have)), 0);
+            const ssize_t n = receive(fd, chunk, size_t(std::min<std::uint64_t>(sizeof chunk, length - have)));
             if (n <= 0) {
                 ::close(fd);
                 return;

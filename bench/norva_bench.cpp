@@ -11,6 +11,8 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
+#include <QFile>
+#include <QHttpMultiPart>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 
@@ -118,7 +120,7 @@ double reusedManagerMicrosPerCall(const std::string& address, int calls)
 
 // The library's design in bare Qt: a new manager (and, without a host
 // application, a new application) for every call, and a local event loop.
-double bareQtMicrosPerCall(const std::string& address, int calls, bool freshApplication)
+double bareQtMicrosPerCall(const std::string& address, int calls, bool freshApplication, bool plugins = false)
 {
     static int argc = 1;
     static char name[] = "";
@@ -129,8 +131,11 @@ double bareQtMicrosPerCall(const std::string& address, int calls, bool freshAppl
     const auto start = Clock::now();
     for (int i = 0; i < calls; ++i) {
         std::unique_ptr<QCoreApplication> application;
-        if (freshApplication)
+        if (freshApplication) {
             application = std::make_unique<QCoreApplication>(argc, argv);
+            if (!plugins) // as the library's temporary application does
+                QCoreApplication::setLibraryPaths(QStringList());
+        }
         QNetworkAccessManager manager;
         QNetworkRequest request(QUrl(base + (i % 2 == 0 ? "/kvr/authority/login" : "/kvr/share/selectShare")));
         request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray("application/json"));
@@ -244,6 +249,32 @@ int childMain(int argc, char** argv)
             R"({"ipconfig":")" + address + R"(","token":"t","file_uploadpath":")" + path + R"("})");
         return result.find("\"status\":200") != std::string::npos ? 0 : 1;
     }
+    if (mode == "--child-qt-upload") {
+        // The same form in bare Qt: a QFile part and a data part, one manager.
+        static int qtArgc = 1;
+        static char name[] = "";
+        static char* qtArgv[] = {name, nullptr};
+        QCoreApplication application(qtArgc, qtArgv);
+        QNetworkAccessManager manager;
+        auto* form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+        auto* file = new QFile(QString::fromStdString(path), form);
+        file->open(QIODevice::ReadOnly);
+        QHttpPart filePart;
+        filePart.setHeader(QNetworkRequest::ContentDispositionHeader, QStringLiteral("form-data;name=file;filename=x"));
+        filePart.setBodyDevice(file);
+        form->append(filePart);
+        QHttpPart dataPart;
+        dataPart.setHeader(QNetworkRequest::ContentDispositionHeader, QStringLiteral("form-data;name=\"data\""));
+        dataPart.setBody("{}");
+        form->append(dataPart);
+        QNetworkReply* reply = manager.post(
+            QNetworkRequest(QUrl(QString::fromStdString("http://" + address + "/kvr/originalFile/uploadFile"))), form);
+        form->setParent(reply);
+        QEventLoop loop;
+        QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+        loop.exec();
+        return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 200 ? 0 : 1;
+    }
     if (mode == "--child-download") {
         const std::string result = NORVA::NORVA_API_QT::norva_sdk_download_binary_file(
             R"({"ipconfig":")" + address + R"(","token":"t","file_downloadpath":")" + path + R"(","data":{"id":1}})");
@@ -353,7 +384,8 @@ int main(int argc, char** argv)
                 transferRepeats);
 
     // 1. Per-call cost, every mode in each round so they share the machine's state.
-    std::vector<double> noApplication, hostApplication, reusedManager, freshCurl, applicationOnly, bareHost, bareFresh;
+    std::vector<double> noApplication, hostApplication, reusedManager, freshCurl, applicationOnly, bareHost, bareFresh,
+        bareFreshWithPlugins;
     static int appArgc = 1;
     static char appName[] = "norva_bench";
     static char* appArgv[] = {appName, nullptr};
@@ -361,6 +393,7 @@ int main(int argc, char** argv)
         noApplication.push_back(libraryMicrosPerCall(address, calls));
         applicationOnly.push_back(applicationMicros(calls / 4));
         bareFresh.push_back(bareQtMicrosPerCall(address, calls, true));
+        bareFreshWithPlugins.push_back(bareQtMicrosPerCall(address, calls / 4, true, true));
         {
             QCoreApplication application(appArgc, appArgv);
             hostApplication.push_back(libraryMicrosPerCall(address, calls));
@@ -387,6 +420,8 @@ int main(int argc, char** argv)
         fixed(median(bareFresh)) + " Qt", fixed(none / median(bareFresh), 2), "library's own share");
     row("  bare Qt vs curl, host / no application", "", "", fixed(median(bareHost) / curlCall, 2) + "/"
         + fixed(median(bareFresh) / curlCall, 2), "Qt's design alone");
+    row("  Qt's plugin search per new application (us)", "skipped",
+        fixed(median(bareFreshWithPlugins) - median(bareFresh)), "", "saved by the library");
     row("  building and ending a QCoreApplication (us)", "", fixed(median(applicationOnly)), "", "");
     row("per call, one reused QNetworkAccessManager (us)", "", fixed(median(reusedManager)),
         fixed(host / median(reusedManager), 2), "keep-alive, for scale");
@@ -398,9 +433,11 @@ int main(int argc, char** argv)
     const std::string program(exe, std::size_t(std::max<ssize_t>(exeLength, 0)));
     for (const std::uint64_t size : uploadSizes) {
         const std::string file = makeFile(scratch, "upload.bin", size);
-        std::vector<double> ours, theirs;
+        std::vector<double> ours, theirs, bareQt;
         std::vector<long> oursPeak, theirsPeak;
         for (int r = 0; r < transferRepeats; ++r) {
+            const ChildRun bare = runChild({program, "--child-qt-upload", address, file});
+            bareQt.push_back(bare.exitCode == 0 ? double(size) / 1e6 / bare.seconds : 0);
             const ChildRun run = runChild({program, "--child-upload", address, file});
             ours.push_back(double(size) / 1e6 / run.seconds);
             oursPeak.push_back(run.exitCode == 0 ? run.peakKiB : -1);
@@ -412,6 +449,8 @@ int main(int argc, char** argv)
         const std::string label = "upload " + std::to_string(size / mib) + " MiB";
         row((label + " (MB/s)").c_str(), fixed(median(ours)), fixed(median(theirs)) + " curl -F",
             fixed(median(ours) / median(theirs), 2), "");
+        row(("  " + label + ", bare Qt form (MB/s)").c_str(), fixed(median(ours)), fixed(median(bareQt)) + " Qt",
+            fixed(median(ours) / median(bareQt), 2), "library's own share");
         const double peak = *std::max_element(oursPeak.begin(), oursPeak.end()) / 1024.0;
         row((label + " peak resident (MiB)").c_str(), fixed(peak, 1),
             fixed(*std::max_element(theirsPeak.begin(), theirsPeak.end()) / 1024.0, 1) + " curl -F", "",
