@@ -2,6 +2,7 @@
 // and the catch clauses reached through the internal fault seam.
 #include "support/harness.h"
 
+#include "frame/json_text.h"
 #include "frame/reading.h"
 #include "frame/seams.h"
 #include "norva_api_qt.h"
@@ -61,6 +62,8 @@ private slots:
     void catchClauses();
     void mallAndPlannerCatchClauses_data();
     void mallAndPlannerCatchClauses();
+    void repeatedKeysAreRemovedBeforeParsing_data();
+    void repeatedKeysAreRemovedBeforeParsing();
     void membersWithoutAnApplicationAnswerAtOnce();
     void idleServiceEndsTheWait_data();
     void idleServiceEndsTheWait();
@@ -193,6 +196,39 @@ void FrameTest::mallAndPlannerCatchClauses()
     QCOMPARE(call.result, document);
     const QStringList lines = echoes ? QStringList{"runtime trouble", document} : QStringList{"runtime trouble"};
     QCOMPARE(call.lines, lines);
+}
+
+void FrameTest::repeatedKeysAreRemovedBeforeParsing_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("no repeats: untouched") << QByteArray(R"({"a":[1],"b":{"a":2}})") << QByteArray(R"({"a":[1],"b":{"a":2}})");
+    QTest::newRow("the last member wins") << QByteArray(R"({"a":[1],"a":[2]})") << QByteArray(R"({"a":[2]})");
+    QTest::newRow("other members stay") << QByteArray(R"({"a":{"x":0},"b":1,"a":{"y":1}})")
+                                        << QByteArray(R"({"b":1,"a":{"y":1}})");
+    QTest::newRow("repeats inside a dropped member")
+        << QByteArray(R"({"o":{"k":[1],"k":[2]},"o":{"k":3}})") << QByteArray(R"({"o":{"k":3}})");
+    QTest::newRow("repeats inside a kept member") << QByteArray(R"([{"k":[1],"k":[2]}])") << QByteArray(R"([{"k":[2]}])");
+    QTest::newRow("keys compare decoded") << QByteArray(R"({"\u0061":[1],"a":[2]})") << QByteArray(R"({"a":[2]})");
+    QTest::newRow("white space") << QByteArray("{ \"a\" : [1] ,\n \"a\" : 2 }") << QByteArray("{ \"a\" : 2 }");
+    QTest::newRow("braces and quotes inside strings") << QByteArray(R"({"s":"}\"{","a":[1],"a":[2]})")
+                                                      << QByteArray(R"({"s":"}\"{","a":[2]})");
+    QTest::newRow("garbage behind the document: still cleaned")
+        << QByteArray(R"({"a":[1],"a":[2]}})") << QByteArray(R"({"a":[2]}})");
+    QTest::newRow("a member Qt would refuse is never removed") << QByteArray(R"({"a":tru,"a":[1]})")
+                                                               << QByteArray(R"({"a":tru,"a":[1]})");
+    QTest::newRow("invalid UTF-8 stays for Qt to refuse") << QByteArray("{\"a\":\"\xff\",\"a\":[1]}")
+                                                          << QByteArray("{\"a\":\"\xff\",\"a\":[1]}");
+    QTest::newRow("no JSON: untouched for Qt to refuse") << QByteArray(R"({"a":[1],"a":)") << QByteArray(R"({"a":[1],"a":)");
+}
+
+void FrameTest::repeatedKeysAreRemovedBeforeParsing()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QByteArray, expected);
+    const QByteArray kept = norva::withoutRepeatedKeys(text);
+    QCOMPARE(kept, expected);
+    QCOMPARE(QJsonDocument::fromJson(kept), QJsonDocument::fromJson(text)); // Qt reads the same document
 }
 
 void FrameTest::membersWithoutAnApplicationAnswerAtOnce()

@@ -1,5 +1,6 @@
 #include "frame/judging.h"
 
+#include "frame/json_text.h"
 #include "frame/reading.h"
 #include "frame/result.h"
 
@@ -112,7 +113,7 @@ QJsonObject judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
                               const QJsonValue& sentText)
 {
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(body, &error);
+    const QJsonDocument document = QJsonDocument::fromJson(withoutRepeatedKeys(body), &error);
     if (error.error != QJsonParseError::NoError) {
         QJsonObject unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
         if (!sentText.isUndefined())

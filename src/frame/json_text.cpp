@@ -1,0 +1,312 @@
+#include "frame/json_text.h"
+
+#include <QHash>
+#include <QString>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace norva {
+
+namespace {
+
+// Shallower than Qt's own nesting limit (1024), so that nothing this scan
+// accepts is refused by Qt for its depth.
+constexpr int maxDepth = 1000;
+
+// The scan is never more lenient than Qt: a member is only removed when its
+// text is valid JSON by the strictest reading (literals, numbers, UTF-8), so
+// removing it can't turn a text Qt refuses into one it accepts.
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+class Scanner
+{
+public:
+    explicit Scanner(const QByteArray& text) : text(text), size(text.size()) {}
+
+    // Scans one value; false on anything that is not JSON.
+    bool value(int depth)
+    {
+        skipSpace();
+        if (at >= size || depth > maxDepth)
+            return false;
+        switch (text[at]) {
+        case '{':
+            return object(depth + 1);
+        case '[':
+            return array(depth + 1);
+        case '"':
+            return string(nullptr);
+        default:
+            return scalar();
+        }
+    }
+
+    // Byte ranges of members that a later member with the same key replaces.
+    std::vector<std::pair<int, int>> dropped;
+
+private:
+    void skipSpace()
+    {
+        while (at < size && (text[at] == ' ' || text[at] == '\t' || text[at] == '\n' || text[at] == '\r'))
+            ++at;
+    }
+
+    bool literal(const char* word)
+    {
+        const int length = int(std::char_traits<char>::length(word));
+        if (text.mid(at, length) != word)
+            return false;
+        at += length;
+        return true;
+    }
+
+    bool digits()
+    {
+        const int start = at;
+        while (at < size && isDigit(text[at]))
+            ++at;
+        return at > start;
+    }
+
+    // A number by JSON's grammar: no leading zeros, no bare points.
+    bool number()
+    {
+        if (at < size && text[at] == '-')
+            ++at;
+        if (at < size && text[at] == '0')
+            ++at;
+        else if (!digits())
+            return false;
+        if (at < size && text[at] == '.') {
+            ++at;
+            if (!digits())
+                return false;
+        }
+        if (at < size && (text[at] == 'e' || text[at] == 'E')) {
+            ++at;
+            if (at < size && (text[at] == '+' || text[at] == '-'))
+                ++at;
+            if (!digits())
+                return false;
+        }
+        return true;
+    }
+
+    bool scalar()
+    {
+        switch (text[at]) {
+        case 't':
+            return literal("true");
+        case 'f':
+            return literal("false");
+        case 'n':
+            return literal("null");
+        default:
+            return number();
+        }
+    }
+
+    // One UTF-8 sequence starting at `at`, by the strict rules (no overlong
+    // forms, no surrogates, nothing above U+10FFFF).
+    bool utf8Sequence()
+    {
+        const auto byte = [this](int i) { return static_cast<unsigned char>(text[i]); };
+        const unsigned char lead = byte(at);
+        int length;
+        unsigned int code;
+        if (lead < 0x80) {
+            ++at;
+            return true;
+        } else if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+            code = lead & 0x1F;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            code = lead & 0x0F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            code = lead & 0x07;
+        } else {
+            return false;
+        }
+        if (at + length > size)
+            return false;
+        for (int i = 1; i < length; ++i) {
+            if ((byte(at + i) & 0xC0) != 0x80)
+                return false;
+            code = (code << 6) | (byte(at + i) & 0x3F);
+        }
+        static const unsigned int smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (code < smallest[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+            return false;
+        at += length;
+        return true;
+    }
+
+    static int hex(char c)
+    {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
+        return -1;
+    }
+
+    // Scans a string; with `decoded`, also decodes it (keys are compared decoded,
+    // as Qt compares them).
+    bool string(QString* decoded)
+    {
+        ++at; // the opening quote
+        QByteArray raw;
+        while (at < size && text[at] != '"') {
+            if (text[at] != '\\') {
+                const int start = at;
+                if (!utf8Sequence())
+                    return false;
+                if (decoded)
+                    raw.append(text.constData() + start, at - start);
+                continue;
+            }
+            if (++at >= size)
+                return false;
+            const char escape = text[at++];
+            if (escape == 'u') {
+                if (at + 4 > size)
+                    return false;
+                int code = 0;
+                for (int i = 0; i < 4; ++i) {
+                    const int digit = hex(text[at + i]);
+                    if (digit < 0)
+                        return false;
+                    code = code * 16 + digit;
+                }
+                at += 4;
+                if (decoded) {
+                    *decoded += QString::fromUtf8(raw);
+                    raw.clear();
+                    *decoded += QChar(ushort(code));
+                }
+            } else {
+                // Like Qt, an unknown escape stands for the character itself.
+                static const char from[] = "\"\\/bfnrt";
+                static const char to[] = "\"\\/\b\f\n\r\t";
+                const char* found = std::char_traits<char>::find(from, 8, escape);
+                if (decoded)
+                    raw += found ? to[found - from] : escape;
+            }
+        }
+        if (at >= size)
+            return false;
+        ++at; // the closing quote
+        if (decoded)
+            *decoded += QString::fromUtf8(raw);
+        return true;
+    }
+
+    bool array(int depth)
+    {
+        ++at;
+        skipSpace();
+        if (at < size && text[at] == ']') {
+            ++at;
+            return true;
+        }
+        for (;;) {
+            if (!value(depth))
+                return false;
+            skipSpace();
+            if (at >= size)
+                return false;
+            if (text[at++] == ']')
+                return true;
+            if (text[at - 1] != ',')
+                return false;
+        }
+    }
+
+    bool object(int depth)
+    {
+        ++at;
+        struct Member {
+            QString key;
+            int start;
+        };
+        std::vector<Member> members;
+        skipSpace();
+        if (at < size && text[at] == '}') {
+            ++at;
+            return true;
+        }
+        for (;;) {
+            skipSpace();
+            if (at >= size || text[at] != '"')
+                return false;
+            Member member{QString(), at};
+            if (!string(&member.key))
+                return false;
+            skipSpace();
+            if (at >= size || text[at++] != ':')
+                return false;
+            if (!value(depth))
+                return false;
+            members.push_back(std::move(member));
+            skipSpace();
+            if (at >= size)
+                return false;
+            if (text[at++] == '}')
+                break;
+            if (text[at - 1] != ',')
+                return false;
+        }
+        // A member whose key comes again later is dropped, up to the next member.
+        QHash<QString, std::size_t> last;
+        for (std::size_t i = 0; i < members.size(); ++i)
+            last.insert(members[i].key, i);
+        if (std::size_t(last.size()) == members.size())
+            return true;
+        for (std::size_t i = 0; i + 1 < members.size(); ++i) {
+            if (last.value(members[i].key) != i)
+                dropped.emplace_back(members[i].start, members[i + 1].start);
+        }
+        return true;
+    }
+
+    const QByteArray& text;
+    const int size;
+    int at = 0;
+};
+
+} // namespace
+
+QByteArray withoutRepeatedKeys(const QByteArray& json)
+{
+    // Qt builds (and leaks) every object it completes before it finds an error
+    // or garbage behind the document, so the objects this scan completed are
+    // cleaned even when the text as a whole is no JSON.
+    Scanner scanner(json);
+    scanner.value(0);
+    if (scanner.dropped.empty())
+        return json;
+    std::sort(scanner.dropped.begin(), scanner.dropped.end());
+    QByteArray kept;
+    kept.reserve(json.size());
+    int from = 0;
+    for (const auto& range : scanner.dropped) {
+        if (range.first < from)
+            continue; // inside a member dropped already
+        kept.append(json.constData() + from, range.first - from);
+        from = range.second;
+    }
+    kept.append(json.constData() + from, json.size() - from);
+    return kept;
+}
+
+} // namespace norva
