@@ -226,9 +226,9 @@ void FrameTest::repeatedKeysAreRemovedBeforeParsing()
 {
     QFETCH(QByteArray, text);
     QFETCH(QByteArray, expected);
-    const QByteArray kept = norva::withoutRepeatedKeys(text);
-    QCOMPARE(kept, expected);
-    QCOMPARE(QJsonDocument::fromJson(kept), QJsonDocument::fromJson(text)); // Qt reads the same document
+    // (Qt's parser is not asked to read `text` itself: with repeated keys that is
+    // the leak this avoids.)
+    QCOMPARE(norva::withoutRepeatedKeys(text), expected);
 }
 
 void FrameTest::membersWithoutAnApplicationAnswerAtOnce()
