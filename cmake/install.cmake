@@ -1,30 +1,35 @@
-# Installs the header, the library (with its SONAME), the tools, a CMake package
-# giving Norva::NORVA_API_QT, and a pkg-config file.
+# Installs the header, the library (with its SONAME), the programs, a CMake
+# package giving Norva::NORVA_API_QT (Norva::NORVA_API_QT6 for Qt 6), and a
+# pkg-config file, each under the names of the Qt line built for.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(NORVA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/NorvaApiQt)
+set(NORVA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${NORVA_PACKAGE_NAME})
 
-install(TARGETS NORVA_API_QT EXPORT NorvaApiQtTargets
+install(TARGETS NORVA_API_QT EXPORT ${NORVA_PACKAGE_NAME}Targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(EXPORT NorvaApiQtTargets NAMESPACE Norva:: DESTINATION ${NORVA_CMAKE_DIR})
+install(EXPORT ${NORVA_PACKAGE_NAME}Targets NAMESPACE Norva:: DESTINATION ${NORVA_CMAKE_DIR})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/NorvaApiQtConfig.cmake.in
-  ${CMAKE_CURRENT_BINARY_DIR}/NorvaApiQtConfig.cmake INSTALL_DESTINATION ${NORVA_CMAKE_DIR})
-write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/NorvaApiQtConfigVersion.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}Config.cmake INSTALL_DESTINATION ${NORVA_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}ConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/NorvaApiQtConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/NorvaApiQtConfigVersion.cmake
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}Config.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}ConfigVersion.cmake
   DESTINATION ${NORVA_CMAKE_DIR})
 
 # Relative to the .pc file, so that the installed tree can be moved.
 file(RELATIVE_PATH NORVA_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 set(NORVA_PC_PREFIX "\${pcfiledir}/${NORVA_PC_TO_PREFIX}")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/norva-api-qt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/norva-api-qt.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/norva-api-qt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/norva-api-qt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-foreach(tool norva norva-console norva-records-service)
-  if(TARGET ${tool})
-    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+foreach(program norva norva-console norva-records-service)
+  if(TARGET ${program})
+    set_target_properties(${program} PROPERTIES OUTPUT_NAME ${program}${NORVA_PROGRAM_SUFFIX})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()
 endforeach()

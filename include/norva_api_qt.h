@@ -1,4 +1,5 @@
-// norva-api-qt: a blocking Qt 5 client for the board records service.
+// norva-api-qt: a blocking client for the board records service, built for Qt
+// 5.15 (library NORVA_API_QT) or Qt 6 (library NORVA_API_QT6) from this header.
 //
 // Every operation takes one JSON object as text (the argument document) and
 // returns one JSON object as text (the result document). Each call performs one
@@ -15,12 +16,37 @@
 //    what happened; failures inside the library carry "error_message" instead.
 //  * The returned text is also written to standard output as one line.
 //  * Nothing is thrown across this interface.
-//  * A reply that breaks off before its announced end, and a service that sends
-//    nothing for 120 s, count as no reply: status 400 "Server shuts down".
-//    Redirects are not followed (status 400 "request fail").
+//  * Once an HTTP status has arrived, it decides: 402 is "token expired" where
+//    the operation sends a token, any other status but 200 "request fail", and
+//    200 judges the body bytes that arrived, even when the body broke off. Only
+//    an exchange without any status is "Server shuts down" (status 400).
+//    Redirects are not followed: a redirect status is "request fail".
 //  * Without a QCoreApplication of the host's own, each call makes a temporary
 //    one for its duration; such calls must then come one at a time. With a host
 //    application, any thread that can run a QEventLoop may call.
+//
+// Where this library goes its own way, on purpose:
+//  * Idle limit: a service that sends nothing, nor takes anything, for 120 s
+//    ends the exchange as if no reply had come ("Server shuts down").
+//  * Downloads store whole files only. A body that breaks off (fewer bytes than
+//    its Content-Length, a transfer error after the status) is not stored:
+//    {"message":"download fail","status":400}. The bytes go to a new file beside
+//    the target, which takes the target's place only when all are written, so a
+//    write that fails (disk full, size limit) also says "download fail", leaves
+//    no partial file and leaves an earlier file of that name as it was. One case
+//    remains: Qt finishes a chunked body that breaks off at a closed connection
+//    as if it were whole, and shows nothing of the chunks it saw, so such a body
+//    is stored.
+//  * Download names cannot leave their folder: a name that is "." or "..", or
+//    holds a "/" or a NUL byte (a NUL ends the name), and a name that stands for
+//    something other than a regular file (a folder, a link, a device), is handled
+//    as a file that can't be opened: "download fail" with "error".
+//  * Objects keep their keys ascending by UTF-16 code unit everywhere, also
+//    those parsed from the caller's text or the service's reply.
+//
+// Qt 5 and Qt 6 builds behave alike, with one difference: a whole number beyond
+// 2^53 passed through unconverted stays exact on Qt 6, while Qt 5 rounds it to
+// the nearest double.
 //
 // Unknown or mistyped argument keys are not errors: a missing key goes out with
 // its default (empty text, 0, null, or no key at all, as each operation reads it)
@@ -77,12 +103,9 @@ NORVA_API_QT_EXPORT std::string norva_sdk_upload_files2share(std::string argumen
 // Stores the file as file_downloadpath + "/" + name, the name taken from the
 // reply's Content-Disposition (behind its last "="), renamed when "reName" is a
 // non-empty text, else stamped "_yyyyMMddhhmmss" when "isTimeStamp" is true. An
-// existing file is overwritten; folders are not created.
-//
-// A name never leaves file_downloadpath: a stored name that is "." or ".." or
-// holds a "/" or a NUL byte is treated as a file that can't be opened (status 400
-// "download fail" with "error": "File:<path>open failed"), and nothing is
-// written. Every other name is stored exactly as derived.
+// existing file is overwritten; folders are not created. A name that can't be
+// stored in the folder gives status 400 "download fail" with "error":
+// "File:<path>open failed"; see the departures above.
 NORVA_API_QT_EXPORT std::string norva_sdk_download_binary_file(std::string argument);
 
 // ---- Shares -----------------------------------------------------------------

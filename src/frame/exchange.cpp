@@ -1,5 +1,6 @@
 #include "frame/exchange.h"
 
+#include "frame/qt_line.h"
 #include "frame/seams.h"
 
 #include <QCoreApplication>
@@ -10,19 +11,14 @@
 
 #include <memory>
 
-// The type of QNetworkRequest::DownloadBufferAttribute, as QtNetwork registers it.
-Q_DECLARE_METATYPE(QSharedPointer<char>)
-
 namespace norva {
 
 namespace {
 
 constexpr qint64 readBufferBytes = qint64(1) << 20;
 
-// A reply announcing more than this gets no room reserved up front, and is not
-// written in place.
+// A reply announcing more than this gets no room reserved up front.
 constexpr qint64 maxReservedBody = qint64(1) << 30;
-constexpr qint64 maxInPlaceBody = maxReservedBody;
 
 // Errors of the transfer itself, as opposed to those Qt derives from an HTTP
 // error status (content and server errors).
@@ -32,17 +28,9 @@ bool isTransferError(QNetworkReply::NetworkError error)
            || (error >= QNetworkReply::ProtocolUnknownError && error <= QNetworkReply::ProtocolFailure);
 }
 
-QSharedPointer<char> inPlaceBuffer(const QNetworkReply* reply)
-{
-    return reply->attribute(QNetworkRequest::DownloadBufferAttribute).value<QSharedPointer<char>>();
-}
-
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
-    // A reply of known length is written by Qt's HTTP thread straight into one
-    // buffer of that length, which the call then keeps: a large download is held
-    // once, and not copied on its way.
-    outgoing.request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, maxInPlaceBody);
+    qt_line::pinRequestBehaviour(outgoing.request);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
     if (outgoing.form) {
@@ -52,6 +40,21 @@ QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
         return reply;
     }
     return manager.post(outgoing.request, outgoing.body);
+}
+
+// Qt finishes a reply without an error when the peer closes in the middle of a
+// body at some moments and with one at others. What it counted tells the cases
+// apart every time: a body shorter than its Content-Length is cut short. A body
+// Qt decompressed is not compared, since the header counts the compressed bytes.
+bool hasAnnouncedLength(const QNetworkReply& reply, qint64 received)
+{
+    const QVariant announced = reply.header(QNetworkRequest::ContentLengthHeader);
+    if (!announced.isValid())
+        return true;
+    const QByteArray encoding = reply.rawHeader(QByteArrayLiteral("Content-Encoding")).trimmed().toLower();
+    if (!encoding.isEmpty() && encoding != "identity")
+        return true;
+    return announced.toLongLong() == received;
 }
 
 } // namespace
@@ -69,8 +72,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
     QNetworkReply* const reply = send(*manager, outgoing);
-    // Qt's HTTP thread waits while this much is unread, so a large reply is
-    // not queued up in Qt beside the copy the call keeps.
+    // Qt's HTTP thread waits while this much is unread, so a large reply is not
+    // queued up in Qt beside the copy the call keeps.
     reply->setReadBufferSize(readBufferBytes);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
 
@@ -86,18 +89,15 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
 
-    // A reply that Qt does not write in place (chunked, or longer than the in-place
-    // limit) is drained as it arrives into one array, so it too is held once.
+    // The body is drained as it arrives into one array, reserved at its announced
+    // size, so that even a large download is held once.
     QByteArray body;
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [reply, &body] {
         const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-        if (announced > 0 && announced <= maxReservedBody && inPlaceBuffer(reply).isNull())
+        if (announced > 0 && announced <= maxReservedBody)
             body.reserve(int(announced));
     });
-    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] {
-        if (inPlaceBuffer(reply).isNull())
-            body.append(reply->readAll());
-    });
+    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] { body.append(reply->readAll()); });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
@@ -114,22 +114,17 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     idleTimer.stop();
     reply->deleteLater();
 
+    if (reply->isOpen()) // an abandoned reply is closed and has nothing more to read
+        body.append(reply->readAll());
+
     ReceivedReply received;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    received.httpStatus = idle ? 0 : status.toInt();
-    received.bodyStorage = inPlaceBuffer(reply);
-    if (!received.bodyStorage.isNull()) {
-        // Qt wrote the reply in place; the bytes not read yet are all of it.
-        received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
-    } else {
-        if (reply->isOpen()) // an abandoned reply is closed and has nothing more to read
-            body.append(reply->readAll());
-        received.body = body;
-    }
+    received.httpStatus = idle ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    received.body = body;
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();
-    received.complete = !idle && !isTransferError(received.networkError);
+    received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
+                        && hasAnnouncedLength(*reply, body.size());
     return received;
 }
 

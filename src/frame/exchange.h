@@ -5,27 +5,25 @@
 
 #include <QByteArray>
 #include <QNetworkReply>
-#include <QSharedPointer>
 #include <QString>
 
 namespace norva {
 
 // What the call keeps of the reply once the exchange is over.
 struct ReceivedReply {
-    // 0 when no HTTP reply was received: refused, unreachable, closed without an
-    // answer, or idle past the limit.
+    // The status of the reply's status line. 0 when none arrived (refused,
+    // unreachable, closed before a status line) and when the idle limit ended
+    // the exchange: only then is there "no reply". Once a status has arrived it
+    // decides, whatever happened to the body afterwards.
     int httpStatus = 0;
-    QByteArray body;
-    QSharedPointer<char> bodyStorage; // owns `body`'s bytes when Qt wrote them in place
+    QByteArray body; // the body bytes that arrived
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;
-    // false when the transfer broke off (peer closed or reset mid-reply, a broken
-    // chunk, the idle limit): the body is not what the service sent.
-    bool complete = true;
-
-    // What the HTTP classes go by: an incomplete reply counts as no reply.
-    int classifiedStatus() const { return complete ? httpStatus : 0; }
+    // Whether `body` is the whole body the service announced: no transfer error,
+    // as many bytes as Content-Length said, and a chunked body that ended with
+    // its last chunk. Only a download looks at it: it stores nothing incomplete.
+    bool complete = false;
 };
 
 // Sends the request with a manager of its own and serves the calling thread's

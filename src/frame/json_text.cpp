@@ -1,6 +1,8 @@
 #include "frame/json_text.h"
 
 #include <QHash>
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QString>
 
 #include <algorithm>
@@ -49,6 +51,8 @@ public:
 
     // Byte ranges of members that a later member with the same key replaces.
     std::vector<std::pair<int, int>> dropped;
+    // Whether some key holds a character beyond U+FFFF (see parseJson).
+    bool keyBeyondBmp = false;
 
 private:
     void skipSpace()
@@ -252,6 +256,8 @@ private:
             Member member{QString(), at};
             if (!string(&member.key))
                 return false;
+            keyBeyondBmp = keyBeyondBmp || std::any_of(member.key.cbegin(), member.key.cend(),
+                                                       [](QChar c) { return c.isSurrogate(); });
             skipSpace();
             if (at >= size || text[at++] != ':')
                 return false;
@@ -286,20 +292,17 @@ private:
 
 } // namespace
 
-QByteArray withoutRepeatedKeys(const QByteArray& json)
+namespace {
+
+QByteArray withoutDropped(const QByteArray& json, std::vector<std::pair<int, int>> dropped)
 {
-    // Qt builds (and leaks) every object it completes before it finds an error
-    // or garbage behind the document, so the objects this scan completed are
-    // cleaned even when the text as a whole is no JSON.
-    Scanner scanner(json);
-    scanner.value(0);
-    if (scanner.dropped.empty())
+    if (dropped.empty())
         return json;
-    std::sort(scanner.dropped.begin(), scanner.dropped.end());
+    std::sort(dropped.begin(), dropped.end());
     QByteArray kept;
     kept.reserve(json.size());
     int from = 0;
-    for (const auto& range : scanner.dropped) {
+    for (const auto& range : dropped) {
         if (range.first < from)
             continue; // inside a member dropped already
         kept.append(json.constData() + from, range.first - from);
@@ -307,6 +310,57 @@ QByteArray withoutRepeatedKeys(const QByteArray& json)
     }
     kept.append(json.constData() + from, json.size() - from);
     return kept;
+}
+
+QJsonValue inKeyOrder(const QJsonValue& value);
+
+QJsonObject inKeyOrder(const QJsonObject& object)
+{
+    QJsonObject ordered;
+    for (auto member = object.constBegin(); member != object.constEnd(); ++member)
+        ordered.insert(member.key(), inKeyOrder(member.value()));
+    return ordered;
+}
+
+QJsonValue inKeyOrder(const QJsonValue& value)
+{
+    if (value.isObject())
+        return inKeyOrder(value.toObject());
+    if (value.isArray()) {
+        QJsonArray ordered;
+        for (const QJsonValue& element : value.toArray())
+            ordered.append(inKeyOrder(element));
+        return ordered;
+    }
+    return value;
+}
+
+} // namespace
+
+QByteArray withoutRepeatedKeys(const QByteArray& json)
+{
+    // Qt builds (and leaks) every object it completes before it finds an error
+    // or garbage behind the document, so the objects this scan completed are
+    // cleaned even when the text as a whole is no JSON.
+    Scanner scanner(json);
+    scanner.value(0);
+    return withoutDropped(json, std::move(scanner.dropped));
+}
+
+QJsonDocument parseJson(const QByteArray& json, QJsonParseError* error)
+{
+    Scanner scanner(json);
+    scanner.value(0);
+    const QJsonDocument document = QJsonDocument::fromJson(withoutDropped(json, std::move(scanner.dropped)), error);
+    // Qt's parser orders the keys of an object by code point, QJsonObject by
+    // UTF-16 code unit; the two differ only where a key holds a character beyond
+    // U+FFFF. Such objects are rebuilt by insertion, which orders them as every
+    // other object, so that lookups find their keys and the text writes them in
+    // the same order. Other texts cost nothing more.
+    if (!scanner.keyBeyondBmp || document.isNull())
+        return document;
+    return document.isObject() ? QJsonDocument(inKeyOrder(document.object()))
+                               : QJsonDocument(inKeyOrder(QJsonValue(document.array())).toArray());
 }
 
 } // namespace norva

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonDocument>
+#include <QJsonParseError>
 
 namespace norva {
 
@@ -11,5 +13,9 @@ namespace norva {
 // `json` itself when no object repeats a key (or when the text is no JSON, which
 // Qt then reports), else a copy with only the last member of each repeated key.
 QByteArray withoutRepeatedKeys(const QByteArray& json);
+
+// QJsonDocument::fromJson of `json` without its repeated keys, with the keys of
+// every object in QJsonObject's own order (ascending by UTF-16 code unit).
+QJsonDocument parseJson(const QByteArray& json, QJsonParseError* error);
 
 } // namespace norva

@@ -113,7 +113,7 @@ QJsonObject judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
                               const QJsonValue& sentText)
 {
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(withoutRepeatedKeys(body), &error);
+    const QJsonDocument document = parseJson(body, &error);
     if (error.error != QJsonParseError::NoError) {
         QJsonObject unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
         if (!sentText.isUndefined())

@@ -62,7 +62,7 @@ QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& c
 {
     call.startApplication();
     const ReceivedReply reply = runExchange(outgoing);
-    const int status = reply.classifiedStatus();
+    const int status = reply.httpStatus;
     if (status == 200 || status == classes.alsoJudged)
         return judge(reply);
     const HttpClass httpClass = classifyStatus(status, classes.with402Branch);

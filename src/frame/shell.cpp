@@ -59,7 +59,7 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
     try {
         QJsonParseError error;
         const QJsonDocument document =
-            QJsonDocument::fromJson(withoutRepeatedKeys(QString::fromStdString(argument).toUtf8()), &error);
+            parseJson(QString::fromStdString(argument).toUtf8(), &error);
         if (error.error != QJsonParseError::NoError)
             return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
         seam::reach(seam::FaultPoint::ArgumentsParsed);

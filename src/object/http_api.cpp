@@ -3,6 +3,7 @@
 #include "norva_api_qt.h"
 
 #include "accounts/login.h"
+#include "frame/qt_line.h"
 #include "frame/result.h"
 #include "transfer/download.h"
 
@@ -59,7 +60,7 @@ void NORVA_HTTP_API::requestFinished(QNetworkReply* reply)
     qDebug() << bytes;
     QJsonObject document = statusDocument(400, reply->errorString());
     document.insert(QStringLiteral("error"), int(reply->error()));
-    document.insert(QStringLiteral("message2"), QString::fromUtf8(bytes));
+    document.insert(QStringLiteral("message2"), qt_line::utf8UpToNul(bytes));
     echoLine(compactText(document));
 }
 

@@ -3,10 +3,12 @@
 #include "norva_api_qt.h"
 
 #include "frame/operation.h"
+#include "frame/qt_line.h"
 #include "frame/result.h"
 #include "transfer/platform.h"
 
-#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
 
 namespace norva::transfer {
 
@@ -27,8 +29,8 @@ QString beforeFirst(const QString& text, QChar mark)
 DownloadName deriveDownloadName(const QByteArray& contentDisposition, const QString& reName,
                                 bool timeStamp, const QDateTime& now, const QString& stampFormat)
 {
-    // Decoding comes first, so an encoded "=" counts as one.
-    const QString header = QString::fromUtf8(QByteArray::fromPercentEncoding(contentDisposition));
+    // Decoding comes first, so an encoded "=" counts as one. A NUL ends the name.
+    const QString header = qt_line::utf8UpToNul(QByteArray::fromPercentEncoding(contentDisposition));
     DownloadName name;
     name.filename = behindLast(header, QLatin1Char('='));
     const QString original = name.filename;
@@ -51,22 +53,54 @@ bool staysInFolder(const QString& storedName)
            && !storedName.contains(QLatin1Char(pathSeparator)) && !storedName.contains(QChar(0));
 }
 
+namespace {
+
+// Only a regular file of that name, or none, is replaced: a folder, a link, a
+// device or a pipe is handled as a file that can't be opened, so that nothing
+// is written outside the folder or into something that is no file.
+bool isReplaceable(const QString& path)
+{
+    const QFileInfo existing(path);
+    return existing.isSymLink() ? false : !existing.exists() || existing.isFile();
+}
+
+} // namespace
+
 QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const DownloadName& name,
                          OpenFailureText openFailureText)
 {
     const QString fail = QString::fromLatin1(message::downloadFail);
     const QString path = folder + QLatin1Char(pathSeparator) + name.stored;
-    // A name that would leave the folder is handled as a file that can't be opened.
-    QFile file(path);
-    if (!staysInFolder(name.stored) || !file.open(QIODevice::WriteOnly)) {
+    // Opening the name itself tells whether the folder can hold it. A name that
+    // was free holds an empty placeholder until the bytes take its place, and is
+    // freed again if they don't.
+    const bool existed = QFileInfo::exists(path) || QFileInfo(path).isSymLink();
+    QFile placeholder(path);
+    const bool opened = staysInFolder(name.stored) && isReplaceable(path)
+                        && (existed || placeholder.open(QIODevice::WriteOnly | QIODevice::NewOnly));
+    placeholder.close();
+    const auto freeName = [&] {
+        if (!existed)
+            placeholder.remove();
+    };
+    // The bytes go to a new file beside the target, which takes the target's
+    // place only once all of them are written: a failed write leaves no partial
+    // file, and an earlier file of that name as it was.
+    QSaveFile file(path);
+    if (!opened || !file.open(QIODevice::WriteOnly)) {
+        if (opened)
+            freeName();
         QJsonObject document = statusDocument(400, fail);
         document.insert(QStringLiteral("error"), openFailureText == OpenFailureText::Compact
                                                      ? QStringLiteral("File:") + path + QStringLiteral("open failed")
                                                      : QStringLiteral("File: ") + path + QStringLiteral(" open failed"));
         return document;
     }
-    if (file.write(bytes) <= 0)
+    if (file.write(bytes) != bytes.size() || !file.commit()) {
+        file.cancelWriting();
+        freeName();
         return statusDocument(400, fail);
+    }
     QJsonObject document = statusDocument(200, QStringLiteral("download success"));
     document.insert(QStringLiteral("filename"), name.filename);
     document.insert(QStringLiteral("new_name"), name.newName);
@@ -105,7 +139,8 @@ std::string runDownload(const DownloadVariant& variant, std::string argument)
             }
             if (variant.writesSizeLine)
                 echoLine(std::to_string(reply.body.size()));
-            if (reply.body.isEmpty())
+            // A body cut short is not the file: it is not stored.
+            if (reply.body.isEmpty() || !reply.complete)
                 return statusDocument(400, QString::fromLatin1(message::downloadFail));
             const DownloadName name =
                 deriveDownloadName(reply.contentDisposition, reName, timeStamp, QDateTime::currentDateTime(),

@@ -77,6 +77,24 @@ CaseList argumentFailureCases(const QString& name, OperationFunction operation, 
     };
 }
 
+std::vector<std::pair<QString, ScriptedReply>> cutShortReplies(int status, const QByteArray& headers)
+{
+    const QByteArray head = "HTTP/1.1 " + QByteArray::number(status) + " Status\r\n" + headers;
+    const QByteArray length = head + "Content-Length: 40\r\n\r\n";
+    const QByteArray chunked = head + "Transfer-Encoding: chunked\r\n\r\n";
+    return {
+        {"short by most", ScriptedReply::raw(length + R"({"code")")},
+        {"short by all", ScriptedReply::raw(length)},
+        {"chunked without its last chunk", ScriptedReply::raw(chunked + "7\r\n{\"code\"\r\n4\r\n:200\r\n")},
+        {"chunked, cut inside a chunk", ScriptedReply::raw(chunked + "20\r\n{\"code\":200")},
+    };
+}
+
+int runsOf(const ScriptedReply& reply)
+{
+    return reply.kind == ScriptedReply::Kind::Raw && !reply.stallAfterwards ? 20 : 1;
+}
+
 void addCaseColumn()
 {
     QTest::addColumn<OperationCase>("row");
@@ -88,9 +106,10 @@ void addCases(const CaseList& cases)
         QTest::newRow(c.name.toUtf8().constData()) << c;
 }
 
-void runCase(TestService& service)
+namespace {
+
+void runOnce(TestService& service, const OperationCase& row)
 {
-    QFETCH(OperationCase, row);
     service.reset();
     service.script(row.reply);
     // Qt's HTTP layer sends a request again (up to three times) when a connection
@@ -117,8 +136,15 @@ void runCase(TestService& service)
     }
     QVERIFY2(service.requestCount() == 1 || (resendable && service.requestCount() <= 4),
              qPrintable(QString::number(service.requestCount())));
-    QCOMPARE(service.requests().front().raw, service.lastRequest().raw);
-    const RecordedRequest request = service.lastRequest();
+    // A resent request is the same bytes, or a part of them when the call ended
+    // while Qt was still sending it.
+    // (A resend of an earlier call that Qt broke off may still arrive late: it
+    // has another target or another form boundary.)
+    const RecordedRequest request = service.fullestRequest();
+    for (const RecordedRequest& resent : service.requests()) {
+        if (resent.target == request.target && resent.header("Content-Type") == request.header("Content-Type"))
+            QVERIFY(request.raw.startsWith(resent.raw));
+    }
     QCOMPARE(request.method, row.wire.method);
     QCOMPARE(request.target, row.wire.target);
     if (row.wire.contentType.startsWith("multipart/")) {
@@ -133,6 +159,19 @@ void runCase(TestService& service)
         QCOMPARE(request.header("Content-Length"), QByteArray::number(request.body.size()));
     QCOMPARE(request.hasHeader("token"), !row.wire.token.isNull());
     QCOMPARE(request.header("token"), row.wire.token.isNull() ? QByteArray() : row.wire.token);
+}
+
+
+} // namespace
+
+void runCase(TestService& service)
+{
+    QFETCH(OperationCase, row);
+    for (int run = runsOf(row.reply); run > 0; --run) {
+        runOnce(service, row);
+        if (QTest::currentTestFailed())
+            return;
+    }
 }
 
 } // namespace testing_support

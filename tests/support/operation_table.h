@@ -61,6 +61,16 @@ CaseList httpClassCases(const QString& name, OperationFunction operation, const 
 CaseList argumentFailureCases(const QString& name, OperationFunction operation,
                               const char* message = "json str parse error");
 
+// Replies that send a status line and headers (plus `headers`), then break off
+// and close: Content-Length short by most of the body and by all of it, chunked
+// without its last chunk, and cut inside a chunk. The body that would have come
+// is an incomplete JSON text in every case. Each comes with the name of its cut.
+std::vector<std::pair<QString, ScriptedReply>> cutShortReplies(int status, const QByteArray& headers = {});
+
+// How often a row runs: a reply that breaks off runs 20 times, since the same
+// bytes must give the same result every time.
+int runsOf(const ScriptedReply& reply);
+
 void addCaseColumn();
 void addCases(const CaseList& cases);
 // Runs the current row against `service`; fails the test on any difference.

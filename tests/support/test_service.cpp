@@ -1,5 +1,7 @@
 #include "support/test_service.h"
 
+#include <algorithm>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -250,7 +252,10 @@ RecordedRequest TestService::lastRequest() const
 
 void TestService::reset()
 {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
+    // A connection of the last call that is still being read (a resend Qt broke
+    // off) must not be recorded as a request of the next one.
+    stopped.wait_for(lock, std::chrono::seconds(2), [this] { return activeWorkers == 0; });
     recorded.clear();
     requestsSeen = 0;
     keepingRequests = true;
@@ -370,6 +375,15 @@ void TestService::serve(int connection)
     }
     ::shutdown(connection, SHUT_WR);
     ::close(connection);
+}
+
+RecordedRequest TestService::fullestRequest() const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto longest = std::max_element(recorded.begin(), recorded.end(), [](const RecordedRequest& a, const RecordedRequest& b) {
+        return a.raw.size() < b.raw.size();
+    });
+    return longest == recorded.end() ? RecordedRequest() : *longest;
 }
 
 QString refusedAddress()

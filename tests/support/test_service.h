@@ -82,6 +82,9 @@ public:
     std::vector<RecordedRequest> requests() const;
     int requestCount() const;
     RecordedRequest lastRequest() const;
+    // The longest request recorded: Qt resends a request whose reply broke off,
+    // and may break the resend off in turn, so the others are parts of it.
+    RecordedRequest fullestRequest() const;
     void reset(); // forgets requests and script, restores the default reply
 
 private:
