@@ -44,9 +44,11 @@
 //  * Objects keep their keys ascending by UTF-16 code unit everywhere, also
 //    those parsed from the caller's text or the service's reply.
 //
-// Qt 5 and Qt 6 builds behave alike, with one difference: a whole number beyond
-// 2^53 passed through unconverted stays exact on Qt 6, while Qt 5 rounds it to
-// the nearest double.
+// Qt 5 and Qt 6 builds behave alike (redirects are not followed on either), with
+// two differences: a whole number beyond 2^53 passed through unconverted stays
+// exact on Qt 6, while Qt 5 rounds it to the nearest double; and Qt 6 offers the
+// service "zstd, br, gzip, deflate" in Accept-Encoding where Qt 5 offers
+// "gzip, deflate" (Qt decodes what it offered).
 //
 // Unknown or mistyped argument keys are not errors: a missing key goes out with
 // its default (empty text, 0, null, or no key at all, as each operation reads it)

@@ -4,6 +4,7 @@
 #include "norva_api_qt.h"
 
 #include <QCoreApplication>
+#include <QThread>
 #include <QTimer>
 #include <QtTest>
 
@@ -17,6 +18,7 @@ class HostRunTest : public QObject
 private slots:
     void callFromInsideExecLeavesTheHostLoopRunning();
     void aCallMadeWhileAnotherWaitsCompletesToo();
+    void callsFromWorkerThreadsFinish();
 
 private:
     QString loginArgument() const
@@ -73,6 +75,34 @@ void HostRunTest::aCallMadeWhileAnotherWaitsCompletesToo()
     QCOMPARE(inner, QStringLiteral(R"({"data":"inner","message":"login success","status":200})"));
     QCOMPARE(outer, QStringLiteral(R"({"data":"outer","message":"login success","status":200})"));
     QCOMPARE(service.requestCount(), 2);
+}
+
+// With a host application, calls from other threads run there and finish,
+// while the main thread's loop runs or waits; repeated, since a wait that hangs
+// does so only now and then.
+void HostRunTest::callsFromWorkerThreadsFinish()
+{
+    service.reset();
+    service.setDefaultReply(ScriptedReply::json(R"({"code":200,"data":"w"})"));
+    StdoutDiscard quiet;
+    for (int round = 0; round < 20; ++round) {
+        QStringList results;
+        std::vector<QThread*> workers;
+        for (int i = 0; i < 2; ++i) {
+            workers.push_back(QThread::create([&results, this] {
+                const QString result = QString::fromStdString(norva_sdk_login(loginArgument().toStdString()));
+                QMetaObject::invokeMethod(qApp, [&results, result] { results << result; });
+            }));
+            workers.back()->start();
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(results.size(), 2, 10000);
+        for (QThread* worker : workers) {
+            QVERIFY(worker->wait(10000));
+            delete worker;
+        }
+        const QString expected = R"({"data":"w","message":"login success","status":200})";
+        QCOMPARE(results, (QStringList{expected, expected}));
+    }
 }
 
 QTEST_GUILESS_MAIN(HostRunTest)
