@@ -31,6 +31,7 @@ bool isTransferError(QNetworkReply::NetworkError error)
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
     qt_line::pinRequestBehaviour(outgoing.request);
+    qt_line::askForBodyInPlace(outgoing.request);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
     if (outgoing.form) {
@@ -89,15 +90,19 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
 
-    // The body is drained as it arrives into one array, reserved at its announced
-    // size, so that even a large download is held once.
+    // A body that Qt does not write in place is drained as it arrives into one
+    // array, reserved at its announced size.
     QByteArray body;
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [reply, &body] {
-        const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-        if (announced > 0 && announced <= maxReservedBody)
-            body.reserve(int(announced));
+    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] {
+        if (!qt_line::bodyStorage(*reply).isNull())
+            return;
+        if (body.capacity() == 0) {
+            const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+            if (announced > 0 && announced <= maxReservedBody)
+                body.reserve(int(announced));
+        }
+        body.append(reply->readAll());
     });
-    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] { body.append(reply->readAll()); });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
@@ -114,10 +119,14 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     idleTimer.stop();
     reply->deleteLater();
 
-    if (reply->isOpen()) // an abandoned reply is closed and has nothing more to read
-        body.append(reply->readAll());
-
     ReceivedReply received;
+    received.bodyStorage = qt_line::bodyStorage(*reply);
+    if (!received.bodyStorage.isNull()) {
+        // Qt wrote the reply in place; the bytes not read yet are all of it.
+        body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
+    } else if (reply->isOpen()) { // an abandoned reply is closed and has nothing more to read
+        body.append(reply->readAll());
+    }
     received.httpStatus = idle ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     received.body = body;
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QNetworkReply>
+#include <QSharedPointer>
 #include <QString>
 
 namespace norva {
@@ -17,6 +18,7 @@ struct ReceivedReply {
     // decides, whatever happened to the body afterwards.
     int httpStatus = 0;
     QByteArray body; // the body bytes that arrived
+    QSharedPointer<char> bodyStorage; // owns `body`'s bytes when Qt wrote them in place
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;

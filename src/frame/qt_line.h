@@ -7,7 +7,10 @@
 #include <QByteArray>
 #include <QString>
 
+#include <QSharedPointer>
+
 QT_BEGIN_NAMESPACE
+class QNetworkReply;
 class QNetworkRequest;
 QT_END_NAMESPACE
 
@@ -16,6 +19,14 @@ namespace norva::qt_line {
 // A redirect status is a status like any other, never followed, and the
 // exchange speaks HTTP/1.1: Qt 5's defaults, which Qt 6 changed.
 void pinRequestBehaviour(QNetworkRequest& request);
+
+// Qt 5 writes a reply of known length straight into one buffer of that length,
+// which the call then keeps, when the request asks for it: a large download is
+// held once instead of passing through Qt's queues beside the call's copy. Qt 6
+// has no such buffer; there the exchange drains the body as it arrives.
+void askForBodyInPlace(QNetworkRequest& request);
+// The storage Qt wrote the body into; null when it did not write in place.
+QSharedPointer<char> bodyStorage(const QNetworkReply& reply);
 
 // The UTF-8 text of `bytes` up to the first NUL byte, as Qt 5's
 // QString::fromUtf8(QByteArray) reads it (Qt 6 reads on past the NUL).

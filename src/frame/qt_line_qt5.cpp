@@ -1,12 +1,27 @@
 #include "frame/qt_line.h"
 
+#include <QNetworkReply>
 #include <QNetworkRequest>
+
+// The type of QNetworkRequest::DownloadBufferAttribute, as QtNetwork registers it.
+Q_DECLARE_METATYPE(QSharedPointer<char>)
 
 namespace norva::qt_line {
 
 void pinRequestBehaviour(QNetworkRequest&)
 {
     // Qt 5 follows no redirect and uses no HTTP/2 unless asked to.
+}
+
+void askForBodyInPlace(QNetworkRequest& request)
+{
+    // Larger replies than this are drained as they arrive, as on Qt 6.
+    request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, qint64(1) << 30);
+}
+
+QSharedPointer<char> bodyStorage(const QNetworkReply& reply)
+{
+    return reply.attribute(QNetworkRequest::DownloadBufferAttribute).value<QSharedPointer<char>>();
 }
 
 QString utf8UpToNul(const QByteArray& bytes)

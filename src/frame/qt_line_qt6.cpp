@@ -12,6 +12,15 @@ void pinRequestBehaviour(QNetworkRequest& request)
     request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
 }
 
+void askForBodyInPlace(QNetworkRequest&)
+{
+}
+
+QSharedPointer<char> bodyStorage(const QNetworkReply&)
+{
+    return {};
+}
+
 QString utf8UpToNul(const QByteArray& bytes)
 {
     const qsizetype nul = bytes.indexOf('\0');
