@@ -51,6 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const int lineEnd = rest.indexOf('\n');
     nextReply = norva::ReceivedReply();
     nextReply.httpStatus = statuses[(data[0] >> 5) & 7];
+    nextReply.complete = nextReply.httpStatus != 0;
     nextReply.contentDisposition = lineEnd < 0 ? QByteArray() : rest.left(lineEnd);
     nextReply.body = lineEnd < 0 ? rest : rest.mid(lineEnd + 1);
 
