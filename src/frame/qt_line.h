@@ -28,6 +28,12 @@ void askForBodyInPlace(QNetworkRequest& request);
 // The storage Qt wrote the body into; null when it did not write in place.
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply);
 
+// Keeps a temporary application from searching Qt's plugin folders, which Qt 5
+// does again for every new application (for bearer plugins, which serve roaming
+// sessions and cost more than the exchange). Qt 6 has no bearer plugins and
+// searches nothing, and there clearing the paths would cost time of its own.
+void skipPluginSearch();
+
 // The UTF-8 text of `bytes` up to the first NUL byte, as Qt 5's
 // QString::fromUtf8(QByteArray) reads it (Qt 6 reads on past the NUL).
 QString utf8UpToNul(const QByteArray& bytes);

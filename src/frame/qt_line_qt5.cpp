@@ -1,6 +1,8 @@
 #include "frame/qt_line.h"
 
+#include <QCoreApplication>
 #include <QNetworkReply>
+#include <QStringList>
 #include <QNetworkRequest>
 
 // The type of QNetworkRequest::DownloadBufferAttribute, as QtNetwork registers it.
@@ -22,6 +24,11 @@ void askForBodyInPlace(QNetworkRequest& request)
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply)
 {
     return reply.attribute(QNetworkRequest::DownloadBufferAttribute).value<QSharedPointer<char>>();
+}
+
+void skipPluginSearch()
+{
+    QCoreApplication::setLibraryPaths(QStringList());
 }
 
 QString utf8UpToNul(const QByteArray& bytes)

@@ -21,6 +21,10 @@ QSharedPointer<char> bodyStorage(const QNetworkReply&)
     return {};
 }
 
+void skipPluginSearch()
+{
+}
+
 QString utf8UpToNul(const QByteArray& bytes)
 {
     const qsizetype nul = bytes.indexOf('\0');

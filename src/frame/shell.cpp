@@ -1,6 +1,7 @@
 #include "frame/shell.h"
 
 #include "frame/json_text.h"
+#include "frame/qt_line.h"
 #include "frame/result.h"
 #include "frame/seams.h"
 
@@ -39,10 +40,7 @@ void Call::startApplication()
 {
     if (needsApplication && !application) {
         application.emplace(applicationArgc, applicationArgv);
-        // The call's own application loads no plugins: the only ones QtNetwork
-        // would look for (bearer management) serve roaming sessions, and
-        // searching for them again in every call costs more than the exchange.
-        QCoreApplication::setLibraryPaths(QStringList());
+        qt_line::skipPluginSearch();
     }
     seam::reach(seam::FaultPoint::ApplicationStarted);
 }
