@@ -101,7 +101,14 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
             if (announced > 0 && announced <= maxReservedBody)
                 body.reserve(int(announced));
         }
-        body.append(reply->readAll());
+        // Read straight into the array: no copy of Qt's buffer on the way.
+        const qint64 available = reply->bytesAvailable();
+        if (available <= 0)
+            return;
+        const int before = body.size();
+        body.resize(before + int(available));
+        const qint64 got = reply->read(body.data() + before, available);
+        body.resize(before + int(qMax<qint64>(got, 0)));
     });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
