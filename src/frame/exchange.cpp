@@ -73,8 +73,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
     QNetworkReply* const reply = send(*manager, outgoing);
-    // Qt's HTTP thread waits while this much is unread, so a large reply is not
-    // queued up in Qt beside the copy the call keeps.
+    // Qt 5's HTTP thread waits while this much is unread, so a large reply is
+    // not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
     reply->setReadBufferSize(readBufferBytes);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
 

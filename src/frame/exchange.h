@@ -22,9 +22,10 @@ struct ReceivedReply {
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;
-    // Whether `body` is the whole body the service announced: no transfer error,
-    // as many bytes as Content-Length said, and a chunked body that ended with
-    // its last chunk. Only a download looks at it: it stores nothing incomplete.
+    // Whether `body` is the whole body the service announced: a status, no
+    // transfer error, and as many bytes as Content-Length said. (A chunked body
+    // cut off by a close can't be told from a whole one: Qt ends both alike.)
+    // Only a download looks at it: it stores nothing incomplete.
     bool complete = false;
 };
 

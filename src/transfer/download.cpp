@@ -53,34 +53,26 @@ bool staysInFolder(const QString& storedName)
            && !storedName.contains(QLatin1Char(pathSeparator)) && !storedName.contains(QChar(0));
 }
 
-namespace {
-
-// Only a regular file of that name, or none, is replaced: a folder, a link, a
-// device or a pipe is handled as a file that can't be opened, so that nothing
-// is written outside the folder or into something that is no file.
-bool isReplaceable(const QString& path)
-{
-    const QFileInfo existing(path);
-    return existing.isSymLink() ? false : !existing.exists() || existing.isFile();
-}
-
-} // namespace
-
 QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const DownloadName& name,
                          OpenFailureText openFailureText)
 {
     const QString fail = QString::fromLatin1(message::downloadFail);
     const QString path = folder + QLatin1Char(pathSeparator) + name.stored;
+    // Only a regular file of that name, or none, is replaced: a folder, a link, a
+    // device or a pipe is handled as a file that can't be opened, so that nothing
+    // is written outside the folder or into something that is no file.
+    const QFileInfo existing(path);
+    const bool existed = existing.exists() || existing.isSymLink();
+    const bool replaceable = !existing.isSymLink() && (!existed || existing.isFile());
     // Opening the name itself tells whether the folder can hold it. A name that
     // was free holds an empty placeholder until the bytes take its place, and is
     // freed again if they don't.
-    const bool existed = QFileInfo::exists(path) || QFileInfo(path).isSymLink();
     QFile placeholder(path);
-    const bool opened = staysInFolder(name.stored) && isReplaceable(path)
+    const bool opened = staysInFolder(name.stored) && replaceable
                         && (existed || placeholder.open(QIODevice::WriteOnly | QIODevice::NewOnly));
     placeholder.close();
     const auto freeName = [&] {
-        if (!existed)
+        if (opened && !existed)
             placeholder.remove();
     };
     // The bytes go to a new file beside the target, which takes the target's
@@ -88,8 +80,7 @@ QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const D
     // file, and an earlier file of that name as it was.
     QSaveFile file(path);
     if (!opened || !file.open(QIODevice::WriteOnly)) {
-        if (opened)
-            freeName();
+        freeName();
         QJsonObject document = statusDocument(400, fail);
         document.insert(QStringLiteral("error"), openFailureText == OpenFailureText::Compact
                                                      ? QStringLiteral("File:") + path + QStringLiteral("open failed")
@@ -97,8 +88,7 @@ QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const D
         return document;
     }
     if (file.write(bytes) != bytes.size() || !file.commit()) {
-        file.cancelWriting();
-        freeName();
+        freeName(); // the unfinished file goes with `file`
         return statusDocument(400, fail);
     }
     QJsonObject document = statusDocument(200, QStringLiteral("download success"));
