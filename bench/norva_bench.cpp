@@ -9,6 +9,8 @@
 
 #include "norva_api_qt.h"
 
+#include "frame/qt_line.h"
+
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFile>
@@ -134,7 +136,7 @@ double bareQtMicrosPerCall(const std::string& address, int calls, bool freshAppl
         if (freshApplication) {
             application = std::make_unique<QCoreApplication>(argc, argv);
             if (!plugins) // as the library's temporary application does
-                QCoreApplication::setLibraryPaths(QStringList());
+                norva::qt_line::skipPluginSearch();
         }
         QNetworkAccessManager manager;
         QNetworkRequest request(QUrl(base + (i % 2 == 0 ? "/kvr/authority/login" : "/kvr/share/selectShare")));

@@ -437,8 +437,13 @@ void TransferTest::download(OperationFunction operation, const ScriptedReply& re
         expectedFiles << QStringLiteral("in/old.txt");
     expectedFiles.sort();
     QCOMPARE(filesBelow(folder->path()), expectedFiles);
-    for (const QString& file : filesAfter)
+    // A stored file is readable as any file made there is (the earlier one was
+    // made with the default permissions), not only by its owner.
+    const QFileDevice::Permissions madeThere = QFile::permissions(folder->filePath(QStringLiteral("in/old.txt")));
+    for (const QString& file : filesAfter) {
         QCOMPARE(readFile(folder->filePath(file)), reply.body);
+        QCOMPARE(QFile::permissions(folder->filePath(file)), madeThere);
+    }
     if (!filesAfter.contains(QStringLiteral("in/old.txt")))
         QCOMPARE(readFile(folder->filePath(QStringLiteral("in/old.txt"))), QByteArray("old content"));
 }

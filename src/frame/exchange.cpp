@@ -31,7 +31,7 @@ bool isTransferError(QNetworkReply::NetworkError error)
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
     qt_line::pinRequestBehaviour(outgoing.request);
-    qt_line::askForBodyInPlace(outgoing.request);
+    qt_line::askForBodyInPlace(outgoing.request, !outgoing.bodySink);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
     if (outgoing.form) {
@@ -58,12 +58,79 @@ bool hasAnnouncedLength(const QNetworkReply& reply, qint64 received)
     return announced.toLongLong() == received;
 }
 
+// Collects a body that Qt does not write in place, as it arrives: into the
+// request's sink when the sink takes it, else into one array reserved at the
+// announced size.
+class BodyCollector
+{
+public:
+    BodyCollector(QNetworkReply& reply, BodySink* sink) : reply(reply), sink(sink) {}
+
+    void readAvailable()
+    {
+        // An abandoned reply is closed and has nothing more to read.
+        if (!reply.isOpen() || !qt_line::bodyStorage(reply).isNull())
+            return;
+        const qint64 available = reply.bytesAvailable();
+        if (available <= 0)
+            return;
+        if (!asked) {
+            asked = true;
+            const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+            inSink = sink && sink->take(status);
+            const qint64 announced = reply.header(QNetworkRequest::ContentLengthHeader).toLongLong();
+            if (!inSink && announced > 0 && announced <= maxReservedBody)
+                body.reserve(int(announced));
+        }
+        if (inSink)
+            passToSink(available);
+        else
+            appendToBody(available);
+    }
+
+    QByteArray body;
+    qint64 size = 0;
+    bool inSink = false;
+
+private:
+    // Read straight into the array: no copy of Qt's buffer on the way.
+    void appendToBody(qint64 available)
+    {
+        const int before = body.size();
+        body.resize(before + int(available));
+        const qint64 got = reply.read(body.data() + before, available);
+        body.resize(before + int(qMax<qint64>(got, 0)));
+        size = body.size();
+    }
+
+    void passToSink(qint64 available)
+    {
+        while (available > 0) {
+            chunk.resize(int(qMin(available, readBufferBytes)));
+            const qint64 got = reply.read(chunk.data(), chunk.size());
+            if (got <= 0)
+                return;
+            sink->write(chunk.constData(), got);
+            size += got;
+            available -= got;
+        }
+    }
+
+    QNetworkReply& reply;
+    BodySink* const sink;
+    bool asked = false;
+    QByteArray chunk;
+};
+
 } // namespace
 
 ReceivedReply runExchange(OutgoingRequest& outgoing)
 {
-    if (const seam::ExchangeStub stub = seam::exchangeStub())
-        return stub(outgoing);
+    if (const seam::ExchangeStub stub = seam::exchangeStub()) {
+        ReceivedReply stubbed = stub(outgoing);
+        stubbed.bodySize = stubbed.body.size();
+        return stubbed;
+    }
     // Without an application the thread has no event dispatcher: nothing would
     // ever arrive, and the wait below would spin. (Only the object's members can
     // get here so, when a host calls them before making its application.)
@@ -90,26 +157,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
 
-    // A body that Qt does not write in place is drained as it arrives into one
-    // array, reserved at its announced size.
-    QByteArray body;
-    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [reply, &body] {
-        if (!qt_line::bodyStorage(*reply).isNull())
-            return;
-        if (body.capacity() == 0) {
-            const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
-            if (announced > 0 && announced <= maxReservedBody)
-                body.reserve(int(announced));
-        }
-        // Read straight into the array: no copy of Qt's buffer on the way.
-        const qint64 available = reply->bytesAvailable();
-        if (available <= 0)
-            return;
-        const int before = body.size();
-        body.resize(before + int(available));
-        const qint64 got = reply->read(body.data() + before, available);
-        body.resize(before + int(qMax<qint64>(got, 0)));
-    });
+    BodyCollector collector(*reply, outgoing.bodySink);
+    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [&collector] { collector.readAvailable(); });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
@@ -130,17 +179,20 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     received.bodyStorage = qt_line::bodyStorage(*reply);
     if (!received.bodyStorage.isNull()) {
         // Qt wrote the reply in place; the bytes not read yet are all of it.
-        body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
-    } else if (reply->isOpen()) { // an abandoned reply is closed and has nothing more to read
-        body.append(reply->readAll());
+        received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
+        received.bodySize = received.body.size();
+    } else {
+        collector.readAvailable();
+        received.body = std::move(collector.body);
+        received.bodySize = collector.size;
+        received.bodyInSink = collector.inSink;
     }
     received.httpStatus = idle ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    received.body = body;
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();
     received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
-                        && hasAnnouncedLength(*reply, body.size());
+                        && hasAnnouncedLength(*reply, received.bodySize);
     return received;
 }
 

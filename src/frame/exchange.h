@@ -17,7 +17,9 @@ struct ReceivedReply {
     // the exchange: only then is there "no reply". Once a status has arrived it
     // decides, whatever happened to the body afterwards.
     int httpStatus = 0;
-    QByteArray body; // the body bytes that arrived
+    QByteArray body; // the body bytes that arrived, unless a sink took them
+    qint64 bodySize = 0; // how many body bytes arrived, in `body` or in the sink
+    bool bodyInSink = false; // the request's sink took the body
     QSharedPointer<char> bodyStorage; // owns `body`'s bytes when Qt wrote them in place
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
@@ -27,6 +29,18 @@ struct ReceivedReply {
     // cut off by a close can't be told from a whole one: Qt ends both alike.)
     // Only a download looks at it: it stores nothing incomplete.
     bool complete = false;
+};
+
+// Takes a reply's body as it arrives, in place of the call's array: a download
+// writes a large file to disk instead of holding all of it in memory.
+class BodySink
+{
+public:
+    virtual ~BodySink() = default;
+    // Asked once, when the first body bytes of a reply with `httpStatus` arrive;
+    // false keeps that body in memory as usual.
+    virtual bool take(int httpStatus) = 0;
+    virtual void write(const char* data, qint64 size) = 0;
 };
 
 // Sends the request with a manager of its own and serves the calling thread's

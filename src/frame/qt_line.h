@@ -21,10 +21,12 @@ namespace norva::qt_line {
 void pinRequestBehaviour(QNetworkRequest& request);
 
 // Qt 5 writes a reply of known length straight into one buffer of that length,
-// which the call then keeps, when the request asks for it: a large download is
-// held once instead of passing through Qt's queues beside the call's copy. Qt 6
-// has no such buffer; there the exchange drains the body as it arrives.
-void askForBodyInPlace(QNetworkRequest& request);
+// which the call then keeps: for any length when asked to, a large reply is held
+// once instead of passing through Qt's queues beside the call's copy; never
+// when asked not to, so that a body sink sees every body. (Unasked, Qt 5 does so
+// up to 128 KiB.) Qt 6 has no such buffer; there the exchange drains the body as
+// it arrives.
+void askForBodyInPlace(QNetworkRequest& request, bool inPlace);
 // The storage Qt wrote the body into; null when it did not write in place.
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply);
 

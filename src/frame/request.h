@@ -16,6 +16,8 @@ QT_END_NAMESPACE
 
 namespace norva {
 
+class BodySink;
+
 enum class Verb { Post, Get };
 
 // A request ready to send, with what the operation will report as sent.
@@ -33,6 +35,8 @@ struct OutgoingRequest {
     // data part of a form, the URL of a GET with a query; undefined for a GET
     // without one.
     QJsonValue sentText = QJsonValue::Undefined;
+    // Where the reply's body goes instead of memory, if it takes it; not owned.
+    BodySink* bodySink = nullptr;
 };
 
 // "http://" + ipconfig + pathAndQuery, parsed tolerantly.

@@ -53,8 +53,39 @@ bool staysInFolder(const QString& storedName)
            && !storedName.contains(QLatin1Char(pathSeparator)) && !storedName.contains(QChar(0));
 }
 
-QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const DownloadName& name,
-                         OpenFailureText openFailureText)
+DownloadSpool::DownloadSpool(const QString& folder)
+    : file(folder + QLatin1Char(pathSeparator) + QStringLiteral(".norva-download-XXXXXX"))
+{
+}
+
+bool DownloadSpool::take(int httpStatus)
+{
+    return httpStatus == 200 && file.open();
+}
+
+void DownloadSpool::write(const char* data, qint64 size)
+{
+    if (!failed)
+        failed = file.write(data, size) != size;
+}
+
+bool DownloadSpool::finish()
+{
+    failed = !file.flush() || failed;
+    file.close();
+    return !failed;
+}
+
+bool DownloadSpool::moveTo(const QString& path)
+{
+    if (!file.setPermissions(QFile::permissions(path)) || !replace_file(file.fileName(), path))
+        return false;
+    file.setAutoRemove(false); // its name is gone
+    return true;
+}
+
+QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
+                         const DownloadName& name, OpenFailureText openFailureText)
 {
     const QString fail = QString::fromLatin1(message::downloadFail);
     const QString path = folder + QLatin1Char(pathSeparator) + name.stored;
@@ -75,11 +106,13 @@ QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const D
         if (opened && !existed)
             placeholder.remove();
     };
-    // The bytes go to a new file beside the target, which takes the target's
-    // place only once all of them are written: a failed write leaves no partial
-    // file, and an earlier file of that name as it was.
+    // In memory, the bytes go to a new file beside the target that takes the
+    // target's place only once all of them are written (a spool already is
+    // such a file): a failed write leaves no partial file, and an earlier file
+    // of that name as it was.
     QSaveFile file(path);
-    if (!opened || !file.open(QIODevice::WriteOnly)) {
+    const bool writable = opened && (spool ? !existed || existing.isWritable() : file.open(QIODevice::WriteOnly));
+    if (!writable) {
         freeName();
         QJsonObject document = statusDocument(400, fail);
         document.insert(QStringLiteral("error"), openFailureText == OpenFailureText::Compact
@@ -87,8 +120,10 @@ QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const D
                                                      : QStringLiteral("File: ") + path + QStringLiteral(" open failed"));
         return document;
     }
-    if (file.write(bytes) != bytes.size() || !file.commit()) {
-        freeName(); // the unfinished file goes with `file`
+    const bool saved = spool ? spool->finish() && spool->moveTo(path)
+                             : file.write(bytes) == bytes.size() && file.commit();
+    if (!saved) {
+        freeName(); // the unfinished file goes with `file` or the spool
         return statusDocument(400, fail);
     }
     QJsonObject document = statusDocument(200, QStringLiteral("download success"));
@@ -111,6 +146,8 @@ std::string runDownload(const DownloadVariant& variant, std::string argument)
         OutgoingRequest outgoing = *request.request(arguments);
 
         const QString folder = readText(arguments, QStringLiteral("file_downloadpath"));
+        DownloadSpool spool(folder);
+        outgoing.bodySink = &spool;
         const QString reName = readOptionalText(arguments, QStringLiteral("reName"));
         const QString stampKey = QStringLiteral("isTimeStamp");
         const bool timeStamp = arguments.contains(stampKey) && arguments.value(stampKey) == QJsonValue(true);
@@ -128,15 +165,15 @@ std::string runDownload(const DownloadVariant& variant, std::string argument)
                 return document;
             }
             if (variant.writesSizeLine)
-                echoLine(std::to_string(reply.body.size()));
+                echoLine(std::to_string(reply.bodySize));
             // A body cut short is not the file: it is not stored.
-            if (reply.body.isEmpty() || !reply.complete)
+            if (reply.bodySize == 0 || !reply.complete)
                 return statusDocument(400, QString::fromLatin1(message::downloadFail));
             const DownloadName name =
                 deriveDownloadName(reply.contentDisposition, reName, timeStamp, QDateTime::currentDateTime(),
                                    QString::fromLatin1(variant.stampFormat));
             const bool spaced = variant.spacedOpenFailureWithHostApplication && !call.hasTemporaryApplication();
-            return saveDownload(reply.body, folder, name,
+            return saveDownload(reply.body, reply.bodyInSink ? &spool : nullptr, folder, name,
                                 spaced ? OpenFailureText::Spaced : OpenFailureText::Compact);
         });
     });

@@ -8,6 +8,7 @@
 #include <QDateTime>
 #include <QJsonObject>
 #include <QString>
+#include <QTemporaryFile>
 
 #include <string>
 
@@ -31,9 +32,31 @@ bool staysInFolder(const QString& storedName);
 // How the "error" text of an unopenable file is spelled.
 enum class OpenFailureText { Compact, Spaced };
 
-// Saves `bytes` under folder + separator + name and returns the result document.
-QJsonObject saveDownload(const QByteArray& bytes, const QString& folder, const DownloadName& name,
-                         OpenFailureText openFailureText);
+// Takes a 200 reply's body as it arrives into a hidden temporary file in the
+// download folder, so that a large file is never held in memory. The file takes
+// the stored name only once the whole body is in; otherwise it goes away with
+// the spool. Where no such file can be made the body stays in memory.
+class DownloadSpool final : public BodySink
+{
+public:
+    explicit DownloadSpool(const QString& folder);
+    bool take(int httpStatus) override;
+    void write(const char* data, qint64 size) override;
+
+    // Closes the file; false when any write failed.
+    bool finish();
+    // Puts the file in the place of `path`, with `path`'s permissions.
+    bool moveTo(const QString& path);
+
+private:
+    QTemporaryFile file;
+    bool failed = false;
+};
+
+// Saves the body (`bytes`, or what `spool` holds when given) under folder +
+// separator + name and returns the result document.
+QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
+                         const DownloadName& name, OpenFailureText openFailureText);
 
 // The three downloads differ only in these points.
 struct DownloadVariant {

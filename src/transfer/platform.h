@@ -22,4 +22,8 @@ void scan_folder_files(const std::string& folder, std::vector<std::string>& file
 // UTF-8 (Linux), this is the text itself.
 std::string local_to_utf8(const std::string& text);
 
+// Puts the file `from` in the place of `to`, replacing a file of that name in one
+// step; both lie in one folder. False when the system refuses.
+bool replace_file(const QString& from, const QString& to);
+
 } // namespace norva::transfer

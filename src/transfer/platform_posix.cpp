@@ -1,5 +1,8 @@
 #include "transfer/platform.h"
 
+#include <QFile>
+
+#include <cstdio>
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -41,6 +44,11 @@ void scan_folder_files(const std::string& folder, std::vector<std::string>& file
 std::string local_to_utf8(const std::string& text)
 {
     return text;
+}
+
+bool replace_file(const QString& from, const QString& to)
+{
+    return std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
 }
 
 } // namespace norva::transfer
