@@ -30,10 +30,12 @@
 //    ends the exchange as if no reply had come ("Server shuts down").
 //  * Downloads store whole files only. A body that breaks off (fewer bytes than
 //    its Content-Length, a transfer error after the status) is not stored:
-//    {"message":"download fail","status":400}. The bytes go to a new file beside
-//    the target, which takes the target's place only when all are written, so a
-//    write that fails (disk full, size limit) also says "download fail", leaves
-//    no partial file and leaves an earlier file of that name as it was. One case
+//    {"message":"download fail","status":400}. The bytes go, as they arrive, to
+//    a hidden file ".norva-download-XXXXXX" in the download folder (in memory
+//    only where no such file can be made), which takes the target's place only
+//    when all are written: a large file is never held in memory, and a write
+//    that fails (disk full, size limit) also says "download fail", leaves no
+//    partial file and leaves an earlier file of that name as it was. One case
 //    remains: Qt finishes a chunked body that breaks off at a closed connection
 //    as if it were whole, and shows nothing of the chunks it saw, so such a body
 //    is stored.
