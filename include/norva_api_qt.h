@@ -27,7 +27,8 @@
 //
 // Where this library goes its own way, on purpose:
 //  * Idle limit: a service that sends nothing, nor takes anything, for 120 s
-//    ends the exchange as if no reply had come ("Server shuts down").
+//    (or what setIdleLimit() set) ends the exchange as if no reply had come
+//    ("Server shuts down").
 //  * Downloads store whole files only. A body that breaks off (fewer bytes than
 //    its Content-Length, a transfer error after the status) is not stored:
 //    {"message":"download fail","status":400}. The bytes go, as they arrive, to
@@ -51,6 +52,9 @@
 // exact on Qt 6, while Qt 5 rounds it to the nearest double; and Qt 6 offers the
 // service "zstd, br, gzip, deflate" in Accept-Encoding where Qt 5 offers
 // "gzip, deflate" (Qt decodes what it offered).
+//
+// norva_api_qt_progress.h, beside this header, lets a host watch a call's
+// progress, cancel it, and set the idle limit, each for the calling thread.
 //
 // Unknown or mistyped argument keys are not errors: a missing key goes out with
 // its default (empty text, 0, null, or no key at all, as each operation reads it)

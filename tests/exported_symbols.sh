@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The shared library exports the 42 operations and the class, and nothing of its
-# internals.
+# The shared library exports the 42 operations, the class and the progress
+# extension, and nothing of its internals.
 set -euo pipefail
 library="$1"
 symbols=$(nm -D --defined-only -C "$library")
@@ -11,10 +11,12 @@ if [ "$operations" -ne 42 ]; then
 fi
 for member in 'NORVA_HTTP_API::norva_sdk_login(' 'NORVA_HTTP_API::norva_sdk_download_binary_file(' \
               'NORVA_HTTP_API::requestFinished(QNetworkReply\*)' 'NORVA_HTTP_API::staticMetaObject' \
-              'NORVA_HTTP_API::qt_metacast(' 'NORVA_HTTP_API::NORVA_HTTP_API(QObject\*)'; do
+              'NORVA_HTTP_API::qt_metacast(' 'NORVA_HTTP_API::NORVA_HTTP_API(QObject\*)' \
+              'NORVA_API_QT::setProgressObserver(' 'NORVA_API_QT::clearProgressObserver()' \
+              'NORVA_API_QT::cancelCall()' 'NORVA_API_QT::setIdleLimit(int)' 'NORVA_API_QT::idleLimit()'; do
   grep -q "$member" <<<"$symbols" || { echo "missing export: $member"; exit 1; }
 done
 if grep -E ' (norva|testing_support)::' <<<"$symbols"; then
   echo "internal symbols are exported"; exit 1
 fi
-echo "exports: 42 operations and NORVA_HTTP_API, no internals"
+echo "exports: 42 operations, NORVA_HTTP_API and the progress extension, no internals"

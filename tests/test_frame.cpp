@@ -5,7 +5,7 @@
 #include "frame/json_text.h"
 #include "frame/reading.h"
 #include "frame/seams.h"
-#include "norva_api_qt.h"
+#include "norva_api_qt_progress.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -265,12 +265,12 @@ void FrameTest::idleServiceEndsTheWait()
     QFETCH(ScriptedReply, reply);
     TestService service;
     service.script(reply);
-    norva::seam::setIdleLimitMs(300);
+    NORVA::NORVA_API_QT::setIdleLimit(300);
     QElapsedTimer clock;
     clock.start();
     const CallResult call = callOperation(NORVA::NORVA_API_QT::norva_sdk_login,
                                           substitute(R"({"ipconfig":"$ADDR","username":"a"})", service.address()));
-    norva::seam::setIdleLimitMs(120 * 1000);
+    NORVA::NORVA_API_QT::setIdleLimit(120 * 1000);
     QCOMPARE(call.result, QStringLiteral(R"({"message":"Server shuts down","status":400})"));
     QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
 }

@@ -1,7 +1,7 @@
 // A host with its own application, calling from inside its running event loop.
 #include "support/harness.h"
 
-#include "norva_api_qt.h"
+#include "norva_api_qt_progress.h"
 
 #include <QCoreApplication>
 #include <QThread>
@@ -77,7 +77,8 @@ void HostRunTest::aCallMadeWhileAnotherWaitsCompletesToo()
     QCOMPARE(service.requestCount(), 2);
 }
 
-// With a host application, calls from other threads run there and finish,
+// With a host application, calls from other threads run there, are watched and
+// cancelled there, and finish,
 // while the main thread's loop runs or waits; repeated, since a wait that hangs
 // does so only now and then.
 void HostRunTest::callsFromWorkerThreadsFinish()
@@ -89,8 +90,17 @@ void HostRunTest::callsFromWorkerThreadsFinish()
         QStringList results;
         std::vector<QThread*> workers;
         for (int i = 0; i < 2; ++i) {
-            workers.push_back(QThread::create([&results, this] {
-                const QString result = QString::fromStdString(norva_sdk_login(loginArgument().toStdString()));
+            // Each worker watches its own call; the second one cancels its call
+            // at the first report, which must not touch the first worker's.
+            workers.push_back(QThread::create([&results, this, i] {
+                int reports = 0;
+                NORVA::NORVA_API_QT::setProgressObserver([&reports, i](const NORVA::NORVA_API_QT::CallProgress&) {
+                    if (++reports == 1 && i == 1)
+                        NORVA::NORVA_API_QT::cancelCall();
+                });
+                QString result = QString::fromStdString(norva_sdk_login(loginArgument().toStdString()));
+                if (reports == 0)
+                    result += " unobserved";
                 QMetaObject::invokeMethod(qApp, [&results, result] { results << result; });
             }));
             workers.back()->start();
@@ -100,8 +110,9 @@ void HostRunTest::callsFromWorkerThreadsFinish()
             QVERIFY(worker->wait(10000));
             delete worker;
         }
-        const QString expected = R"({"data":"w","message":"login success","status":200})";
-        QCOMPARE(results, (QStringList{expected, expected}));
+        results.sort();
+        QCOMPARE(results, (QStringList{R"({"data":"w","message":"login success","status":200})",
+                                       R"({"message":"request cancelled","status":400})"}));
     }
 }
 

@@ -1,5 +1,6 @@
 #include "frame/exchange.h"
 
+#include "frame/call_watch.h"
 #include "frame/qt_line.h"
 #include "frame/seams.h"
 
@@ -150,13 +151,15 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     bool idle = false;
     QTimer idleTimer;
     idleTimer.setSingleShot(true);
-    idleTimer.setInterval(seam::idleLimitMs());
+    idleTimer.setInterval(idleLimitMs());
     QObject::connect(&idleTimer, &QTimer::timeout, reply, [&idle, reply] {
         idle = true;
         reply->abort();
     });
     const auto restart = [&idleTimer] { idleTimer.start(); };
 
+    const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
+    ExchangeWatch watch(*reply, bytesToSend);
     BodyCollector collector(*reply, outgoing.bodySink);
     QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [&collector] { collector.readAvailable(); });
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
@@ -173,6 +176,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
             loop.processEvents(QEventLoop::WaitForMoreEvents);
     }
     idleTimer.stop();
+    watch.finish();
     reply->deleteLater();
 
     ReceivedReply received;
@@ -187,6 +191,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
         received.bodySize = collector.size;
         received.bodyInSink = collector.inSink;
     }
+    received.cancelled = watch.cancelled();
     received.httpStatus = idle ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();

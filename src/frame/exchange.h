@@ -29,6 +29,8 @@ struct ReceivedReply {
     // cut off by a close can't be told from a whole one: Qt ends both alike.)
     // Only a download looks at it: it stores nothing incomplete.
     bool complete = false;
+    // The host cancelled the call while it waited: nothing else here counts.
+    bool cancelled = false;
 };
 
 // Takes a reply's body as it arrives, in place of the call's array: a download

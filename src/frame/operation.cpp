@@ -62,6 +62,8 @@ QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& c
 {
     call.startApplication();
     const ReceivedReply reply = runExchange(outgoing);
+    if (reply.cancelled)
+        return statusDocument(400, QString::fromLatin1(message::requestCancelled));
     const int status = reply.httpStatus;
     if (status == 200 || status == classes.alsoJudged)
         return judge(reply);
@@ -113,9 +115,10 @@ std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) 
     return outgoing;
 }
 
-std::string Operation::call(std::string argument) const
+std::string Operation::call(std::string argument, const char* name) const
 {
     ShellOptions options;
+    options.operation = name;
     options.echoCaughtDocument = echoCaughtDocument;
     return runShell(argument, options, [this](const QJsonObject& arguments, Call& call) {
         std::optional<OutgoingRequest> outgoing = request(arguments);

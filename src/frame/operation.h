@@ -86,7 +86,9 @@ struct Operation {
     // The planner and most mall queries write only the error line in a catch clause.
     bool echoCaughtDocument = true;
 
-    std::string call(std::string argument) const;
+    // `name` is the operation's public name, which a progress observer is told;
+    // by default the name of the function that calls.
+    std::string call(std::string argument, const char* name = __builtin_FUNCTION()) const;
 
     // The request for an argument document, token header included; nullopt when
     // the body's own rule refuses it before sending.

@@ -18,6 +18,7 @@ inline const char* const argumentParseFailure = "json str parse error";
 inline const char* const downloadArgumentParseFailure = "jsonstr parse error";
 inline const char* const downloadFail = "download fail";
 inline const char* const jsonParametersError = "json parameters error";
+inline const char* const requestCancelled = "request cancelled";
 } // namespace message
 
 // {"message":message,"status":status}

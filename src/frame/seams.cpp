@@ -4,7 +4,6 @@ namespace norva::seam {
 
 namespace {
 FaultHook currentHook = nullptr;
-int currentIdleLimitMs = 120 * 1000;
 ExchangeStub currentStub = nullptr;
 } // namespace
 
@@ -17,16 +16,6 @@ void reach(FaultPoint point)
 {
     if (currentHook)
         currentHook(point);
-}
-
-int idleLimitMs()
-{
-    return currentIdleLimitMs;
-}
-
-void setIdleLimitMs(int milliseconds)
-{
-    currentIdleLimitMs = milliseconds;
 }
 
 void setExchangeStub(ExchangeStub stub)

@@ -21,11 +21,6 @@ using FaultHook = void (*)(FaultPoint);
 void setFaultHook(FaultHook hook);
 void reach(FaultPoint point);
 
-// How long an exchange may go without a byte in either direction before it is
-// abandoned as if no reply had come. 120 s unless a test shortens it.
-int idleLimitMs();
-void setIdleLimitMs(int milliseconds);
-
 // When set, exchanges do not touch the network: the stub answers each request.
 // Lets fuzzers drive every operation's request building and reply judging.
 using ExchangeStub = ReceivedReply (*)(OutgoingRequest&);

@@ -1,5 +1,6 @@
 #include "frame/shell.h"
 
+#include "frame/call_watch.h"
 #include "frame/json_text.h"
 #include "frame/qt_line.h"
 #include "frame/result.h"
@@ -54,6 +55,7 @@ void Call::exitTemporaryApplication()
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow)
 {
     const bool needsApplication = options.mayBuildApplication && QCoreApplication::startingUp();
+    const OperationScope scope(options.operation);
     try {
         QJsonParseError error;
         const QJsonDocument document =

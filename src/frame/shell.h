@@ -15,6 +15,8 @@
 namespace norva {
 
 struct ShellOptions {
+    // The operation's public name, for a progress observer.
+    const char* operation = "";
     // The message of the argument parse failure.
     const char* parseFailureMessage = "json str parse error";
     // Whether a catch clause echoes its result document after the error line.

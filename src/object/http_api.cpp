@@ -22,11 +22,14 @@ NORVA_HTTP_API::~NORVA_HTTP_API() = default;
 std::string NORVA_HTTP_API::norva_sdk_login(std::string argument)
 {
     ShellOptions options;
+    options.operation = "NORVA_HTTP_API::norva_sdk_login";
     options.mayBuildApplication = false;
     return runShell(argument, options, [](const QJsonObject& arguments, Call&) {
         const Operation& login = accounts::loginOperation();
         OutgoingRequest outgoing = *login.request(arguments);
         const ReceivedReply reply = runExchange(outgoing);
+        if (reply.cancelled)
+            return statusDocument(400, QString::fromLatin1(message::requestCancelled));
 
         QJsonObject networkError;
         if (reply.networkError != QNetworkReply::NoError) {
@@ -49,7 +52,7 @@ std::string NORVA_HTTP_API::norva_sdk_download_binary_file(std::string argument)
     static constexpr transfer::DownloadVariant member{
         "/kvr/originalFile/downloadFile", true, "jsonstr parse error", "yyyyMMdd",
         false, false, true, false, false};
-    return transfer::runDownload(member, std::move(argument));
+    return transfer::runDownload(member, std::move(argument), "NORVA_HTTP_API::norva_sdk_download_binary_file");
 }
 
 void NORVA_HTTP_API::requestFinished(QNetworkReply* reply)

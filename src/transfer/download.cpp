@@ -132,9 +132,10 @@ QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QS
     return document;
 }
 
-std::string runDownload(const DownloadVariant& variant, std::string argument)
+std::string runDownload(const DownloadVariant& variant, std::string argument, const char* name)
 {
     ShellOptions options;
+    options.operation = name;
     options.parseFailureMessage = variant.parseFailureMessage;
     options.mayBuildApplication = variant.mayBuildApplication;
     return runShell(argument, options, [&variant](const QJsonObject& arguments, Call& call) {

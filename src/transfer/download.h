@@ -73,6 +73,8 @@ struct DownloadVariant {
     bool spacedOpenFailureWithHostApplication;
 };
 
-std::string runDownload(const DownloadVariant& variant, std::string argument);
+// `name` is the operation's public name, for a progress observer.
+std::string runDownload(const DownloadVariant& variant, std::string argument,
+                        const char* name = __builtin_FUNCTION());
 
 } // namespace norva::transfer

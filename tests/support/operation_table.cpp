@@ -1,5 +1,7 @@
 #include "support/operation_table.h"
 
+#include "norva_api_qt_progress.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QtTest>
@@ -172,6 +174,21 @@ void runCase(TestService& service)
         if (QTest::currentTestFailed())
             return;
     }
+    // Once more with a progress observer: the same request and result, and the
+    // observer hears of one operation, on this thread only.
+    QThread* const caller = QThread::currentThread();
+    QSet<QByteArray> operations;
+    bool elsewhere = false;
+    NORVA::NORVA_API_QT::setProgressObserver([&](const NORVA::NORVA_API_QT::CallProgress& progress) {
+        operations.insert(progress.operation);
+        elsewhere = elsewhere || QThread::currentThread() != caller;
+    });
+    runOnce(service, row);
+    NORVA::NORVA_API_QT::clearProgressObserver();
+    QVERIFY(!elsewhere);
+    QVERIFY(operations.size() <= 1);
+    if (!row.wire.method.isEmpty()) // a request went out: its end at least is reported
+        QVERIFY(operations.size() == 1 && operations.begin()->startsWith("norva_"));
 }
 
 } // namespace testing_support

@@ -90,6 +90,7 @@ public:
 private:
     void acceptLoop();
     void serve(int connection);
+    void waitForPeerToClose(int connection);
     ScriptedReply nextReply(const QByteArray& path);
 
     int listener = -1;

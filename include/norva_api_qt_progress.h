@@ -1,0 +1,65 @@
+// norva-api-qt progress: watching and stopping a call from the thread that makes
+// it. An extension beside the operations of norva_api_qt.h; nothing here changes
+// what an operation sends or returns unless a call is cancelled.
+//
+// Everything in this header belongs to the calling thread: an observer set on
+// one thread hears only the calls made on that thread, and a cancel stops only a
+// call of the thread that says it. While a call waits for the service it serves
+// the calling thread's Qt events, so a GUI on that thread keeps repainting, its
+// slots run, and the observer and any of those slots may cancel.
+//
+//     using namespace NORVA::NORVA_API_QT;
+//     setProgressObserver([&](const CallProgress& p) {
+//         bar->setValue(p.bytesToSend > 0 ? int(100 * p.bytesSent / p.bytesToSend) : 0);
+//         if (stopRequested)
+//             cancelCall();
+//     });
+//     const std::string result = norva_sdk_upload_file(argument);
+//     clearProgressObserver();
+#ifndef NORVA_API_QT_PROGRESS_H
+#define NORVA_API_QT_PROGRESS_H
+
+#include "norva_api_qt.h"
+
+#include <functional>
+
+namespace NORVA {
+namespace NORVA_API_QT {
+
+// Where one call's exchange stands. A total that is not known (yet) is -1.
+struct CallProgress {
+    const char* operation; // the operation's name, as "norva_sdk_upload_file"
+    qint64 bytesSent;      // request body bytes sent so far
+    qint64 bytesToSend;    // the request body's size; 0 when it has none
+    qint64 bytesReceived;  // reply body bytes received so far
+    qint64 bytesToReceive; // the reply's announced length; -1 when it announces none
+};
+
+using ProgressObserver = std::function<void(const CallProgress& progress)>;
+
+// Sets the observer of the calling thread's calls, in place of an earlier one.
+// It is called from inside each call's wait, on this thread: when Qt reports
+// progress, at most about 30 times a second with the latest figures, and once
+// more when the exchange is over. It may call cancelCall(), and may make calls
+// of its own (they are observed too). Exceptions it throws are dropped. A call
+// that started before the observer was set is not observed.
+NORVA_API_QT_EXPORT void setProgressObserver(ProgressObserver observer);
+NORVA_API_QT_EXPORT void clearProgressObserver();
+
+// Ends the exchange of the innermost call that runs on this thread at once. That
+// call returns {"message":"request cancelled","status":400} (written to standard
+// output like every result document); a download stores nothing and leaves an
+// earlier file of its name as it was. Returns false, and does nothing, when no
+// call is waiting for the service on this thread.
+NORVA_API_QT_EXPORT bool cancelCall();
+
+// How long a call of this thread may wait without a byte in either direction
+// before it ends as if no reply had come ("Server shuts down"); 120000 ms until
+// set. Values below 1 ms count as 1 ms.
+NORVA_API_QT_EXPORT void setIdleLimit(int milliseconds);
+NORVA_API_QT_EXPORT int idleLimit();
+
+} // namespace NORVA_API_QT
+} // namespace NORVA
+
+#endif // NORVA_API_QT_PROGRESS_H

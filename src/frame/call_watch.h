@@ -1,0 +1,73 @@
+// What a host can see of a call while it waits, and how it stops one: the
+// calling thread's progress observer, its idle limit, and its stack of
+// exchanges under way (the innermost one is what cancelCall() ends).
+#pragma once
+
+#include "norva_api_qt_progress.h"
+
+#include <QElapsedTimer>
+#include <QTimer>
+
+#include <optional>
+
+QT_BEGIN_NAMESPACE
+class QNetworkReply;
+QT_END_NAMESPACE
+
+namespace norva {
+
+// Names the operation that runs on this thread for as long as it lives, so
+// that the observer can be told which one it hears of. Calls nest.
+class OperationScope
+{
+public:
+    explicit OperationScope(const char* name);
+    ~OperationScope();
+    OperationScope(const OperationScope&) = delete;
+    OperationScope& operator=(const OperationScope&) = delete;
+
+private:
+    const char* const outer;
+};
+
+// One exchange under way on the calling thread, from the moment its reply
+// exists until the wait is over.
+class ExchangeWatch
+{
+public:
+    // `bytesToSend` is the body's size when known before sending, else -1.
+    ExchangeWatch(QNetworkReply& reply, qint64 bytesToSend);
+    ~ExchangeWatch();
+    ExchangeWatch(const ExchangeWatch&) = delete;
+    ExchangeWatch& operator=(const ExchangeWatch&) = delete;
+
+    // The wait is over: the exchange leaves the stack (a cancel now reaches the
+    // call around it, if any), and the observer hears the last figures.
+    void finish();
+    bool cancelled() const { return cancelRequested; }
+
+    // Ends the innermost exchange of this thread; false when there is none.
+    static bool cancelInnermost();
+
+private:
+    void sent(qint64 done, qint64 total);
+    void received(qint64 done, qint64 total);
+    void report();
+    void notify();
+
+    QNetworkReply& reply;
+    ExchangeWatch* const outer;
+    bool onStack = true;
+    bool cancelRequested = false;
+    // Only when the thread has an observer: its copy (an observer may replace
+    // itself) and the timer that holds back reports coming too fast.
+    NORVA::NORVA_API_QT::ProgressObserver observer;
+    NORVA::NORVA_API_QT::CallProgress progress{};
+    QElapsedTimer sinceReport;
+    std::optional<QTimer> heldReport;
+};
+
+// The calling thread's idle limit in milliseconds.
+int idleLimitMs();
+
+} // namespace norva
