@@ -1,129 +1,229 @@
 // norva: calls any operation of the library by name from a shell.
 //
-//   norva <operation> '<argument document>'
-//   norva <operation> -          (the document on standard input)
-//   norva --list | --help
+//   norva [options] <operation> '<argument document>'
+//   norva [options] <operation> -               (the document on standard input)
+//   norva [options] <operation> key=value ...   (data.id=5 nests; JSON values are JSON)
+//   norva --list | --help | <operation> --help
 //
-// The result document is the library's own console line. Exit status 0 when its
-// "status" is 200 or 206, 1 otherwise, 2 for a usage error.
-#include "norva_api_qt.h"
+// The result document is the library's own console line (indented instead with
+// --pretty). Exit status 0 when its "status" is 200 or 206, 1 otherwise, 2 for
+// a usage error, 130 when Ctrl-C cancelled the call.
+#include "command_document.h"
+#include "interrupt_to_cancel.h"
+#include "operation_list.h"
+#include "progress_line.h"
+#include "session_file.h"
+
+#include "norva_api_qt_progress.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <iterator>
-#include <regex>
+#include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <unistd.h>
+#include <vector>
+
+using namespace norva::command;
 
 namespace {
 
-using Operation = std::string (*)(std::string);
-
-struct Entry {
-    const char* name;
-    Operation operation;
-    const char* summary;
+struct Options {
+    bool pretty = false;
+    bool noSession = false;
+    bool save = false;
+    bool help = false;
+    bool list = false;
 };
 
-using namespace NORVA::NORVA_API_QT;
-using namespace NORVA::TAVLIN_KVRAPI_QT;
-
-const Entry operations[] = {
-    {"norva_sdk_login", norva_sdk_login, "log in: ipconfig, username, password"},
-    {"norva_sdk_logout", norva_sdk_logout, "log out: ipconfig, id"},
-    {"norva_sdk_update_password", norva_sdk_update_password, "set a password: ipconfig, token, userid, new_pwd"},
-    {"norva_sdk_get_user_info_list", norva_sdk_get_user_info_list, "list users: user_id, userName, userRealname"},
-    {"norva_sdk_get_user_info_list_by_page", norva_sdk_get_user_info_list_by_page, "one page of users"},
-    {"norva_sdk_upload_file", norva_sdk_upload_file, "upload a file: file_uploadpath, data.fileInfo, data.errorInfo"},
-    {"norva_sdk_upload_file2share", norva_sdk_upload_file2share, "upload a file and share it"},
-    {"norva_sdk_upload_files", norva_sdk_upload_files, "upload every file directly in a folder: file_uploadpath, data"},
-    {"norva_sdk_upload_files2share", norva_sdk_upload_files2share, "upload a folder and share its files"},
-    {"norva_sdk_download_binary_file", norva_sdk_download_binary_file,
-     "download a board file: file_downloadpath, data.id, data.userId, isTimeStamp, reName"},
-    {"norva_sdk_add2share", norva_sdk_add2share, "share a board: userid, boardid, sharewith_id, sharetype"},
-    {"norva_sdk_add2share_batch", norva_sdk_add2share_batch, "share several boards: data [...]"},
-    {"norva_sdk_select_share", norva_sdk_select_share, "list shares: userid, boardname, currentUserId, start_time, end_time"},
-    {"norva_sdk_select_share_by_page", norva_sdk_select_share_by_page, "one page of shares"},
-    {"norva_sdk_delete_share", norva_sdk_delete_share, "remove a share: data.id, data.userId"},
-    {"norva_sdk_add2favorite", norva_sdk_add2favorite, "mark a favourite: userid, boardid, boardname"},
-    {"norva_sdk_add2favorite_batch", norva_sdk_add2favorite_batch, "mark several favourites: data [...]"},
-    {"norva_sdk_select_favorite", norva_sdk_select_favorite, "list favourites: userid, boardname, start_time, end_time"},
-    {"norva_sdk_select_favorite_by_page", norva_sdk_select_favorite_by_page, "one page of favourites"},
-    {"norva_sdk_delete_favorite", norva_sdk_delete_favorite, "remove a favourite: data.id, data.userId"},
-    {"norva_sdk_select_origfiles_manage", norva_sdk_select_origfiles_manage, "list original file records (12 filters)"},
-    {"norva_sdk_select_origfiles_manage_by_page", norva_sdk_select_origfiles_manage_by_page,
-     "one page of original file records"},
-    {"norva_sdk_update_origfiles_manage", norva_sdk_update_origfiles_manage, "change an original file record: origfile_id, ..."},
-    {"norva_sdk_updel_origfiles_manage", norva_sdk_updel_origfiles_manage, "flag an original file as deleted: data.id, data.userId"},
-    {"norva_sdk_insert_error_library", norva_sdk_insert_error_library, "add an error type: source, layer, errorMessage"},
-    {"norva_sdk_update_error_library", norva_sdk_update_error_library, "change an error type: id, source, layer, errorMessage"},
-    {"norva_sdk_delete_error_library", norva_sdk_delete_error_library, "remove an error type: data.id"},
-    {"norva_sdk_select_error_library", norva_sdk_select_error_library, "list error types"},
-    {"norva_sdk_select_error_library_by_page", norva_sdk_select_error_library_by_page, "one page of error types"},
-    {"norva_sdk_insert_error_msg", norva_sdk_insert_error_msg, "place an error on a board: boardId, gridX, gridY, ..."},
-    {"norva_sdk_update_error_msg", norva_sdk_update_error_msg, "change an error message: id, ..."},
-    {"norva_sdk_delete_error_msg", norva_sdk_delete_error_msg, "remove an error message: data.id"},
-    {"norva_sdk_select_error_msg", norva_sdk_select_error_msg, "list error messages"},
-    {"norva_sdk_select_error_msg_by_page", norva_sdk_select_error_msg_by_page, "one page of error messages"},
-    {"norva_tavlin_download_binaryfile", norva_tavlin_download_binaryfile,
-     "download a mall file: file_downloadpath, data.id, isTimeStamp, reName"},
-    {"norva_tavlin_select_boardid_by_order_num", norva_tavlin_select_boardid_by_order_num, "board of an order: data.orderNum"},
-    {"norva_tavlin_select_order_by_page", norva_tavlin_select_order_by_page, "one page of orders: userId, boardId, orderNum"},
-    {"norva_tavlin_select_orig_file_by_page", norva_tavlin_select_orig_file_by_page, "one page of mall files: createUserId"},
-    {"norva_tavlin_get_bid_name_list_by_page", norva_tavlin_get_bid_name_list_by_page, "one page of board ids and names"},
-    {"norva_tavlin_get_all_model_id", norva_tavlin_get_all_model_id, "all planner models"},
-    {"norva_tavlin_get_latest_model_id", norva_tavlin_get_latest_model_id, "the latest planner model"},
-    {"norva_tavlin_get_process_parameters", norva_tavlin_get_process_parameters, "a model's process parameters: data.modelId"},
-};
-
-void help()
+void usage(std::FILE* to)
 {
-    std::printf("usage: norva <operation> '<argument document>'\n"
-                "       norva <operation> -        read the argument document from standard input\n"
-                "       norva --list               list the operations\n\n"
-                "Calls one operation of norva-api-qt and prints its result document (one line).\n"
-                "The \"norva_sdk_\" or \"norva_tavlin_\" prefix may be left out. Exit status: 0 when the\n"
-                "result's status is 200 or 206, 1 otherwise, 2 for a usage error.\n\n"
-                "example: norva login '{\"ipconfig\":\"127.0.0.1:8765\",\"username\":\"norva\",\"password\":\"norva\"}'\n");
+    std::fprintf(to,
+                 "usage: norva [options] <operation> '<argument document>'\n"
+                 "       norva [options] <operation> -              the document on standard input\n"
+                 "       norva [options] <operation> key=value ...  the document as pairs\n"
+                 "       norva --list                               the operations\n"
+                 "       norva <operation> --help                   the keys of one operation\n\n"
+                 "Calls one operation of norva-api-qt and prints its result document. The\n"
+                 "\"norva_sdk_\" or \"norva_tavlin_\" prefix may be left out. In key=value pairs a\n"
+                 "value that is JSON (5, true, null, [1,2], {\"a\":1}, \"text\") is taken as JSON,\n"
+                 "anything else as text, and data.id=5 puts \"id\" into the object \"data\".\n\n"
+                 "options:\n"
+                 "  --save        with login: keep the address and token in %s\n"
+                 "                for later calls (logout forgets them)\n"
+                 "  --no-session  use neither the saved session nor NORVA_IPCONFIG / NORVA_TOKEN\n"
+                 "  --pretty      print the result document indented\n\n"
+                 "Later calls fill \"ipconfig\" and \"token\" in when the document lacks them, from\n"
+                 "NORVA_IPCONFIG and NORVA_TOKEN if set, else from the saved session.\n"
+                 "Uploads and downloads show their progress on a terminal; Ctrl-C cancels.\n"
+                 "Exit status: 0 when the result's status is 200 or 206, 1 otherwise, 2 for a\n"
+                 "usage error, 130 when cancelled.\n\n"
+                 "example: norva login ipconfig=127.0.0.1:8765 username=norva password=norva --save\n"
+                 "         norva add2share boardid=4 sharewith_id=2 sharetype=1\n",
+                 qPrintable(sessionFilePath()));
 }
 
-const Entry* find(const std::string& name)
+void operationHelp(const OperationEntry& entry)
 {
-    for (const Entry& entry : operations) {
-        const std::string full = entry.name;
-        if (full == name || full == "norva_" + name || full == "norva_sdk_" + name || full == "norva_tavlin_" + name)
-            return &entry;
+    std::printf("%s: %s\nkeys: %s\n", entry.name, entry.summary, entry.keys);
+    std::printf("ipconfig and token may come from the saved session (see norva --help).\n");
+}
+
+bool isTransfer(const OperationEntry& entry)
+{
+    return std::strstr(entry.name, "upload") || std::strstr(entry.name, "download");
+}
+
+int fail(const std::string& message)
+{
+    std::fprintf(stderr, "norva: %s\n", message.c_str());
+    return 2;
+}
+
+// Status 200 or 206 is success; the result is the library's own document.
+bool succeeded(const QJsonObject& result)
+{
+    const int status = result.value(QStringLiteral("status")).toInt();
+    return status == 200 || status == 206;
+}
+
+void keepSession(const std::string& document, const QJsonObject& result)
+{
+    const QJsonObject data = result.value(QStringLiteral("data")).toObject();
+    Session session;
+    session.ipconfig = QJsonDocument::fromJson(QByteArray::fromStdString(document))
+                           .object().value(QStringLiteral("ipconfig")).toString();
+    session.token = data.value(QStringLiteral("token")).toString();
+    session.userId = data.value(QStringLiteral("userId"));
+    QString error;
+    if (!succeeded(result) || session.token.isEmpty())
+        std::fprintf(stderr, "norva: the session is not saved: the login did not succeed\n");
+    else if (saveSession(session, &error))
+        std::fprintf(stderr, "norva: session saved in %s\n", qPrintable(sessionFilePath()));
+    else
+        std::fprintf(stderr, "norva: the session is not saved: %s\n", qPrintable(error));
+}
+
+// Holds back what the library writes to standard output while it lives, so
+// that a progress line can be wiped first and the result line can be
+// indented (--pretty).
+class HeldConsole
+{
+public:
+    HeldConsole() : console(std::cout.rdbuf(held.rdbuf())) {}
+    ~HeldConsole() { std::cout.rdbuf(console); }
+    HeldConsole(const HeldConsole&) = delete;
+    HeldConsole& operator=(const HeldConsole&) = delete;
+
+    // Writes what was held, the result line indented when asked to.
+    void release(const std::string& result, bool pretty)
+    {
+        std::cout.rdbuf(console);
+        std::string lines = held.str();
+        const std::string resultLine = result + '\n';
+        if (pretty && lines.size() >= resultLine.size()
+            && lines.compare(lines.size() - resultLine.size(), resultLine.size(), resultLine) == 0)
+            lines.replace(lines.size() - resultLine.size(), resultLine.size(), indented(result) + '\n');
+        std::cout << lines << std::flush;
     }
-    return nullptr;
-}
+
+private:
+    std::ostringstream held;
+    std::streambuf* const console;
+};
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        help();
+    Options options;
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--pretty")
+            options.pretty = true;
+        else if (word == "--no-session")
+            options.noSession = true;
+        else if (word == "--save")
+            options.save = true;
+        else if (word == "--help" || word == "-h")
+            options.help = true;
+        else if (word == "--list" && i == 1)
+            options.list = true;
+        else if (word.size() > 1 && word[0] == '-' && word[1] == '-')
+            return fail("no option " + word + " (see norva --help)");
+        else
+            words.push_back(word);
+    }
+    if (options.list) {
+        for (const OperationEntry* entry = operationsBegin(); entry != operationsEnd(); ++entry)
+            std::printf("%-42s %s\n", entry->name, entry->summary);
         return 0;
     }
-    if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
-        for (const Entry& entry : operations)
-            std::printf("%-42s %s\n", entry.name, entry.summary);
+    if (words.empty()) {
+        usage(options.help ? stdout : stderr);
+        return options.help ? 0 : 2;
+    }
+    const OperationEntry* const entry = findOperation(words.front());
+    if (!entry)
+        return fail("no operation named " + words.front() + " (see norva --list)");
+    if (options.help) {
+        operationHelp(*entry);
         return 0;
     }
-    if (argc != 3) {
-        help();
-        return 2;
+    const bool login = std::strcmp(entry->name, "norva_sdk_login") == 0;
+    const bool logout = std::strcmp(entry->name, "norva_sdk_logout") == 0;
+    if (options.save && !login)
+        return fail("--save goes with login");
+
+    const std::vector<std::string> rest(words.begin() + 1, words.end());
+    std::string document;
+    if (rest.size() == 1 && rest.front() == "-") {
+        document.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    } else if (rest.size() == 1 && rest.front().find_first_not_of(" \t\r\n") != std::string::npos
+               && rest.front()[rest.front().find_first_not_of(" \t\r\n")] == '{') {
+        document = rest.front();
+    } else {
+        std::string error;
+        const std::optional<std::string> pairs = documentFromPairs(rest, &error);
+        if (!pairs)
+            return fail(error);
+        document = *pairs;
     }
-    const Entry* entry = find(argv[1]);
-    if (!entry) {
-        std::fprintf(stderr, "norva: no operation named %s (see norva --list)\n", argv[1]);
-        return 2;
+    if (!options.noSession)
+        document = withSession(document, currentSession(), logout);
+
+    std::unique_ptr<ProgressLine> progress;
+    if (isTransfer(*entry) && isatty(fileno(stderr))) {
+        progress = std::make_unique<ProgressLine>(stderr);
+        NORVA::NORVA_API_QT::setProgressObserver(
+            [&progress](const NORVA::NORVA_API_QT::CallProgress& figures) { progress->show(figures); });
     }
-    std::string argument = argv[2];
-    if (argument == "-")
-        argument.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    // The library writes the result line itself.
-    const std::string result = entry->operation(argument);
-    static const std::regex success(R"("status":(200|206)[,}])");
-    return std::regex_search(result, success) ? 0 : 1;
+    std::string result;
+    {
+        const InterruptToCancel interrupts;
+        std::optional<HeldConsole> console;
+        if (options.pretty || progress)
+            console.emplace();
+        result = entry->function(document);
+        NORVA::NORVA_API_QT::clearProgressObserver();
+        progress.reset();
+        if (console)
+            console->release(result, options.pretty);
+    }
+    if (InterruptToCancel::interrupted())
+        return 130;
+
+    const QJsonObject resultDocument = QJsonDocument::fromJson(QByteArray::fromStdString(result)).object();
+    if (login && options.save)
+        keepSession(document, resultDocument);
+    if (logout && !options.noSession && removeSession())
+        std::fprintf(stderr, "norva: saved session removed\n");
+    return succeeded(resultDocument) ? 0 : 1;
 }

@@ -1,0 +1,251 @@
+// The norva command as a shell user runs it: sessions, key=value words, the
+// indented result, the progress line on a terminal, and Ctrl-C.
+#include "support/test_service.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+
+using namespace testing_support;
+
+namespace {
+
+struct Run {
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+QByteArray boardBytes(int size)
+{
+    QByteArray bytes(size, 'b');
+    for (int i = 0; i < size; i += 7)
+        bytes[i] = char('a' + i % 26);
+    return bytes;
+}
+
+} // namespace
+
+class NorvaCommandTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        service.reset();
+        home.reset(new QTemporaryDir);
+        QDir(home->path()).mkpath(QStringLiteral("config/norva"));
+    }
+
+    void documentAndSession_data();
+    void documentAndSession();
+    void loginSavesAndLogoutForgets();
+    void prettyReplacesTheCompactLine();
+    void progressOnATerminalOnly();
+    void ctrlCCancelsTheCall();
+
+private:
+    QString sessionPath() const { return home->filePath(QStringLiteral("config/norva/session.json")); }
+    QProcessEnvironment environment(const QStringList& extra = {}) const
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove(QStringLiteral("NORVA_IPCONFIG"));
+        env.remove(QStringLiteral("NORVA_TOKEN"));
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home->filePath(QStringLiteral("config")));
+        for (const QString& pair : extra)
+            env.insert(pair.section(QLatin1Char('='), 0, 0), substitute(pair.section(QLatin1Char('='), 1)));
+        return env;
+    }
+    QString substitute(QString text) const { return text.replace(QLatin1String("$ADDR"), service.address()); }
+    Run norva(const QStringList& arguments, const QStringList& environmentPairs = {})
+    {
+        QProcess process;
+        process.setProcessEnvironment(environment(environmentPairs));
+        QStringList substituted;
+        for (const QString& argument : arguments)
+            substituted << substitute(argument);
+        process.start(QStringLiteral(NORVA_COMMAND_PATH), substituted);
+        process.closeWriteChannel();
+        if (!process.waitForFinished(20000))
+            return {};
+        return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    }
+
+    TestService service;
+    QScopedPointer<QTemporaryDir> home;
+};
+
+void NorvaCommandTest::documentAndSession_data()
+{
+    QTest::addColumn<QString>("savedSession"); // the file's text; empty for none
+    QTest::addColumn<QStringList>("environment");
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("body");  // null: nothing may be sent
+    QTest::addColumn<QByteArray>("token"); // the token header
+
+    const QString saved = R"({"ipconfig":"$ADDR","token":"saved"})";
+    const QStringList fromEnvironment{"NORVA_IPCONFIG=$ADDR", "NORVA_TOKEN=env"};
+    QTest::newRow("pairs with JSON values")
+        << QString() << fromEnvironment << QStringList{"add2share", "boardid=4", "sharewith_id=2", "sharetype=1"} << 0
+        << QByteArray(R"({"acsType":1,"acsTypeId":2,"brdId":4,"userId":0})") << QByteArray("env");
+    QTest::newRow("pairs with text, arrays and nesting")
+        << QString() << QStringList{}
+        << QStringList{"select_share", "ipconfig=$ADDR", "token=t", "boardname=top 7", "userid=[1,2]",
+                       "start_time=2024-01-01", "end_time=null"}
+        << 0 << QByteArray(R"({"brdName":"top 7","currentUserId":0,"endTime":null,"startTime":"2024-01-01","userId":[1,2]})")
+        << QByteArray("t");
+    QTest::newRow("nested pairs") << saved << QStringList{}
+                                  << QStringList{"delete_share", "data.id=5", "data.userId=3"} << 0
+                                  << QByteArray("id=5&userId=3") << QByteArray("saved");
+    QTest::newRow("saved session fills a document") << saved << QStringList{} << QStringList{"delete_share", "{}"} << 0
+                                                    << QByteArray("id=0&userId=0") << QByteArray("saved");
+    QTest::newRow("environment over the file") << saved << QStringList{"NORVA_TOKEN=env"}
+                                               << QStringList{"delete_share"} << 0
+                                               << QByteArray("id=0&userId=0") << QByteArray("env");
+    QTest::newRow("the document's own keys first")
+        << saved << QStringList{"NORVA_TOKEN=env"} << QStringList{"delete_share", R"({"token":"own","data":{"id":1}})"}
+        << 0 << QByteArray("id=1&userId=0") << QByteArray("own");
+    QTest::newRow("--no-session uses neither")
+        << saved << fromEnvironment << QStringList{"--no-session", "delete_share"} << 1 << QByteArray() << QByteArray();
+    QTest::newRow("a word that is no pair") << saved << QStringList{} << QStringList{"delete_share", "data.id"} << 2
+                                            << QByteArray() << QByteArray();
+    QTest::newRow("a key both value and object")
+        << saved << QStringList{} << QStringList{"delete_share", "data=1", "data.id=2"} << 2 << QByteArray()
+        << QByteArray();
+}
+
+void NorvaCommandTest::documentAndSession()
+{
+    QFETCH(QString, savedSession);
+    QFETCH(QStringList, environment);
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, token);
+    if (!savedSession.isEmpty()) {
+        QFile file(sessionPath());
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(substitute(savedSession).toUtf8());
+    }
+    service.setDefaultReply(ScriptedReply::json(R"({"code":200})"));
+    const Run run = norva(arguments, environment);
+    QCOMPARE(run.exitCode, exitCode);
+    if (body.isNull()) {
+        QCOMPARE(service.requestCount(), 0);
+        return;
+    }
+    QCOMPARE(service.requestCount(), 1);
+    QCOMPARE(service.lastRequest().body, body);
+    QCOMPARE(service.lastRequest().header("token"), token);
+}
+
+void NorvaCommandTest::loginSavesAndLogoutForgets()
+{
+    service.script(ScriptedReply::json(R"({"code":200,"data":{"token":"tk9","userId":12}})"));
+    Run run = norva({"login", "ipconfig=$ADDR", "username=ada", "password=pw", "--save"});
+    QCOMPARE(run.exitCode, 0);
+    QFile saved(sessionPath());
+    QCOMPARE(saved.permissions() & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser);
+    QVERIFY(saved.open(QIODevice::ReadOnly));
+    const QByteArray text = saved.readAll();
+    QVERIFY2(text.contains(R"("token": "tk9")") && text.contains(substitute(R"("ipconfig": "$ADDR")").toUtf8()), text);
+    saved.close();
+
+    // A failed login leaves the saved session alone.
+    service.script(ScriptedReply::json(R"({"code":411,"msg":"wrong"})"));
+    run = norva({"login", "ipconfig=$ADDR", "username=ada", "password=no", "--save"});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY(run.err.contains("not saved"));
+    QVERIFY(QFile::exists(sessionPath()));
+
+    // Logging out says who (the saved user id) and forgets the session.
+    service.script(ScriptedReply::json(R"({"code":200,"data":12})"));
+    run = norva({"logout"});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(service.lastRequest().body, QByteArray(R"({"id":12})"));
+    QVERIFY(!QFile::exists(sessionPath()));
+}
+
+void NorvaCommandTest::prettyReplacesTheCompactLine()
+{
+    service.setDefaultReply(ScriptedReply::json(R"({"code":200,"data":[{"id":1,"n":"a,b:{c}"}],"msg":[]})"));
+    const Run run = norva({"select_share", "ipconfig=$ADDR", "--pretty"});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.out, QByteArray("{\n"
+                                 "  \"data\": [\n"
+                                 "    {\n"
+                                 "      \"id\": 1,\n"
+                                 "      \"n\": \"a,b:{c}\"\n"
+                                 "    }\n"
+                                 "  ],\n"
+                                 "  \"message\": \"select share table success\",\n"
+                                 "  \"status\": 200\n"
+                                 "}\n"));
+}
+
+// The progress line goes to standard error on a terminal (a pseudo-terminal
+// made by script(1)), and nowhere when standard error is a pipe.
+void NorvaCommandTest::progressOnATerminalOnly()
+{
+    const QByteArray board = boardBytes(4 << 20);
+    service.setDefaultReply(ScriptedReply::file(board, "attachment;filename=board.brd"));
+    const QStringList download{"download_binary_file", "ipconfig=$ADDR", "file_downloadpath=" + home->path(),
+                               "data.id=1"};
+    const Run piped = norva(download);
+    QCOMPARE(piped.exitCode, 0);
+    QCOMPARE(piped.err, QByteArray());
+
+    QStringList command{QStringLiteral(NORVA_COMMAND_PATH)};
+    for (const QString& argument : download)
+        command << substitute(argument);
+    QProcess script;
+    script.setProcessEnvironment(environment());
+    script.start(QStringLiteral("script"), {"-qec", command.join(QLatin1Char(' ')), "/dev/null"});
+    QVERIFY(script.waitForFinished(20000));
+    const QByteArray screen = script.readAllStandardOutput();
+    QVERIFY2(screen.contains("down [============================] 100% 4.0 MiB of 4.0 MiB"), screen);
+    // The line is wiped before the result, which stands on a clean line.
+    QVERIFY2(screen.contains("\r\033[K{\"filename\":\"board.brd\""), screen);
+    QCOMPARE(QFile(home->filePath(QStringLiteral("board.brd"))).size(), qint64(board.size()));
+}
+
+// Ctrl-C cancels through the library: the cancelled result, exit status 130,
+// and nothing stored beside the earlier file of that name.
+void NorvaCommandTest::ctrlCCancelsTheCall()
+{
+    ScriptedReply halfBody = ScriptedReply::raw(
+        "HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=board.brd\r\nContent-Length: 900000\r\n\r\n"
+        + boardBytes(300000));
+    halfBody.stallAfterwards = true;
+    service.setDefaultReply(halfBody);
+    QFile earlier(home->filePath(QStringLiteral("board.brd")));
+    QVERIFY(earlier.open(QIODevice::WriteOnly));
+    earlier.write("earlier");
+    earlier.close();
+
+    QProcess process;
+    process.setProcessEnvironment(environment());
+    process.start(QStringLiteral(NORVA_COMMAND_PATH),
+                  {"download_binary_file", "ipconfig=" + service.address(), "file_downloadpath=" + home->path(),
+                   "data.id=1"});
+    QVERIFY(process.waitForStarted());
+    QTRY_COMPARE_WITH_TIMEOUT(service.requestCount(), 1, 10000);
+    QTest::qWait(200); // the first part of the body is on its way
+    ::kill(pid_t(process.processId()), SIGINT);
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 130);
+    QCOMPARE(process.readAllStandardOutput(), QByteArray("{\"message\":\"request cancelled\",\"status\":400}\n"));
+    QCOMPARE(QDir(home->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"board.brd"});
+    QVERIFY(earlier.open(QIODevice::ReadOnly));
+    QCOMPARE(earlier.readAll(), QByteArray("earlier"));
+}
+
+QTEST_GUILESS_MAIN(NorvaCommandTest)
+#include "test_norva_command.moc"
