@@ -361,10 +361,32 @@ std::string fixed(double value, int decimals = 0)
 
 } // namespace
 
+// Only calls, for counting instructions under callgrind (scripts/bench
+// --instructions): `calls` logins and share queries against a sink, by the
+// library or by the same design in bare Qt, with or without a host application.
+int callsMain(const std::string& mode, int calls)
+{
+    bench::LoopbackSink sink(0);
+    const std::string address = sink.address();
+    const bool library = mode.rfind("library", 0) == 0;
+    const bool host = mode.size() > 5 && mode.compare(mode.size() - 5, 5, "-host") == 0;
+    static int appArgc = 1;
+    static char appName[] = "norva_bench";
+    static char* appArgv[] = {appName, nullptr};
+    std::unique_ptr<QCoreApplication> application;
+    if (host)
+        application = std::make_unique<QCoreApplication>(appArgc, appArgv);
+    const double micros = library ? libraryMicrosPerCall(address, calls) : bareQtMicrosPerCall(address, calls, !host);
+    std::printf("%s: %d calls, %.0f us each\n", mode.c_str(), calls, micros);
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     if (argc >= 4 && std::strncmp(argv[1], "--child-", 8) == 0)
         return childMain(argc, argv);
+    if (argc == 4 && std::strcmp(argv[1], "--calls") == 0)
+        return callsMain(argv[2], std::atoi(argv[3]));
     const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
     const int calls = quick ? 100 : 1000;
     const int repeats = quick ? 3 : 7;

@@ -210,6 +210,8 @@ void FrameTest::repeatedKeysAreRemovedBeforeParsing_data()
         << QByteArray(R"({"o":{"k":[1],"k":[2]},"o":{"k":3}})") << QByteArray(R"({"o":{"k":3}})");
     QTest::newRow("repeats inside a kept member") << QByteArray(R"([{"k":[1],"k":[2]}])") << QByteArray(R"([{"k":[2]}])");
     QTest::newRow("keys compare decoded") << QByteArray(R"({"\u0061":[1],"a":[2]})") << QByteArray(R"({"a":[2]})");
+    QTest::newRow("three of a key, escaped and not") << QByteArray("{\"\xc3\xa9\":[1],\"b\":0,\"\\u00e9\":[2],\"\xc3\xa9\":[3],\"e\":[4]}")
+                                                     << QByteArray("{\"b\":0,\"\xc3\xa9\":[3],\"e\":[4]}");
     QTest::newRow("white space") << QByteArray("{ \"a\" : [1] ,\n \"a\" : 2 }") << QByteArray("{ \"a\" : 2 }");
     QTest::newRow("braces and quotes inside strings") << QByteArray(R"({"s":"}\"{","a":[1],"a":[2]})")
                                                       << QByteArray(R"({"s":"}\"{","a":[2]})");

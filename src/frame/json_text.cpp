@@ -1,12 +1,12 @@
 #include "frame/json_text.h"
 
-#include <QHash>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -164,20 +164,64 @@ private:
         return -1;
     }
 
-    // Scans a string; with `decoded`, also decodes it (keys are compared decoded,
-    // as Qt compares them).
-    bool string(QString* decoded)
+    // Appends a UTF-16 code unit sequence as UTF-8; a lone surrogate gets the
+    // three bytes of its own value, so that keys which differ as UTF-16 differ
+    // here too.
+    static void appendUtf16(std::string& out, const std::u16string& units)
+    {
+        for (std::size_t i = 0; i < units.size(); ++i) {
+            unsigned int code = units[i];
+            if (code >= 0xD800 && code <= 0xDBFF && i + 1 < units.size() && units[i + 1] >= 0xDC00
+                && units[i + 1] <= 0xDFFF)
+                code = 0x10000 + ((code - 0xD800) << 10) + (units[++i] - 0xDC00);
+            if (code < 0x80) {
+                out += char(code);
+            } else if (code < 0x800) {
+                out += char(0xC0 | (code >> 6));
+                out += char(0x80 | (code & 0x3F));
+            } else if (code < 0x10000) {
+                out += char(0xE0 | (code >> 12));
+                out += char(0x80 | ((code >> 6) & 0x3F));
+                out += char(0x80 | (code & 0x3F));
+            } else {
+                out += char(0xF0 | (code >> 18));
+                out += char(0x80 | ((code >> 12) & 0x3F));
+                out += char(0x80 | ((code >> 6) & 0x3F));
+                out += char(0x80 | (code & 0x3F));
+            }
+        }
+    }
+
+    // A key as Qt compares it: its characters, held as UTF-8. A key without
+    // escapes is its own bytes in the text (strict UTF-8, so no surrogates);
+    // one with escapes is decoded into `storage`.
+    struct Key {
+        std::string_view text;
+        std::string storage;
+        bool beyondBmp = false;
+    };
+
+    // Scans a string; with `key`, also reads it as a key.
+    bool string(Key* key)
     {
         ++at; // the opening quote
-        QByteArray raw;
+        const int start = at;
+        bool escaped = false;
+        std::u16string units; // the key's code units once an escape was seen
         while (at < size && text[at] != '"') {
             if (text[at] != '\\') {
-                const int start = at;
+                const int from = at;
                 if (!utf8Sequence())
                     return false;
-                if (decoded)
-                    raw.append(text.constData() + start, at - start);
+                if (key && static_cast<unsigned char>(text[from]) >= 0xF0)
+                    key->beyondBmp = true;
+                if (escaped)
+                    units += QString::fromUtf8(text.constData() + from, at - from).toStdU16String();
                 continue;
+            }
+            if (key && !escaped) {
+                escaped = true;
+                units = QString::fromUtf8(text.constData() + start, at - start).toStdU16String();
             }
             if (++at >= size)
                 return false;
@@ -193,25 +237,29 @@ private:
                     code = code * 16 + digit;
                 }
                 at += 4;
-                if (decoded) {
-                    *decoded += QString::fromUtf8(raw);
-                    raw.clear();
-                    *decoded += QChar(ushort(code));
+                if (key) {
+                    units += char16_t(code);
+                    key->beyondBmp = key->beyondBmp || (code >= 0xD800 && code <= 0xDFFF);
                 }
-            } else {
+            } else if (key) {
                 // Like Qt, an unknown escape stands for the character itself.
                 static const char from[] = "\"\\/bfnrt";
                 static const char to[] = "\"\\/\b\f\n\r\t";
                 const char* found = std::char_traits<char>::find(from, 8, escape);
-                if (decoded)
-                    raw += found ? to[found - from] : escape;
+                units += char16_t(static_cast<unsigned char>(found ? to[found - from] : escape));
             }
         }
         if (at >= size)
             return false;
+        if (key) {
+            if (escaped) {
+                appendUtf16(key->storage, units);
+                key->text = key->storage;
+            } else {
+                key->text = std::string_view(text.constData() + start, std::size_t(at - start));
+            }
+        }
         ++at; // the closing quote
-        if (decoded)
-            *decoded += QString::fromUtf8(raw);
         return true;
     }
 
@@ -240,7 +288,7 @@ private:
     {
         ++at;
         struct Member {
-            QString key;
+            Key key;
             int start;
         };
         std::vector<Member> members;
@@ -253,17 +301,16 @@ private:
             skipSpace();
             if (at >= size || text[at] != '"')
                 return false;
-            Member member{QString(), at};
+            members.push_back({Key(), at});
+            Member& member = members.back();
             if (!string(&member.key))
                 return false;
-            keyBeyondBmp = keyBeyondBmp || std::any_of(member.key.cbegin(), member.key.cend(),
-                                                       [](QChar c) { return c.isSurrogate(); });
+            keyBeyondBmp = keyBeyondBmp || member.key.beyondBmp;
             skipSpace();
             if (at >= size || text[at++] != ':')
                 return false;
             if (!value(depth))
                 return false;
-            members.push_back(std::move(member));
             skipSpace();
             if (at >= size)
                 return false;
@@ -272,15 +319,27 @@ private:
             if (text[at - 1] != ',')
                 return false;
         }
-        // A member whose key comes again later is dropped, up to the next member.
-        QHash<QString, std::size_t> last;
-        for (std::size_t i = 0; i < members.size(); ++i)
-            last.insert(members[i].key, i);
-        if (std::size_t(last.size()) == members.size())
+        if (members.size() < 2)
             return true;
-        for (std::size_t i = 0; i + 1 < members.size(); ++i) {
-            if (last.value(members[i].key) != i)
-                dropped.emplace_back(members[i].start, members[i + 1].start);
+        // A member whose key comes again later is dropped, up to the next member.
+        // Sorted by key (and by place among equal keys), the last of each run of
+        // equal keys stays.
+        std::vector<std::size_t> order(members.size());
+        for (std::size_t i = 0; i < order.size(); ++i)
+            order[i] = i;
+        // (A decoded key is read from its storage: growing the vector may have
+        // moved it.)
+        const auto keyOf = [&members](std::size_t i) -> std::string_view {
+            const Key& key = members[i].key;
+            return key.storage.empty() ? key.text : std::string_view(key.storage);
+        };
+        std::sort(order.begin(), order.end(), [&keyOf](std::size_t a, std::size_t b) {
+            const int compared = keyOf(a).compare(keyOf(b));
+            return compared != 0 ? compared < 0 : a < b;
+        });
+        for (std::size_t i = 0; i + 1 < order.size(); ++i) {
+            if (keyOf(order[i]) == keyOf(order[i + 1]))
+                dropped.emplace_back(members[order[i]].start, members[order[i] + 1].start);
         }
         return true;
     }
