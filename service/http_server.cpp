@@ -350,6 +350,8 @@ void HttpServer::serve(int fd)
         } catch (const std::exception& e) {
             response = HttpResponse::text(500, e.what());
         }
+        if (response.dropConnection)
+            break;
         const bool close = lowered(request.header("Connection")) == "close";
         std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + reason(response.status) + "\r\n";
         for (const auto& h : response.headers)

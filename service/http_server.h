@@ -32,6 +32,8 @@ struct HttpResponse {
     int status = 200;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    // Close the connection without sending anything (fault injection).
+    bool dropConnection = false;
 
     static HttpResponse json(const std::string& body, int status = 200);
     static HttpResponse text(int status, const std::string& body);

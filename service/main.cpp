@@ -1,7 +1,8 @@
 // norva-records-service: a local stand-in of the records service, for trying the
 // library and developing offline.
 //
-//   norva-records-service [--listen host:port] [--token-ttl seconds] [data-folder]
+//   norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]
+#include "fault_injection.h"
 #include "http_server.h"
 #include "records_service.h"
 
@@ -9,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -23,10 +26,16 @@ void stopOnSignal(int)
 
 int usage(int code)
 {
-    std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [data-folder]\n"
+    std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]\n"
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
-                "  data-folder  where the database and file contents live (default ./norva-data)\n");
+                "  data-folder  where the database and file contents live (default ./norva-data)\n"
+                "  --add-user NAME:PASSWORD  add a user when the data folder has none of that name (repeatable)\n"
+                "faults, for testing a host's error paths:\n"
+                "  --delay-ms N              wait N ms before every answer\n"
+                "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status (the first N times; else always)\n"
+                "  --drop PATH[xN]           close the connection without an answer for PATH\n"
+                "  --expire-tokens           every token counts as expired (HTTP 402)\n");
     return code;
 }
 
@@ -35,7 +44,9 @@ int usage(int code)
 int main(int argc, char** argv)
 {
     norva::service::ServiceOptions options;
+    norva::service::FaultInjection faults;
     std::string listen = "127.0.0.1:8765";
+    std::vector<std::string> newUsers;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h")
@@ -44,6 +55,16 @@ int main(int argc, char** argv)
             listen = argv[++i];
         else if (arg == "--token-ttl" && i + 1 < argc)
             options.tokenLifetimeSeconds = std::atoll(argv[++i]);
+        else if (arg == "--delay-ms" && i + 1 < argc)
+            faults.setDelayMs(std::atoi(argv[++i]));
+        else if (arg == "--fail" && i + 1 < argc && faults.addFailure(argv[i + 1]))
+            ++i;
+        else if (arg == "--drop" && i + 1 < argc && faults.addDrop(argv[i + 1]))
+            ++i;
+        else if (arg == "--add-user" && i + 1 < argc && std::strchr(argv[i + 1], ':'))
+            newUsers.push_back(argv[++i]);
+        else if (arg == "--expire-tokens")
+            options.expireTokens = true;
         else if (!arg.empty() && arg[0] != '-')
             options.dataFolder = arg;
         else
@@ -63,7 +84,15 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
         return 1;
     }
-    norva::service::HttpServer server([&service](const norva::service::HttpRequest& request) {
+    for (const std::string& user : newUsers) {
+        const std::size_t colon = user.find(':');
+        std::string taken;
+        if (service.addUser(user.substr(0, colon), user.substr(colon + 1), taken))
+            std::printf("added user %s\n", user.substr(0, colon).c_str());
+    }
+    norva::service::HttpServer server([&service, &faults](const norva::service::HttpRequest& request) {
+        if (std::optional<norva::service::HttpResponse> fault = faults.intercept(request))
+            return *fault;
         return service.handle(request);
     });
     if (!server.listen(host, std::atoi(listen.c_str() + colon + 1), error)) {
@@ -74,6 +103,9 @@ int main(int argc, char** argv)
     if (seeded)
         std::printf("created user %s with password %s\n", norva::service::RecordsService::seededUser,
                     norva::service::RecordsService::seededPassword);
+    if (host.rfind("127.", 0) != 0 && host != "::1" && host != "localhost")
+        std::fprintf(stderr, "norva-records-service: warning: serving on %s, beyond this machine; requests, "
+                             "passwords and tokens go over the network in clear text\n", host.c_str());
     std::printf("listening on %s:%d\n", host.c_str(), server.port());
     std::fflush(stdout);
 

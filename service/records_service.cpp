@@ -1,6 +1,7 @@
 #include "records_service.h"
 
 #include "form_reader.h"
+#include "passwords.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -22,12 +23,14 @@ CREATE TABLE IF NOT EXISTS users(id INTEGER PRIMARY KEY, userName TEXT UNIQUE NO
 CREATE TABLE IF NOT EXISTS tokens(token TEXT PRIMARY KEY, userId INTEGER NOT NULL, expires INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS original_files(id INTEGER PRIMARY KEY, origfilename TEXT, origfileguid TEXT,
   mongogridfsid TEXT, origfilesuffix TEXT, zkcompanycode TEXT, createuserid, fileupdateuserid, updateuserid,
-  parentid, type, source, isError, delflag INTEGER NOT NULL DEFAULT 0, size INTEGER, createtime TEXT);
-CREATE TABLE IF NOT EXISTS shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT);
-CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY, userId, boardId, boardName, createtime TEXT);
+  parentid, type, source, isError, delflag INTEGER NOT NULL DEFAULT 0, size INTEGER, createtime TEXT, owner INTEGER);
+CREATE TABLE IF NOT EXISTS shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT,
+  owner INTEGER);
+CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY, userId, boardId, boardName, createtime TEXT,
+  owner INTEGER);
 CREATE TABLE IF NOT EXISTS error_library(id INTEGER PRIMARY KEY, source, layer, errorMessage);
 CREATE TABLE IF NOT EXISTS error_messages(id INTEGER PRIMARY KEY, brdId, isReappear, remark, gridX, gridY, source,
-  layer, priority, libraryId, errorMessage);
+  layer, priority, libraryId, errorMessage, owner INTEGER);
 CREATE TABLE IF NOT EXISTS mall_orders(id INTEGER PRIMARY KEY, orderNum TEXT UNIQUE, userId, boardId, createtime TEXT);
 CREATE TABLE IF NOT EXISTS planner_models(id INTEGER PRIMARY KEY, name TEXT, params TEXT, createtime TEXT);
 )";
@@ -56,6 +59,9 @@ HttpResponse refuse(const char* msg, int code = 400)
 {
     return reply(code, QString::fromLatin1(msg));
 }
+
+// The service code of a request that the token's user is not entitled to.
+constexpr int notYours = 403;
 
 QJsonValue field(const QJsonObject& object, const char* key)
 {
@@ -190,8 +196,10 @@ bool RecordsService::open(std::string& error, bool& seeded)
     if (!db.open(options.dataFolder + "/records.sqlite3", error))
         return false;
     try {
-        db.execute("PRAGMA journal_mode=WAL;");
+        // Freed space is zeroed, so that a replaced password leaves nothing behind.
+        db.execute("PRAGMA journal_mode=WAL; PRAGMA secure_delete=ON;");
         db.execute(schema);
+        upgrade();
         seeded = db.query("SELECT id FROM users LIMIT 1").isEmpty();
         if (seeded)
             seed();
@@ -202,19 +210,78 @@ bool RecordsService::open(std::string& error, bool& seeded)
     return true;
 }
 
+// A database from before gets the owner of each record (whoever it names as its
+// user, where it names one) and has its passwords replaced by their hashes.
+void RecordsService::upgrade()
+{
+    const auto addOwner = [this](const char* table, const char* ownerFrom) {
+        const QJsonArray columns = db.query(std::string("SELECT name FROM pragma_table_info('") + table + "')");
+        for (const QJsonValue& column : columns) {
+            if (column.toObject().value("name").toString() == QLatin1String("owner"))
+                return;
+        }
+        db.execute(std::string("ALTER TABLE ") + table + " ADD COLUMN owner INTEGER");
+        if (ownerFrom)
+            db.execute(std::string("UPDATE ") + table + " SET owner = " + ownerFrom);
+    };
+    db.execute("BEGIN");
+    addOwner("shares", "userId");
+    addOwner("favourites", "userId");
+    addOwner("original_files", "createuserid");
+    addOwner("error_messages", nullptr);
+    bool rehashed = false;
+    for (const QJsonValue& user : db.query("SELECT id, userPwd FROM users")) {
+        const std::string stored = user.toObject().value("userPwd").toString().toStdString();
+        if (!isPasswordHash(stored)) {
+            db.change("UPDATE users SET userPwd = ? WHERE id = ?",
+                      {QString::fromStdString(hashPassword(stored)), user.toObject().value("id")});
+            rehashed = true;
+        }
+    }
+    db.execute("COMMIT");
+    if (rehashed) // the old pages leave the log too
+        db.execute("PRAGMA wal_checkpoint(TRUNCATE);");
+}
+
+// Whether the token's user may change or remove the record `id` of `table`: it
+// is the record's owner, or the record has none (made before owners were kept).
+// nullopt when there is no such record.
+std::optional<bool> RecordsService::entitled(const char* table, const QJsonValue& id, long long userId)
+{
+    const QJsonArray rows = db.query(std::string("SELECT owner FROM ") + table + " WHERE id = ?", {id});
+    if (rows.isEmpty())
+        return std::nullopt;
+    const QJsonValue owner = rows.first().toObject().value("owner");
+    return owner.isNull() || static_cast<long long>(owner.toDouble()) == userId;
+}
+
+bool RecordsService::addUser(const std::string& name, const std::string& password, std::string& error)
+{
+    std::lock_guard<std::mutex> lock(db.lock());
+    if (!db.query("SELECT id FROM users WHERE userName = ?", {QString::fromStdString(name)}).isEmpty()) {
+        error = "a user " + name + " exists already";
+        return false;
+    }
+    db.change("INSERT INTO users(userName, userPwd, userRealname) VALUES(?, ?, ?)",
+              {QString::fromStdString(name), QString::fromStdString(hashPassword(password)),
+               QString::fromStdString(name)});
+    return true;
+}
+
 void RecordsService::seed()
 {
     db.execute("BEGIN");
     db.change("INSERT INTO users(userName, userPwd, userRealname) VALUES(?, ?, ?)",
-              {QString::fromLatin1(seededUser), QString::fromLatin1(seededPassword), QStringLiteral("Norva Demo")});
+              {QString::fromLatin1(seededUser), QString::fromStdString(hashPassword(seededPassword)),
+               QStringLiteral("Norva Demo")});
     const long long userId = db.lastInsertId();
     // One board in the mall, so that orders point somewhere and can be fetched.
     const QByteArray sample = "G04 sample board, top copper*\nX0Y0D02*\nX1000Y0D01*\nM02*\n";
     db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
-              "createuserid, parentid, type, source, isError, size, createtime) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+              "createuserid, parentid, type, source, isError, size, createtime, owner) VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
               {QStringLiteral("sample board.gbr"), QUuid::createUuid().toString(QUuid::WithoutBraces),
                QStringLiteral("local"), QStringLiteral("gbr"), QStringLiteral("NORVA"), double(userId), 0, 1, 1, 0,
-               sample.size(), now()});
+               sample.size(), now(), double(userId)});
     const long long boardId = db.lastInsertId();
     QFile file(QString::fromStdString(filePath(boardId)));
     if (file.open(QIODevice::WriteOnly))
@@ -238,7 +305,7 @@ void RecordsService::seed()
 
 long long RecordsService::tokenUser(const std::string& token)
 {
-    if (token.empty())
+    if (token.empty() || options.expireTokens)
         return 0;
     const QJsonArray rows = db.query("SELECT userId FROM tokens WHERE token = ? AND expires > ?",
                                      {QString::fromStdString(token), double(QDateTime::currentSecsSinceEpoch())});
@@ -301,7 +368,8 @@ void RecordsService::addRoutes()
         if (users.isEmpty())
             return refuse("user does not exist", 410);
         const QJsonObject user = users.first().toObject();
-        if (user.value("userPwd").toString() != call["userPwd"].toVariant().toString())
+        if (!passwordMatches(user.value("userPwd").toString().toStdString(),
+                             call["userPwd"].toVariant().toString().toStdString()))
             return refuse("wrong password", 411);
         const QString token = QUuid::createUuid().toString(QUuid::Id128)
                               + QString::number(QRandomGenerator::system()->generate64(), 16);
@@ -322,7 +390,10 @@ void RecordsService::addRoutes()
     post("/kvr/authority/updateUser", [this](Call& call) {
         if (call["userPwd"].toString().isEmpty())
             return refuse("the password must not be empty");
-        if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {call["userPwd"], call["id"]}) == 0)
+        if (static_cast<long long>(call["id"].toDouble()) != call.userId)
+            return refuse("a token may change only its own user's password", notYours);
+        const QString hash = QString::fromStdString(hashPassword(call["userPwd"].toString().toStdString()));
+        if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {hash, call["id"]}) == 0)
             return refuse("no such user");
         return ok(call["id"], "password changed");
     });
@@ -335,22 +406,25 @@ void RecordsService::addRoutes()
     post("/kvr/authority/selectUserByPage", [selectUsers](Call& call) { return selectUsers(call, true); });
 
     // ---- Original files --------------------------------------------------
-    const auto storeFile = [this](const FormField& file, const QJsonObject& info) -> long long {
+    const auto storeFile = [this](const FormField& file, const QJsonObject& info, long long owner) -> long long {
         const QString name = QString::fromStdString(file.filename);
         db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
-                  "createuserid, parentid, type, source, isError, size, createtime) VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+                  "createuserid, parentid, type, source, isError, size, createtime, owner) "
+                  "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
                   {name, QUuid::createUuid().toString(QUuid::WithoutBraces), QStringLiteral("local"), suffixOf(name),
                    field(info, "zkcompanycode"), field(info, "createuserid"), field(info, "parentid"),
-                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.body.size()), now()});
+                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.body.size()), now(),
+                   double(owner)});
         const long long id = db.lastInsertId();
         QFile out(QString::fromStdString(filePath(id)));
         if (!out.open(QIODevice::WriteOnly) || out.write(file.body.data(), qint64(file.body.size())) != qint64(file.body.size()))
             throw std::runtime_error("cannot store the file");
         return id;
     };
-    const auto share = [this](const QJsonObject& info, long long boardId) {
-        db.change("INSERT INTO shares(userId, brdId, acsTypeId, acsType, createtime) VALUES(?,?,?,?,?)",
-                  {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now()});
+    const auto share = [this](const QJsonObject& info, long long boardId, long long owner) {
+        db.change("INSERT INTO shares(userId, brdId, acsTypeId, acsType, createtime, owner) VALUES(?,?,?,?,?,?)",
+                  {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
+                   double(owner)});
     };
     const auto readUpload = [](Call& call, std::vector<FormField>& fields, QJsonObject& data) {
         if (!readForm(call.request.body, formBoundary(call.request.header("Content-Type")), fields))
@@ -372,7 +446,7 @@ void RecordsService::addRoutes()
         const QJsonObject info = field(data, "fileInfo").toObject();
         db.execute("BEGIN");
         try {
-            const long long id = storeFile(*file, info);
+            const long long id = storeFile(*file, info, call.userId);
             const QJsonObject error = field(data, "errorInfo").toObject();
             if (data.contains("errorInfo"))
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
@@ -381,7 +455,7 @@ void RecordsService::addRoutes()
                            field(error, "gridY"), field(error, "source"), field(error, "layer"), field(error, "priority"),
                            field(error, "libraryId"), field(error, "errorMessage")});
             if (withShare)
-                share(info, id);
+                share(info, id, call.userId);
             db.execute("COMMIT");
             return ok(double(id), "imported");
         } catch (...) {
@@ -400,9 +474,9 @@ void RecordsService::addRoutes()
             for (const FormField& file : fields) {
                 if (file.name != "multipartFiles")
                     continue;
-                const long long id = storeFile(file, data);
+                const long long id = storeFile(file, data, call.userId);
                 if (withShare)
-                    share(data, id);
+                    share(data, id, call.userId);
                 ids.append(double(id));
             }
             db.execute("COMMIT");
@@ -458,9 +532,13 @@ void RecordsService::addRoutes()
     post("/kvr/originalFile/selectOdbppOrigfilemanageByPage", [selectFiles](Call& call) { return selectFiles(call, true); });
 
     // Sets each field the request gives (null means "leave it").
-    const auto update = [this](Call& call, const char* table, const std::vector<const char*>& columns) {
+    const auto update = [this](Call& call, const char* table, const std::vector<const char*>& columns,
+                               bool owned) {
         if (!present(call["id"]))
             return refuse("id is required");
+        const std::optional<bool> mayChange = owned ? entitled(table, call["id"], call.userId) : true;
+        if (mayChange == false)
+            return refuse("only the user who added this record may change it", notYours);
         std::string set;
         std::vector<QJsonValue> binds;
         for (const char* column : columns) {
@@ -480,10 +558,13 @@ void RecordsService::addRoutes()
     post("/kvr/originalFile/updateOdbppOrigfilemanage", [update](Call& call) {
         return update(call, "original_files",
                       {"origfilename", "mongogridfsid", "origfilesuffix", "zkcompanycode", "parentid", "type", "source",
-                       "isError", "fileupdateuserid", "updateuserid"});
+                       "isError", "fileupdateuserid", "updateuserid"},
+                      true);
     });
     post("/kvr/originalFile/deleteOrigfile", [this](Call& call) {
         const long long id = formNumber(formFields(call.request.body), "id");
+        if (entitled("original_files", double(id), call.userId) == false)
+            return refuse("only the user who uploaded this file may delete it", notYours);
         if (db.change("UPDATE original_files SET delflag = 1 WHERE id = ? AND delflag = 0", {double(id)}) == 0)
             return refuse("no such file");
         return ok(double(id), "delete flag set");
@@ -492,7 +573,8 @@ void RecordsService::addRoutes()
     // ---- Shares and favourites -------------------------------------------
     // Inserts records that are not there yet; reports the boards that were.
     const auto insertMany = [this](const QJsonArray& records, const char* table, const char* boardKey,
-                                   const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
+                                   const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys,
+                                   long long owner) {
         QJsonArray inserted;
         QJsonArray repeated;
         for (const QJsonValue& value : records) {
@@ -516,29 +598,34 @@ void RecordsService::addRoutes()
                 binds.push_back(field(record, key));
             }
             binds.push_back(now());
-            db.change(std::string("INSERT INTO ") + table + "(" + columns + "createtime) VALUES(" + marks + "?)", binds);
+            binds.push_back(double(owner));
+            db.change(std::string("INSERT INTO ") + table + "(" + columns + "createtime, owner) VALUES(" + marks + "?, ?)",
+                      binds);
             inserted.append(double(db.lastInsertId()));
         }
         return std::make_pair(inserted, repeated);
     };
     const auto insertOne = [insertMany](Call& call, const char* table, const char* boardKey,
                                         const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
-        const auto [inserted, repeated] = insertMany(QJsonArray{call.object}, table, boardKey, keys, sameKeys);
+        const auto [inserted, repeated] =
+            insertMany(QJsonArray{call.object}, table, boardKey, keys, sameKeys, call.userId);
         return repeated.isEmpty() ? ok(inserted.first(), "inserted") : refuse("already there");
     };
     const auto insertBatch = [insertMany](Call& call, const char* table, const char* boardKey,
                                           const std::vector<const char*>& keys, const std::vector<const char*>& sameKeys) {
         if (call.array.isEmpty())
             return refuse("nothing to insert");
-        const auto [inserted, repeated] = insertMany(call.array, table, boardKey, keys, sameKeys);
+        const auto [inserted, repeated] = insertMany(call.array, table, boardKey, keys, sameKeys, call.userId);
         if (!repeated.isEmpty())
             return reply(206, QStringLiteral("%1 inserted, %2 already there").arg(inserted.size()).arg(repeated.size()),
                          repeated);
         return ok(inserted, "inserted");
     };
-    const auto remove = [this](Call& call, const char* table, bool byUser) {
+    const auto remove = [this](Call& call, const char* table, bool byUser, bool owned) {
         const auto form = formFields(call.request.body);
         std::vector<QJsonValue> binds{double(formNumber(form, "id"))};
+        if (owned && entitled(table, binds.front(), call.userId) == false)
+            return refuse("only the user who added this record may remove it", notYours);
         if (byUser)
             binds.push_back(double(formNumber(form, "userId")));
         if (db.change(std::string("DELETE FROM ") + table + " WHERE id = ?" + (byUser ? " AND userId = ?" : ""), binds) == 0)
@@ -567,7 +654,7 @@ void RecordsService::addRoutes()
     };
     post("/kvr/share/selectShare", [selectShares](Call& call) { return selectShares(call, false); });
     post("/kvr/share/selectShareByPage", [selectShares](Call& call) { return selectShares(call, true); });
-    post("/kvr/share/deleteShare", [remove](Call& call) { return remove(call, "shares", true); });
+    post("/kvr/share/deleteShare", [remove](Call& call) { return remove(call, "shares", true, true); });
 
     const std::vector<const char*> favouriteKeys{"userId", "boardId", "boardName"};
     const std::vector<const char*> sameFavourite{"userId", "boardId"};
@@ -586,10 +673,11 @@ void RecordsService::addRoutes()
     };
     post("/kvr/favourite/selectFavourite", [selectFavourites](Call& call) { return selectFavourites(call, false); });
     post("/kvr/favourite/selectFavouriteByPage", [selectFavourites](Call& call) { return selectFavourites(call, true); });
-    post("/kvr/favourite/deleteFavourite", [remove](Call& call) { return remove(call, "favourites", true); });
+    post("/kvr/favourite/deleteFavourite", [remove](Call& call) { return remove(call, "favourites", true, true); });
 
     // ---- Error library and error messages --------------------------------
-    const auto insertRecord = [this](Call& call, const char* table, const std::vector<const char*>& keys) {
+    const auto insertRecord = [this](Call& call, const char* table, const std::vector<const char*>& keys,
+                                     bool owned) {
         std::string columns;
         std::string marks;
         std::vector<QJsonValue> binds;
@@ -598,14 +686,21 @@ void RecordsService::addRoutes()
             marks += marks.empty() ? "?" : ", ?";
             binds.push_back(call[key]);
         }
+        if (owned) {
+            columns += ", owner";
+            marks += ", ?";
+            binds.push_back(double(call.userId));
+        }
         db.change(std::string("INSERT INTO ") + table + "(" + columns + ") VALUES(" + marks + ")", binds);
         return ok(double(db.lastInsertId()), "inserted");
     };
     post("/kvr/errorLibrary/insertErrorLibrary",
-         [insertRecord](Call& call) { return insertRecord(call, "error_library", {"source", "layer", "errorMessage"}); });
+         [insertRecord](Call& call) {
+             return insertRecord(call, "error_library", {"source", "layer", "errorMessage"}, false);
+         });
     post("/kvr/errorLibrary/updateErrorLibrary",
-         [update](Call& call) { return update(call, "error_library", {"source", "layer", "errorMessage"}); });
-    post("/kvr/errorLibrary/deleteErrorLibrary", [remove](Call& call) { return remove(call, "error_library", false); });
+         [update](Call& call) { return update(call, "error_library", {"source", "layer", "errorMessage"}, false); });
+    post("/kvr/errorLibrary/deleteErrorLibrary", [remove](Call& call) { return remove(call, "error_library", false, false); });
     const auto selectLibrary = [list](Call& call, bool paged) {
         Filter filter;
         filter.equal("id", call["id"]).equal("source", call["source"]).equal("layer", call["layer"]).like("errorMessage", call["errorMessage"]);
@@ -618,10 +713,12 @@ void RecordsService::addRoutes()
     const std::vector<const char*> messageColumns{"brdId", "isReappear", "remark", "gridX", "gridY", "source",
                                                   "layer", "priority", "libraryId", "errorMessage"};
     post("/kvr/errorMessage/insertErrorMessage",
-         [insertRecord, messageColumns](Call& call) { return insertRecord(call, "error_messages", messageColumns); });
+         [insertRecord, messageColumns](Call& call) {
+             return insertRecord(call, "error_messages", messageColumns, true);
+         });
     post("/kvr/errorMessage/updateErrorMessage",
-         [update, messageColumns](Call& call) { return update(call, "error_messages", messageColumns); });
-    post("/kvr/errorMessage/deleteErrorMessage", [remove](Call& call) { return remove(call, "error_messages", false); });
+         [update, messageColumns](Call& call) { return update(call, "error_messages", messageColumns, true); });
+    post("/kvr/errorMessage/deleteErrorMessage", [remove](Call& call) { return remove(call, "error_messages", false, true); });
     const auto selectMessages = [list](Call& call, bool paged) {
         Filter filter;
         filter.equal("brdId", call["brdId"])

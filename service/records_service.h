@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace norva::service {
@@ -16,6 +17,7 @@ namespace norva::service {
 struct ServiceOptions {
     std::string dataFolder = "./norva-data";
     long long tokenLifetimeSeconds = 8 * 3600;
+    bool expireTokens = false; // every token counts as expired (fault injection)
 };
 
 class RecordsService
@@ -27,6 +29,9 @@ public:
     // `seeded` tells whether a fresh folder got its first user and samples.
     bool open(std::string& error, bool& seeded);
     HttpResponse handle(const HttpRequest& request);
+    // Adds a user with that password (stored as its hash); false with `error`
+    // set when the name is taken.
+    bool addUser(const std::string& name, const std::string& password, std::string& error);
 
     static constexpr const char* seededUser = "norva";
     static constexpr const char* seededPassword = "norva";
@@ -37,6 +42,8 @@ private:
 
     void addRoutes();
     void seed();
+    void upgrade();
+    std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);
     long long tokenUser(const std::string& token);
     std::string filePath(long long id) const;
 

@@ -1,7 +1,8 @@
 // The library against the local records service, as a user would run them.
 #include "support/harness.h"
 
-#include "norva_api_qt.h"
+#include "database.h"
+#include "norva_api_qt_progress.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -71,7 +72,10 @@ class EndToEndTest : public QObject
 private slots:
     void aWholeSession();
     void restartKeepsTheData();
-    void anExpiredTokenIsRefused();
+    void faults_data();
+    void faults();
+    void eachTokenActsForItsOwnUser();
+    void plainPasswordsAreConvertedOnOpen();
     void badRequestsAndSeveralClients();
 
 private:
@@ -169,14 +173,144 @@ void EndToEndTest::restartKeepsTheData()
     QCOMPARE(listed["data"].toArray()[0].toObject()["origfilename"].toString(), QStringLiteral("kept.brd"));
 }
 
-void EndToEndTest::anExpiredTokenIsRefused()
+// What the library makes of the service's fault options: each row calls
+// norva_sdk_select_share as often as it lists results.
+void EndToEndTest::faults_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QString>("token"); // empty: a fresh login's
+    QTest::addColumn<int>("idleLimitMs");
+    QTest::addColumn<QStringList>("messages");
+    const QString ok = "select share table success";
+    QTest::newRow("tokens that live 0 s") << QStringList{"--token-ttl", "0"} << QString() << 120000
+                                         << QStringList{"token expired"};
+    QTest::newRow("a made-up token") << QStringList{} << "made-up" << 120000 << QStringList{"token expired", "token expired"};
+    QTest::newRow("--expire-tokens") << QStringList{"--expire-tokens"} << QString() << 120000 << QStringList{"token expired"};
+    QTest::newRow("--fail once") << QStringList{"--fail", "/kvr/share/selectShare=500x1"} << QString() << 120000
+                                 << QStringList{"request fail", ok};
+    QTest::newRow("--fail 402") << QStringList{"--fail", "/kvr/share/selectShare=402"} << QString() << 120000
+                                << QStringList{"token expired", "token expired"};
+    QTest::newRow("--drop") << QStringList{"--drop", "/kvr/share/selectShare"} << QString() << 120000
+                            << QStringList{"Server shuts down"};
+    QTest::newRow("--delay-ms beyond the idle limit") << QStringList{"--delay-ms", "1500"} << QString() << 300
+                                                      << QStringList{"Server shuts down"};
+    QTest::newRow("--delay-ms within it") << QStringList{"--delay-ms", "100"} << QString() << 120000 << QStringList{ok};
+}
+
+void EndToEndTest::faults()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QString, token);
+    QFETCH(int, idleLimitMs);
+    QFETCH(QStringList, messages);
+    LocalService service;
+    QVERIFY(service.start(folder.filePath(QString::fromLatin1(QTest::currentDataTag())), options));
+    if (token.isEmpty())
+        token = login(service.address);
+    QVERIFY(!token.isEmpty());
+    NORVA::NORVA_API_QT::setIdleLimit(idleLimitMs);
+    QStringList results;
+    for (int i = 0; i < messages.size(); ++i)
+        results << call(norva_sdk_select_share, {}, service.address, token)["message"].toString();
+    NORVA::NORVA_API_QT::setIdleLimit(120000);
+    QCOMPARE(results, messages);
+}
+
+// Records can be changed and removed only by the user who added them, and a
+// password only by its own user: tried by another user first (refused, and
+// nothing changes), then by the owner.
+void EndToEndTest::eachTokenActsForItsOwnUser()
 {
     LocalService service;
-    QVERIFY(service.start(folder.filePath("data-expiry"), {"--token-ttl", "0"}));
-    const QString token = login(service.address);
+    const QString data = folder.filePath("data-owners");
+    QVERIFY(service.start(data, {"--add-user", "ada:ada-secret-1", "--add-user", "bob:bob-secret-2"}));
+    const QString at = service.address;
+    const auto loginAs = [&at](const char* name, const char* password) {
+        return call(norva_sdk_login, {{"username", name}, {"password", password}}, at)["data"].toObject();
+    };
+    const QJsonObject ada = loginAs("ada", "ada-secret-1");
+    const QString adaToken = ada["token"].toString();
+    const QString bobToken = loginAs("bob", "bob-secret-2")["token"].toString();
+    const int adaId = ada["userId"].toInt();
+    QVERIFY(!adaToken.isEmpty() && !bobToken.isEmpty());
+
+    const QString source = folder.filePath("owned.brd");
+    QFile file(source);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("owned") == 5);
+    file.close();
+    const int board = upload(at, adaToken, source);
+    QCOMPARE(call(norva_sdk_add2share, {{"userid", adaId}, {"boardid", board}, {"sharewith_id", 9}}, at, adaToken)["status"].toInt(), 200);
+    QCOMPARE(call(norva_sdk_add2favorite, {{"userid", adaId}, {"boardid", board}}, at, adaToken)["status"].toInt(), 200);
+    QCOMPARE(call(norva_sdk_insert_error_msg, {{"boardId", board}, {"reMark", "r"}}, at, adaToken)["status"].toInt(), 200);
+    const auto firstId = [&](OperationFunction select) {
+        return call(select, {}, at, adaToken)["data"].toArray().first().toObject()["id"].toInt();
+    };
+    const int shareId = firstId(norva_sdk_select_share);
+    const int favouriteId = firstId(norva_sdk_select_favorite);
+    const int messageId = firstId(norva_sdk_select_error_msg);
+
+    const struct {
+        const char* name;
+        OperationFunction operation;
+        QJsonObject argument;
+    } rules[] = {
+        {"change an error message", norva_sdk_update_error_msg, {{"id", messageId}, {"reMark", "changed"}}},
+        {"remove an error message", norva_sdk_delete_error_msg, {{"data", QJsonObject{{"id", messageId}}}}},
+        {"change a file record", norva_sdk_update_origfiles_manage, {{"origfile_id", board}, {"origfilename", "new.brd"}}},
+        {"remove a share", norva_sdk_delete_share, {{"data", QJsonObject{{"id", shareId}, {"userId", adaId}}}}},
+        {"remove a favourite", norva_sdk_delete_favorite, {{"data", QJsonObject{{"id", favouriteId}, {"userId", adaId}}}}},
+        {"flag a file deleted", norva_sdk_updel_origfiles_manage, {{"data", QJsonObject{{"id", board}, {"userId", adaId}}}}},
+        {"change a password", norva_sdk_update_password, {{"userid", adaId}, {"new_pwd", "ada-secret-3"}}},
+    };
+    for (const auto& rule : rules) {
+        const QJsonObject refused = call(rule.operation, rule.argument, at, bobToken);
+        QVERIFY2(refused["status"].toInt() == 400, rule.name);
+        if (refused.contains("error_msg"))
+            QVERIFY2(refused["error_msg"].toString().startsWith("only the user who"), rule.name);
+        QVERIFY2(call(rule.operation, rule.argument, at, adaToken)["status"].toInt() == 200, rule.name);
+    }
+    QVERIFY(loginAs("ada", "ada-secret-1").isEmpty());
+    QVERIFY(!loginAs("ada", "ada-secret-3").isEmpty());
+
+    // No password stands in the service's files as it was typed.
+    for (const QString& name : QDir(data).entryList(QDir::Files)) {
+        QFile stored(data + "/" + name);
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        const QByteArray bytes = stored.readAll();
+        for (const char* password : {"ada-secret-1", "bob-secret-2", "ada-secret-3"})
+            QVERIFY2(!bytes.contains(password), qPrintable(name + ": " + password));
+    }
+}
+
+// A data folder from before keeps passwords as typed: opening it replaces them
+// by their hashes, and the users log in as before.
+void EndToEndTest::plainPasswordsAreConvertedOnOpen()
+{
+    const QString data = folder.filePath("data-legacy");
+    QVERIFY(QDir().mkpath(data + "/files"));
+    {
+        norva::service::Database legacy;
+        std::string error;
+        QVERIFY(legacy.open((data + "/records.sqlite3").toStdString(), error));
+        legacy.execute("CREATE TABLE users(id INTEGER PRIMARY KEY, userName TEXT UNIQUE NOT NULL, userPwd TEXT NOT NULL,"
+                       " userRealname TEXT); INSERT INTO users(userName, userPwd) VALUES('old', 'legacy-secret-9');"
+                       "CREATE TABLE shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT);"
+                       "INSERT INTO shares(userId, brdId) VALUES(1, 5);");
+    }
+    LocalService service;
+    QVERIFY(service.start(data));
+    const QString token =
+        call(norva_sdk_login, {{"username", "old"}, {"password", "legacy-secret-9"}}, service.address)["data"]
+            .toObject()["token"].toString();
     QVERIFY(!token.isEmpty());
-    QCOMPARE(call(norva_sdk_select_favorite, {}, service.address, token)["status"].toInt(), 402);
-    QCOMPARE(call(norva_sdk_select_favorite, {}, service.address, QStringLiteral("made-up"))["status"].toInt(), 402);
+    // The share of before is its user's, and that user may remove it.
+    QCOMPARE(call(norva_sdk_delete_share, {{"data", QJsonObject{{"id", 1}, {"userId", 1}}}}, service.address, token)["status"].toInt(),
+             200);
+    for (const QString& name : QDir(data).entryList(QDir::Files)) {
+        QFile stored(data + "/" + name);
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        QVERIFY2(!stored.readAll().contains("legacy-secret-9"), qPrintable(name));
+    }
 }
 
 void EndToEndTest::badRequestsAndSeveralClients()

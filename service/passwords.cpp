@@ -1,0 +1,43 @@
+#include "passwords.h"
+
+#include <sodium.h>
+
+#include <stdexcept>
+
+namespace norva::service {
+
+namespace {
+
+constexpr unsigned long long passes = 2;
+constexpr std::size_t memoryBytes = std::size_t(19) << 20;
+
+void initialiseOnce()
+{
+    static const bool ready = sodium_init() >= 0;
+    if (!ready)
+        throw std::runtime_error("libsodium can't start");
+}
+
+} // namespace
+
+std::string hashPassword(const std::string& plain)
+{
+    initialiseOnce();
+    char hash[crypto_pwhash_STRBYTES];
+    if (crypto_pwhash_str_alg(hash, plain.data(), plain.size(), passes, memoryBytes, crypto_pwhash_ALG_ARGON2ID13) != 0)
+        throw std::runtime_error("out of memory for a password hash");
+    return hash;
+}
+
+bool passwordMatches(const std::string& hash, const std::string& plain)
+{
+    initialiseOnce();
+    return isPasswordHash(hash) && crypto_pwhash_str_verify(hash.c_str(), plain.data(), plain.size()) == 0;
+}
+
+bool isPasswordHash(const std::string& stored)
+{
+    return stored.rfind("$argon2id$", 0) == 0;
+}
+
+} // namespace norva::service

@@ -1,0 +1,21 @@
+// Users' passwords as Argon2id hashes (libsodium): the service never stores a
+// password as it was typed.
+#pragma once
+
+#include <string>
+
+namespace norva::service {
+
+// A hash in libsodium's "$argon2id$..." text form, with its own random salt.
+// Costs 2 passes over 19 MiB: slow enough to make guessing expensive, small
+// enough that logins stay quick and the service's memory stays low.
+std::string hashPassword(const std::string& plain);
+
+// Whether `plain` is the password that `hash` was made from.
+bool passwordMatches(const std::string& hash, const std::string& plain);
+
+// Whether a stored value is such a hash (a database from before holds the
+// passwords as they were typed).
+bool isPasswordHash(const std::string& stored);
+
+} // namespace norva::service
