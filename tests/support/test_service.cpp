@@ -1,20 +1,18 @@
 #include "support/test_service.h"
 
+#include <QTcpServer>
+#include <QTcpSocket>
+
 #include <algorithm>
-
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <stdexcept>
 
 namespace testing_support {
 
 namespace {
+
+// How long a connection may stay silent while a request is read.
+constexpr int readTimeoutMs = 30000;
 
 bool sameName(const QByteArray& a, const QByteArray& b)
 {
@@ -35,65 +33,102 @@ QByteArray reasonPhrase(int status)
     }
 }
 
-void writeAll(int fd, const QByteArray& bytes)
+// One accepted connection, served with Qt's blocking socket calls on a thread
+// of its own (no event loop needed), on every platform alike.
+class Connection
 {
-    qint64 done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
-        if (n <= 0)
-            return;
-        done += n;
-    }
-}
+public:
+    explicit Connection(qintptr descriptor) { socket.setSocketDescriptor(descriptor); }
 
-// Reads from `fd` into `buffer` until it holds `wanted` bytes or the peer stops.
-bool readUntil(int fd, QByteArray& buffer, qint64 wanted)
-{
-    char chunk[65536];
-    while (buffer.size() < wanted) {
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0)
-            return false;
-        buffer.append(chunk, int(n));
+    void writeAll(const QByteArray& bytes)
+    {
+        socket.write(bytes);
+        while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(readTimeoutMs)) {
+        }
     }
-    return true;
-}
 
-bool readHead(int fd, QByteArray& buffer, int& headEnd)
-{
-    char chunk[65536];
-    while ((headEnd = buffer.indexOf("\r\n\r\n")) < 0) {
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0)
-            return false;
-        buffer.append(chunk, int(n));
-    }
-    headEnd += 4;
-    return true;
-}
-
-// Decodes a chunked body that starts at `from`; reads more as needed.
-bool readChunked(int fd, QByteArray& buffer, int from, QByteArray& body)
-{
-    int at = from;
-    for (;;) {
-        int lineEnd;
-        while ((lineEnd = buffer.indexOf("\r\n", at)) < 0) {
-            if (!readUntil(fd, buffer, buffer.size() + 1))
+    // Reads into `buffer` until it holds `wanted` bytes or the peer stops.
+    bool readUntil(QByteArray& buffer, qint64 wanted)
+    {
+        while (buffer.size() < wanted) {
+            if (!readMore(buffer))
                 return false;
         }
-        const int size = buffer.mid(at, lineEnd - at).split(';').first().trimmed().toInt(nullptr, 16);
-        at = lineEnd + 2;
-        if (!readUntil(fd, buffer, qint64(at) + size + 2))
-            return false;
-        if (size == 0)
-            return true;
-        body.append(buffer.mid(at, size));
-        at += size + 2;
+        return true;
     }
-}
+
+    bool readHead(QByteArray& buffer, int& headEnd)
+    {
+        while ((headEnd = buffer.indexOf("\r\n\r\n")) < 0) {
+            if (!readMore(buffer))
+                return false;
+        }
+        headEnd += 4;
+        return true;
+    }
+
+    // Decodes a chunked body that starts at `from`; reads more as needed.
+    bool readChunked(QByteArray& buffer, int from, QByteArray& body)
+    {
+        int at = from;
+        for (;;) {
+            int lineEnd;
+            while ((lineEnd = buffer.indexOf("\r\n", at)) < 0) {
+                if (!readMore(buffer))
+                    return false;
+            }
+            const int size = buffer.mid(at, lineEnd - at).split(';').first().trimmed().toInt(nullptr, 16);
+            at = lineEnd + 2;
+            if (!readUntil(buffer, qint64(at) + size + 2))
+                return false;
+            if (size == 0)
+                return true;
+            body.append(buffer.mid(at, size));
+            at += size + 2;
+        }
+    }
+
+    // Silent until the client gives up (or `stopping`, or 30 s pass).
+    void waitForPeerToClose(const std::atomic<bool>& stopping)
+    {
+        for (int waited = 0; waited < 30000 && !stopping; waited += 50) {
+            if (socket.waitForReadyRead(50))
+                socket.readAll();
+            else if (socket.state() != QAbstractSocket::ConnectedState)
+                return;
+        }
+    }
+
+    // The peer sees the end of the stream once everything written has gone.
+    void close() { socket.disconnectFromHost(); }
+
+private:
+    bool readMore(QByteArray& buffer)
+    {
+        if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(readTimeoutMs))
+            return false;
+        buffer += socket.readAll();
+        return true;
+    }
+
+    QTcpSocket socket;
+};
 
 } // namespace
+
+// Hands each accepted connection's descriptor to a thread of its own, before
+// Qt wraps it in a socket of the listening thread.
+class TestService::Listener : public QTcpServer
+{
+public:
+    explicit Listener(TestService& service) : service(service) {}
+
+protected:
+    void incomingConnection(qintptr descriptor) override { service.startServing(descriptor); }
+
+private:
+    TestService& service;
+};
 
 bool RecordedRequest::hasHeader(const QByteArray& name) const
 {
@@ -177,36 +212,32 @@ ScriptedReply ScriptedReply::stall()
 TestService::TestService()
 {
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
-    listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::listen(listener, 64) != 0 || ::pipe2(wakePipe, O_CLOEXEC) != 0)
+    std::promise<quint16> bound;
+    std::future<quint16> port = bound.get_future();
+    acceptor = std::thread([this, &bound] {
+        Listener listener(*this);
+        if (!listener.listen(QHostAddress::LocalHost)) {
+            bound.set_value(0);
+            return;
+        }
+        bound.set_value(listener.serverPort());
+        while (!stopping)
+            listener.waitForNewConnection(50);
+    });
+    boundPort = port.get();
+    if (boundPort == 0) {
+        acceptor.join();
         throw std::runtime_error("test service: cannot listen on loopback");
-    socklen_t length = sizeof address;
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    boundPort = ntohs(address.sin_port);
-    acceptor = std::thread([this] { acceptLoop(); });
+    }
 }
 
 TestService::~TestService()
 {
     stopping = true;
     stopped.notify_all();
-    const char wake = 'x';
-    (void)::write(wakePipe[1], &wake, 1);
     acceptor.join();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        stopped.wait(lock, [this] { return activeWorkers == 0; });
-    }
-    ::close(listener);
-    ::close(wakePipe[0]);
-    ::close(wakePipe[1]);
+    std::unique_lock<std::mutex> lock(mutex);
+    stopped.wait(lock, [this] { return activeWorkers == 0; });
 }
 
 QString TestService::address() const
@@ -285,47 +316,27 @@ ScriptedReply TestService::nextReply(const QByteArray& path)
     return reply;
 }
 
-void TestService::acceptLoop()
+void TestService::startServing(qintptr descriptor)
 {
-    while (!stopping) {
-        pollfd fds[2] = {{listener, POLLIN, 0}, {wakePipe[0], POLLIN, 0}};
-        if (::poll(fds, 2, -1) <= 0 || (fds[1].revents & POLLIN))
-            continue;
-        const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0)
-            continue;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            ++activeWorkers;
-        }
-        std::thread([this, connection] {
-            serve(connection);
-            std::lock_guard<std::mutex> lock(mutex);
-            --activeWorkers;
-            stopped.notify_all();
-        }).detach();
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++activeWorkers;
     }
+    std::thread([this, descriptor] {
+        serve(descriptor);
+        std::lock_guard<std::mutex> lock(mutex);
+        --activeWorkers;
+        stopped.notify_all();
+    }).detach();
 }
 
-// Silent until the client gives up (or the service stops, or 30 s pass).
-void TestService::waitForPeerToClose(int connection)
+void TestService::serve(qintptr descriptor)
 {
-    for (int waited = 0; waited < 30000 && !stopping; waited += 50) {
-        pollfd fd{connection, POLLIN, 0};
-        char byte;
-        if (::poll(&fd, 1, 50) > 0 && ::recv(connection, &byte, 1, MSG_PEEK) <= 0)
-            return;
-    }
-}
-
-void TestService::serve(int connection)
-{
+    Connection connection(descriptor);
     QByteArray buffer;
     int headEnd = 0;
-    if (!readHead(connection, buffer, headEnd)) {
-        ::close(connection);
+    if (!connection.readHead(buffer, headEnd))
         return;
-    }
     RecordedRequest request;
     const QList<QByteArray> lines = buffer.left(headEnd - 4).split('\n');
     const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
@@ -339,10 +350,10 @@ void TestService::serve(int connection)
     }
     bool complete = true;
     if (request.header("Transfer-Encoding").toLower() == "chunked") {
-        complete = readChunked(connection, buffer, headEnd, request.body);
+        complete = connection.readChunked(buffer, headEnd, request.body);
     } else {
         const qint64 length = request.header("Content-Length").toLongLong();
-        complete = readUntil(connection, buffer, headEnd + length);
+        complete = connection.readUntil(buffer, headEnd + length);
         request.body = buffer.mid(headEnd, int(length));
     }
     request.raw = buffer;
@@ -355,33 +366,31 @@ void TestService::serve(int connection)
     const ScriptedReply reply = nextReply(request.path());
     if (reply.delayMs > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
-    if (complete) {
-        switch (reply.kind) {
-        case ScriptedReply::Kind::Answer: {
-            QByteArray head = "HTTP/1.1 " + QByteArray::number(reply.status) + ' '
-                              + reasonPhrase(reply.status) + "\r\n";
-            for (const auto& h : reply.headers)
-                head += h.first + ": " + h.second + "\r\n";
-            if (reply.status != 204)
-                head += "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n";
-            head += "Connection: close\r\n\r\n";
-            writeAll(connection, head + (reply.status == 204 ? QByteArray() : reply.body));
-            break;
-        }
-        case ScriptedReply::Kind::Raw:
-            writeAll(connection, reply.body);
-            if (reply.stallAfterwards)
-                waitForPeerToClose(connection);
-            break;
-        case ScriptedReply::Kind::CloseWithoutAnswer:
-            break;
-        case ScriptedReply::Kind::Stall:
-            waitForPeerToClose(connection);
-            break;
-        }
+    if (!complete)
+        return;
+    switch (reply.kind) {
+    case ScriptedReply::Kind::Answer: {
+        QByteArray head = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + reasonPhrase(reply.status) + "\r\n";
+        for (const auto& h : reply.headers)
+            head += h.first + ": " + h.second + "\r\n";
+        if (reply.status != 204)
+            head += "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n";
+        head += "Connection: close\r\n\r\n";
+        connection.writeAll(head + (reply.status == 204 ? QByteArray() : reply.body));
+        break;
     }
-    ::shutdown(connection, SHUT_WR);
-    ::close(connection);
+    case ScriptedReply::Kind::Raw:
+        connection.writeAll(reply.body);
+        if (reply.stallAfterwards)
+            connection.waitForPeerToClose(stopping);
+        break;
+    case ScriptedReply::Kind::CloseWithoutAnswer:
+        break;
+    case ScriptedReply::Kind::Stall:
+        connection.waitForPeerToClose(stopping);
+        break;
+    }
+    connection.close();
 }
 
 RecordedRequest TestService::fullestRequest() const
@@ -395,16 +404,12 @@ RecordedRequest TestService::fullestRequest() const
 
 QString refusedAddress()
 {
-    // Bind a port, then close it without listening: nothing answers there.
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return QStringLiteral("127.0.0.1:%1").arg(ntohs(address.sin_port));
+    // Listen on a free port, then stop: nothing answers there.
+    QTcpServer server;
+    server.listen(QHostAddress::LocalHost);
+    const quint16 port = server.serverPort();
+    server.close();
+    return QStringLiteral("127.0.0.1:%1").arg(port);
 }
 
 } // namespace testing_support

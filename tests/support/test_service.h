@@ -13,6 +13,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -88,13 +89,11 @@ public:
     void reset(); // forgets requests and script, restores the default reply
 
 private:
-    void acceptLoop();
-    void serve(int connection);
-    void waitForPeerToClose(int connection);
+    class Listener;
+    void startServing(qintptr descriptor);
+    void serve(qintptr descriptor);
     ScriptedReply nextReply(const QByteArray& path);
 
-    int listener = -1;
-    int wakePipe[2] = {-1, -1};
     quint16 boundPort = 0;
     std::atomic<bool> stopping{false};
     std::thread acceptor;
