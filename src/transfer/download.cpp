@@ -49,8 +49,13 @@ DownloadName deriveDownloadName(const QByteArray& contentDisposition, const QStr
 
 bool staysInFolder(const QString& storedName)
 {
-    return storedName != QLatin1String(".") && storedName != QLatin1String("..")
-           && !storedName.contains(QLatin1Char(pathSeparator)) && !storedName.contains(QChar(0));
+    if (storedName == QLatin1String(".") || storedName == QLatin1String("..") || storedName.contains(QChar(0)))
+        return false;
+    for (const char* breaking = pathBreakingCharacters; *breaking; ++breaking) {
+        if (storedName.contains(QLatin1Char(*breaking)))
+            return false;
+    }
+    return true;
 }
 
 DownloadSpool::DownloadSpool(const QString& folder)

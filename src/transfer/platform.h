@@ -10,12 +10,21 @@
 
 namespace norva::transfer {
 
-// Joins a folder and a name, by plain concatenation, in uploads and downloads.
-inline constexpr char pathSeparator = '/';
+// Joins a folder and a name, by plain concatenation, in uploads and downloads:
+// '/' on POSIX systems, a backslash on Windows.
+extern const char pathSeparator;
 
-// Appends folder + separator + name for each file directly in `folder`, in the
-// order the system lists them: hidden files included, sub-folders and "." and
-// ".." skipped, nothing sorted. A folder that can't be read adds nothing.
+// The characters by which a name would reach beyond its folder: the path
+// separators the system reads ("/"; on Windows also the backslash and ":",
+// which names a drive or a file's stream).
+extern const char* const pathBreakingCharacters;
+
+// Appends folder + separator + name for each file directly in `folder` (UTF-8),
+// in the order the system lists them: hidden (and on Windows system) files
+// included, sub-folders and "." and ".." skipped, nothing sorted. Each path is
+// narrow text of the system's encoding (on Windows its code page, where a
+// character the code page can't spell becomes "?"). A folder that can't be read
+// adds nothing.
 void scan_folder_files(const std::string& folder, std::vector<std::string>& files);
 
 // Narrow text of the system's encoding, as UTF-8. Where narrow text already is

@@ -10,6 +10,9 @@
 
 namespace norva::transfer {
 
+const char pathSeparator = '/';
+const char* const pathBreakingCharacters = "/";
+
 namespace {
 
 struct DirCloser {
