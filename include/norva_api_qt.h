@@ -69,6 +69,8 @@
 
 #if defined(NORVA_API_QT_BUILD)
 #  define NORVA_API_QT_EXPORT Q_DECL_EXPORT
+#elif defined(NORVA_API_QT_STATIC)
+#  define NORVA_API_QT_EXPORT
 #else
 #  define NORVA_API_QT_EXPORT Q_DECL_IMPORT
 #endif

@@ -220,7 +220,8 @@ void ObjectTest::consoleDriverLogsInThroughTheObject()
     QCOMPARE(driver.exitCode(), 0);
     const QString result = R"({"data":"tok","message":"login success","status":200})";
     // The member's own echo, then the driver's line and the asterisks.
-    QCOMPARE(QString::fromUtf8(driver.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts),
+    // (Lines end in CR LF on Windows, where standard output is in text mode.)
+    QCOMPARE(QString::fromUtf8(driver.readAllStandardOutput()).remove(QLatin1Char('\r')).split('\n', Qt::SkipEmptyParts),
              (QStringList{result, result, "*************************"}));
     QCOMPARE(service.lastRequest().body, QByteArray(R"({"userName":"ada","userPwd":"pw"})"));
 }

@@ -8,6 +8,7 @@
 #include "transfer/platform.h"
 
 #include <QFileInfo>
+#include <QRandomGenerator>
 #include <QSaveFile>
 
 namespace norva::transfer {
@@ -58,14 +59,25 @@ bool staysInFolder(const QString& storedName)
     return true;
 }
 
-DownloadSpool::DownloadSpool(const QString& folder)
-    : file(folder + QLatin1Char(pathSeparator) + QStringLiteral(".norva-download-XXXXXX"))
+DownloadSpool::DownloadSpool(const QString& folder) : folder(folder) {}
+
+DownloadSpool::~DownloadSpool()
 {
+    if (created)
+        file.remove();
 }
 
 bool DownloadSpool::take(int httpStatus)
 {
-    return httpStatus == 200 && file.open();
+    if (httpStatus != 200)
+        return false;
+    // A hidden name of its own in the folder, made only if it is free.
+    for (int attempt = 0; attempt < 16 && !created; ++attempt) {
+        file.setFileName(folder + QLatin1Char(pathSeparator) + QStringLiteral(".norva-download-")
+                         + QString::number(QRandomGenerator::global()->generate(), 36));
+        created = file.open(QIODevice::WriteOnly | QIODevice::NewOnly);
+    }
+    return created;
 }
 
 void DownloadSpool::write(const char* data, qint64 size)
@@ -85,7 +97,7 @@ bool DownloadSpool::moveTo(const QString& path)
 {
     if (!file.setPermissions(QFile::permissions(path)) || !replace_file(file.fileName(), path))
         return false;
-    file.setAutoRemove(false); // its name is gone
+    created = false; // its name is gone
     return true;
 }
 

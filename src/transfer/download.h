@@ -8,7 +8,7 @@
 #include <QDateTime>
 #include <QJsonObject>
 #include <QString>
-#include <QTemporaryFile>
+#include <QFile>
 
 #include <string>
 
@@ -40,6 +40,9 @@ class DownloadSpool final : public BodySink
 {
 public:
     explicit DownloadSpool(const QString& folder);
+    ~DownloadSpool() override; // removes the file unless it took its name
+    DownloadSpool(const DownloadSpool&) = delete;
+    DownloadSpool& operator=(const DownloadSpool&) = delete;
     bool take(int httpStatus) override;
     void write(const char* data, qint64 size) override;
 
@@ -49,7 +52,11 @@ public:
     bool moveTo(const QString& path);
 
 private:
-    QTemporaryFile file;
+    const QString folder;
+    // A file of its own rather than a QTemporaryFile: that one stays open until
+    // it is destroyed, and Windows renames no open file.
+    QFile file;
+    bool created = false;
     bool failed = false;
 };
 

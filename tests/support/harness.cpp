@@ -42,6 +42,7 @@ CallResult callOperation(OperationFunction operation, const QString& argument)
     call.applicationBefore = QCoreApplication::instance();
     call.result = QString::fromStdString(operation(argument.toStdString()));
     call.lines = capture.lines();
+    call.output = QByteArray::fromStdString(capture.text());
     call.applicationAfter = QCoreApplication::instance();
     return call;
 }

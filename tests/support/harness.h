@@ -49,7 +49,8 @@ private:
 
 struct CallResult {
     QString result;     // the returned text
-    QStringList lines;  // what went to standard output meanwhile
+    QStringList lines;  // what went to standard output meanwhile, as UTF-8
+    QByteArray output;  // the same bytes as they were written
     // QCoreApplication::instance() before and after: a call leaves the host's
     // application (or the absence of one) as it found it.
     const void* applicationBefore = nullptr;
