@@ -9,6 +9,7 @@
 // --pretty). Exit status 0 when its "status" is 200 or 206, 1 otherwise, 2 for
 // a usage error, 130 when Ctrl-C cancelled the call.
 #include "command_document.h"
+#include "command_line.h"
 #include "interrupt_to_cancel.h"
 #include "operation_list.h"
 #include "progress_line.h"
@@ -144,8 +145,9 @@ int main(int argc, char** argv)
 {
     Options options;
     std::vector<std::string> words;
-    for (int i = 1; i < argc; ++i) {
-        const std::string word = argv[i];
+    const std::vector<std::string> arguments = utf8Arguments(argc, argv);
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& word = arguments[i];
         if (word == "--pretty")
             options.pretty = true;
         else if (word == "--no-session")
@@ -154,7 +156,7 @@ int main(int argc, char** argv)
             options.save = true;
         else if (word == "--help" || word == "-h")
             options.help = true;
-        else if (word == "--list" && i == 1)
+        else if (word == "--list" && i == 0)
             options.list = true;
         else if (word.size() > 1 && word[0] == '-' && word[1] == '-')
             return fail("no option " + word + " (see norva --help)");
