@@ -5,6 +5,7 @@
 //
 // Every figure is the median of repeated runs. Transfers run in child processes
 // so that each gets its own peak resident memory (ru_maxrss).
+#include "call_runs.h"
 #include "loopback_sink.h"
 
 #include "norva_api_qt.h"
@@ -13,8 +14,6 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
-#include <QFile>
-#include <QHttpMultiPart>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 
@@ -71,32 +70,6 @@ auto withQuietStdout(Body body)
 
 // ---- Per-call cost ---------------------------------------------------------
 
-std::string loginArgument(const std::string& address)
-{
-    return R"({"ipconfig":")" + address + R"(","username":"bench","password":"pw"})";
-}
-
-std::string selectArgument(const std::string& address)
-{
-    return R"({"ipconfig":")" + address + R"(","token":"bench-token","userid":1,"boardname":"top"})";
-}
-
-double libraryMicrosPerCall(const std::string& address, int calls)
-{
-    const std::string login = loginArgument(address);
-    const std::string select = selectArgument(address);
-    return withQuietStdout([&] {
-        const auto start = Clock::now();
-        for (int i = 0; i < calls; ++i) {
-            if (i % 2 == 0)
-                NORVA::NORVA_API_QT::norva_sdk_login(login);
-            else
-                NORVA::NORVA_API_QT::norva_sdk_select_share(select);
-        }
-        return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / calls;
-    });
-}
-
 double reusedManagerMicrosPerCall(const std::string& address, int calls)
 {
     QNetworkAccessManager manager;
@@ -116,36 +89,6 @@ double reusedManagerMicrosPerCall(const std::string& address, int calls)
             loop.exec();
         reply->readAll();
         delete reply;
-    }
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / calls;
-}
-
-// The library's design in bare Qt: a new manager (and, without a host
-// application, a new application) for every call, and a local event loop.
-double bareQtMicrosPerCall(const std::string& address, int calls, bool freshApplication, bool plugins = false)
-{
-    static int argc = 1;
-    static char name[] = "";
-    static char* argv[] = {name, nullptr};
-    const QByteArray loginBody = R"({"userName":"bench","userPwd":"pw"})";
-    const QByteArray selectBody = R"({"brdName":"top","currentUserId":0,"endTime":null,"startTime":null,"userId":1})";
-    const QString base = QString::fromStdString("http://" + address);
-    const auto start = Clock::now();
-    for (int i = 0; i < calls; ++i) {
-        std::unique_ptr<QCoreApplication> application;
-        if (freshApplication) {
-            application = std::make_unique<QCoreApplication>(argc, argv);
-            if (!plugins) // as the library's temporary application does
-                norva::qt_line::skipPluginSearch();
-        }
-        QNetworkAccessManager manager;
-        QNetworkRequest request(QUrl(base + (i % 2 == 0 ? "/kvr/authority/login" : "/kvr/share/selectShare")));
-        request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray("application/json"));
-        QNetworkReply* reply = manager.post(request, i % 2 == 0 ? loginBody : selectBody);
-        QEventLoop loop;
-        QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-        loop.exec();
-        reply->readAll();
     }
     return std::chrono::duration<double, std::micro>(Clock::now() - start).count() / calls;
 }
@@ -246,37 +189,10 @@ int childMain(int argc, char** argv)
     const std::string mode = argv[1];
     const std::string address = argv[2];
     const std::string path = argv[3];
-    if (mode == "--child-upload") {
-        const std::string result = NORVA::NORVA_API_QT::norva_sdk_upload_file(
-            R"({"ipconfig":")" + address + R"(","token":"t","file_uploadpath":")" + path + R"("})");
-        return result.find("\"status\":200") != std::string::npos ? 0 : 1;
-    }
-    if (mode == "--child-qt-upload") {
-        // The same form in bare Qt: a QFile part and a data part, one manager.
-        static int qtArgc = 1;
-        static char name[] = "";
-        static char* qtArgv[] = {name, nullptr};
-        QCoreApplication application(qtArgc, qtArgv);
-        QNetworkAccessManager manager;
-        auto* form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
-        auto* file = new QFile(QString::fromStdString(path), form);
-        file->open(QIODevice::ReadOnly);
-        QHttpPart filePart;
-        filePart.setHeader(QNetworkRequest::ContentDispositionHeader, QStringLiteral("form-data;name=file;filename=x"));
-        filePart.setBodyDevice(file);
-        form->append(filePart);
-        QHttpPart dataPart;
-        dataPart.setHeader(QNetworkRequest::ContentDispositionHeader, QStringLiteral("form-data;name=\"data\""));
-        dataPart.setBody("{}");
-        form->append(dataPart);
-        QNetworkReply* reply = manager.post(
-            QNetworkRequest(QUrl(QString::fromStdString("http://" + address + "/kvr/originalFile/uploadFile"))), form);
-        form->setParent(reply);
-        QEventLoop loop;
-        QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-        loop.exec();
-        return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 200 ? 0 : 1;
-    }
+    if (mode == "--child-upload")
+        return bench::libraryUpload(address, path) ? 0 : 1;
+    if (mode == "--child-qt-upload")
+        return bench::bareQtUpload(address, path) ? 0 : 1;
     if (mode == "--child-download") {
         const std::string result = NORVA::NORVA_API_QT::norva_sdk_download_binary_file(
             R"({"ipconfig":")" + address + R"(","token":"t","file_downloadpath":")" + path + R"(","data":{"id":1}})");
@@ -361,32 +277,20 @@ std::string fixed(double value, int decimals = 0)
 
 } // namespace
 
-// Only calls, for counting instructions under callgrind (scripts/bench
-// --instructions): `calls` logins and share queries against a sink, by the
-// library or by the same design in bare Qt, with or without a host application.
-int callsMain(const std::string& mode, int calls)
-{
-    bench::LoopbackSink sink(0);
-    const std::string address = sink.address();
-    const bool library = mode.rfind("library", 0) == 0;
-    const bool host = mode.size() > 5 && mode.compare(mode.size() - 5, 5, "-host") == 0;
-    static int appArgc = 1;
-    static char appName[] = "norva_bench";
-    static char* appArgv[] = {appName, nullptr};
-    std::unique_ptr<QCoreApplication> application;
-    if (host)
-        application = std::make_unique<QCoreApplication>(appArgc, appArgv);
-    const double micros = library ? libraryMicrosPerCall(address, calls) : bareQtMicrosPerCall(address, calls, !host);
-    std::printf("%s: %d calls, %.0f us each\n", mode.c_str(), calls, micros);
-    return 0;
-}
-
 int main(int argc, char** argv)
 {
     if (argc >= 4 && std::strncmp(argv[1], "--child-", 8) == 0)
         return childMain(argc, argv);
-    if (argc == 4 && std::strcmp(argv[1], "--calls") == 0)
-        return callsMain(argv[2], std::atoi(argv[3]));
+    if (argc == 2 && std::strcmp(argv[1], "--sink") == 0) {
+        // A sink for bench_calls (under callgrind, or under Wine): its address,
+        // then serving until standard input closes.
+        bench::LoopbackSink sink(0);
+        std::printf("%s\n", sink.address().c_str());
+        std::fflush(stdout);
+        while (std::getchar() != EOF) {
+        }
+        return 0;
+    }
     const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
     const int calls = quick ? 100 : 1000;
     const int repeats = quick ? 3 : 7;
@@ -414,15 +318,15 @@ int main(int argc, char** argv)
     static char appName[] = "norva_bench";
     static char* appArgv[] = {appName, nullptr};
     for (int r = 0; r < repeats; ++r) {
-        noApplication.push_back(libraryMicrosPerCall(address, calls));
+        noApplication.push_back(withQuietStdout([&] { return bench::libraryMicrosPerCall(address, calls); }));
         applicationOnly.push_back(applicationMicros(calls / 4));
-        bareFresh.push_back(bareQtMicrosPerCall(address, calls, true));
-        bareFreshWithPlugins.push_back(bareQtMicrosPerCall(address, calls / 4, true, true));
+        bareFresh.push_back(bench::bareQtMicrosPerCall(address, calls, true));
+        bareFreshWithPlugins.push_back(bench::bareQtMicrosPerCall(address, calls / 4, true, true));
         {
             QCoreApplication application(appArgc, appArgv);
-            hostApplication.push_back(libraryMicrosPerCall(address, calls));
+            hostApplication.push_back(withQuietStdout([&] { return bench::libraryMicrosPerCall(address, calls); }));
             reusedManager.push_back(reusedManagerMicrosPerCall(address, calls));
-            bareHost.push_back(bareQtMicrosPerCall(address, calls, false));
+            bareHost.push_back(bench::bareQtMicrosPerCall(address, calls, false));
         }
         freshCurl.push_back(curlMicrosPerCall(address, calls));
     }

@@ -105,12 +105,15 @@ NORVA_API_QT_EXPORT std::string norva_sdk_upload_file(std::string argument);
 // As norva_sdk_upload_file, with fileInfo.acsTypeId and fileInfo.acsType for a share.
 NORVA_API_QT_EXPORT std::string norva_sdk_upload_file2share(std::string argument);
 // {"ipconfig","token","file_uploadpath" (a folder),"data":{flat record}}: every file
-// directly in the folder, one "file path:" line on standard output for each.
+// directly in the folder, one "file path:" line on standard output for each
+// (folder + separator + name: "/" on Linux, a backslash on Windows, where the line
+// is in the system code page and a folder of any name is found).
 NORVA_API_QT_EXPORT std::string norva_sdk_upload_files(std::string argument);
 // As norva_sdk_upload_files, with data.acsTypeId and data.acsType for shares.
 NORVA_API_QT_EXPORT std::string norva_sdk_upload_files2share(std::string argument);
 // {"ipconfig","token","file_downloadpath","data":{"id","userId"},"isTimeStamp","reName"}
-// Stores the file as file_downloadpath + "/" + name, the name taken from the
+// Stores the file as file_downloadpath + separator ("/", on Windows a backslash)
+// + name, the name taken from the
 // reply's Content-Disposition (behind its last "="), renamed when "reName" is a
 // non-empty text, else stamped "_yyyyMMddhhmmss" when "isTimeStamp" is true. An
 // existing file is overwritten; folders are not created. A name that can't be

@@ -5,6 +5,7 @@
 #include "frame/seams.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
@@ -146,17 +147,28 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     reply->setReadBufferSize(readBufferBytes);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
 
-    // A service that stops sending must not hold the caller for ever: any
-    // progress restarts the idle timer, and its expiry abandons the exchange.
+    // A service that stops sending must not hold the caller for ever: the
+    // exchange is abandoned once the idle limit passes without any progress.
+    // Progress only notes its time; the one timer looks at it when it fires and
+    // waits on for what is left. (Restarting a timer on every progress costs a
+    // system timer each time, which on Windows is a round trip through the
+    // window system.)
     bool idle = false;
+    const int limitMs = idleLimitMs();
+    QElapsedTimer sinceProgress;
+    sinceProgress.start();
     QTimer idleTimer;
     idleTimer.setSingleShot(true);
-    idleTimer.setInterval(idleLimitMs());
-    QObject::connect(&idleTimer, &QTimer::timeout, reply, [&idle, reply] {
+    QObject::connect(&idleTimer, &QTimer::timeout, reply, [&] {
+        const qint64 quietMs = sinceProgress.elapsed();
+        if (quietMs < limitMs) {
+            idleTimer.start(int(limitMs - quietMs));
+            return;
+        }
         idle = true;
         reply->abort();
     });
-    const auto restart = [&idleTimer] { idleTimer.start(); };
+    const auto restart = [&sinceProgress] { sinceProgress.restart(); };
 
     const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
     ExchangeWatch watch(*reply, bytesToSend);
@@ -165,7 +177,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
     QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
-    idleTimer.start();
+    idleTimer.start(limitMs);
 
     while (!reply->isFinished()) {
         loop.exec();

@@ -1,0 +1,24 @@
+// The measured runs that need nothing but Qt and the library, so that the same
+// code measures on Linux and, built for Windows, under Wine.
+#pragma once
+
+#include <string>
+
+namespace bench {
+
+// Microseconds per call of the library, alternating login and share query
+// against `address`. Its console echo goes wherever standard output goes.
+double libraryMicrosPerCall(const std::string& address, int calls);
+
+// The library's design in bare Qt: a new manager (and, with
+// `freshApplication`, a new application) for every call and a local event loop.
+// `plugins` lets a new application search Qt's plugin folders, as it does
+// unless told not to.
+double bareQtMicrosPerCall(const std::string& address, int calls, bool freshApplication, bool plugins = false);
+
+// One upload of the file at `path`: by the library, and the same form in bare
+// Qt (a file part and a data part, one manager). True when the sink said 200.
+bool libraryUpload(const std::string& address, const std::string& path);
+bool bareQtUpload(const std::string& address, const std::string& path);
+
+} // namespace bench
