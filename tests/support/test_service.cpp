@@ -1,7 +1,6 @@
 #include "support/test_service.h"
 
-#include <QTcpServer>
-#include <QTcpSocket>
+#include "support/loopback_socket.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,9 +9,6 @@
 namespace testing_support {
 
 namespace {
-
-// How long a connection may stay silent while a request is read.
-constexpr int readTimeoutMs = 30000;
 
 bool sameName(const QByteArray& a, const QByteArray& b)
 {
@@ -33,17 +29,27 @@ QByteArray reasonPhrase(int status)
     }
 }
 
-// One accepted connection, served with Qt's blocking socket calls on a thread
-// of its own (no event loop needed), on every platform alike.
+// One accepted connection; closes it, the peer seeing the end of the stream.
 class Connection
 {
 public:
-    explicit Connection(qintptr descriptor) { socket.setSocketDescriptor(descriptor); }
+    explicit Connection(net::Handle socket) : socket(socket) {}
+    ~Connection()
+    {
+        net::shutdownSending(socket);
+        net::close(socket);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
     void writeAll(const QByteArray& bytes)
     {
-        socket.write(bytes);
-        while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(readTimeoutMs)) {
+        long done = 0;
+        while (done < bytes.size()) {
+            const long n = net::sendSome(socket, bytes.constData() + done, long(bytes.size()) - done);
+            if (n <= 0)
+                return;
+            done += n;
         }
     }
 
@@ -92,43 +98,26 @@ public:
     void waitForPeerToClose(const std::atomic<bool>& stopping)
     {
         for (int waited = 0; waited < 30000 && !stopping; waited += 50) {
-            if (socket.waitForReadyRead(50))
-                socket.readAll();
-            else if (socket.state() != QAbstractSocket::ConnectedState)
+            if (net::peerClosedWithin(socket, 50))
                 return;
         }
     }
 
-    // The peer sees the end of the stream once everything written has gone.
-    void close() { socket.disconnectFromHost(); }
-
 private:
     bool readMore(QByteArray& buffer)
     {
-        if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(readTimeoutMs))
+        char chunk[65536];
+        const long n = net::receive(socket, chunk, sizeof chunk);
+        if (n <= 0)
             return false;
-        buffer += socket.readAll();
+        buffer.append(chunk, int(n));
         return true;
     }
 
-    QTcpSocket socket;
+    const net::Handle socket;
 };
 
 } // namespace
-
-// Hands each accepted connection's descriptor to a thread of its own, before
-// Qt wraps it in a socket of the listening thread.
-class TestService::Listener : public QTcpServer
-{
-public:
-    explicit Listener(TestService& service) : service(service) {}
-
-protected:
-    void incomingConnection(qintptr descriptor) override { service.startServing(descriptor); }
-
-private:
-    TestService& service;
-};
 
 bool RecordedRequest::hasHeader(const QByteArray& name) const
 {
@@ -212,23 +201,16 @@ ScriptedReply ScriptedReply::stall()
 TestService::TestService()
 {
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
-    std::promise<quint16> bound;
-    std::future<quint16> port = bound.get_future();
-    acceptor = std::thread([this, &bound] {
-        Listener listener(*this);
-        if (!listener.listen(QHostAddress::LocalHost)) {
-            bound.set_value(0);
-            return;
-        }
-        bound.set_value(listener.serverPort());
-        while (!stopping)
-            listener.waitForNewConnection(50);
-    });
-    boundPort = port.get();
-    if (boundPort == 0) {
-        acceptor.join();
+    listener = net::listenOnLoopback(boundPort);
+    if (listener == net::invalid)
         throw std::runtime_error("test service: cannot listen on loopback");
-    }
+    acceptor = std::thread([this] {
+        while (!stopping) {
+            const net::Handle connection = net::acceptWithin(listener, 50);
+            if (connection != net::invalid)
+                startServing(connection);
+        }
+    });
 }
 
 TestService::~TestService()
@@ -236,8 +218,11 @@ TestService::~TestService()
     stopping = true;
     stopped.notify_all();
     acceptor.join();
-    std::unique_lock<std::mutex> lock(mutex);
-    stopped.wait(lock, [this] { return activeWorkers == 0; });
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        stopped.wait(lock, [this] { return activeWorkers == 0; });
+    }
+    net::close(listener);
 }
 
 QString TestService::address() const
@@ -316,23 +301,23 @@ ScriptedReply TestService::nextReply(const QByteArray& path)
     return reply;
 }
 
-void TestService::startServing(qintptr descriptor)
+void TestService::startServing(std::intptr_t socket)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
         ++activeWorkers;
     }
-    std::thread([this, descriptor] {
-        serve(descriptor);
+    std::thread([this, socket] {
+        serve(socket);
         std::lock_guard<std::mutex> lock(mutex);
         --activeWorkers;
         stopped.notify_all();
     }).detach();
 }
 
-void TestService::serve(qintptr descriptor)
+void TestService::serve(std::intptr_t socket)
 {
-    Connection connection(descriptor);
+    Connection connection(socket);
     QByteArray buffer;
     int headEnd = 0;
     if (!connection.readHead(buffer, headEnd))
@@ -390,7 +375,6 @@ void TestService::serve(qintptr descriptor)
         connection.waitForPeerToClose(stopping);
         break;
     }
-    connection.close();
 }
 
 RecordedRequest TestService::fullestRequest() const
@@ -404,12 +388,7 @@ RecordedRequest TestService::fullestRequest() const
 
 QString refusedAddress()
 {
-    // Listen on a free port, then stop: nothing answers there.
-    QTcpServer server;
-    server.listen(QHostAddress::LocalHost);
-    const quint16 port = server.serverPort();
-    server.close();
-    return QStringLiteral("127.0.0.1:%1").arg(port);
+    return QStringLiteral("127.0.0.1:%1").arg(net::unusedPort());
 }
 
 } // namespace testing_support

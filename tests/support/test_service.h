@@ -13,7 +13,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <future>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -89,12 +89,12 @@ public:
     void reset(); // forgets requests and script, restores the default reply
 
 private:
-    class Listener;
-    void startServing(qintptr descriptor);
-    void serve(qintptr descriptor);
+    void startServing(std::intptr_t socket);
+    void serve(std::intptr_t socket);
     ScriptedReply nextReply(const QByteArray& path);
 
-    quint16 boundPort = 0;
+    std::intptr_t listener = -1;
+    std::uint16_t boundPort = 0;
     std::atomic<bool> stopping{false};
     std::thread acceptor;
     int activeWorkers = 0; // connections being served, on detached threads
