@@ -32,7 +32,7 @@
 //  * Downloads store whole files only. A body that breaks off (fewer bytes than
 //    its Content-Length, a transfer error after the status) is not stored:
 //    {"message":"download fail","status":400}. The bytes go, as they arrive, to
-//    a hidden file ".norva-download-XXXXXX" in the download folder (in memory
+//    a hidden file ".norva-download-<random>" in the download folder (in memory
 //    only where no such file can be made), which takes the target's place only
 //    when all are written: a large file is never held in memory, and a write
 //    that fails (disk full, size limit) also says "download fail", leaves no
