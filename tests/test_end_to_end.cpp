@@ -339,7 +339,7 @@ void EndToEndTest::badRequestsAndSeveralClients()
     const QString argument = QStringLiteral(R"({"ipconfig":"%1","username":"norva","password":"norva"})").arg(service.address);
     for (int i = 0; i < 8; ++i) {
         clients.push_back(std::make_unique<QProcess>());
-        clients.back()->start(QStringLiteral(NORVA_COMMAND_PATH), {"login", argument});
+        clients.back()->start(QStringLiteral(NORVA_COMMAND_PATH), {"--no-session", "login", argument});
     }
     for (auto& client : clients) {
         QVERIFY(client->waitForFinished(10000));

@@ -77,6 +77,9 @@ bool DownloadSpool::take(int httpStatus)
                          + QString::number(QRandomGenerator::global()->generate(), 36));
         created = file.open(QIODevice::WriteOnly | QIODevice::NewOnly);
     }
+    // Private until it takes the target's name and permissions.
+    if (created)
+        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     return created;
 }
 
