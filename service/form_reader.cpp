@@ -82,41 +82,103 @@ void readDisposition(const std::string& value, FormField& field)
     }
 }
 
-bool readForm(const std::string& body, const std::string& boundary, std::vector<FormField>& fields)
+namespace {
+
+constexpr std::size_t window = 64 << 10;
+constexpr std::size_t headLimit = 16 << 10;
+
+// Where `pattern` next starts at or after `from`, reading the stream a window
+// at a time; npos when the stream ends first.
+std::uint64_t find(std::istream& in, const std::string& pattern, std::uint64_t from, std::uint64_t within = UINT64_MAX)
+{
+    std::string chunk;
+    for (std::uint64_t at = from; at - from < within;) {
+        in.clear();
+        in.seekg(std::streamoff(at));
+        chunk.resize(window + pattern.size() - 1);
+        in.read(&chunk[0], std::streamsize(chunk.size()));
+        chunk.resize(std::size_t(in.gcount()));
+        const std::size_t hit = chunk.find(pattern);
+        if (hit != std::string::npos)
+            return at + hit;
+        if (chunk.size() < window + pattern.size() - 1)
+            return std::string::npos;
+        at += window;
+    }
+    return std::string::npos;
+}
+
+std::string read(std::istream& in, std::uint64_t at, std::size_t count)
+{
+    std::string bytes(count, '\0');
+    in.clear();
+    in.seekg(std::streamoff(at));
+    in.read(&bytes[0], std::streamsize(count));
+    bytes.resize(std::size_t(in.gcount()));
+    return bytes;
+}
+
+} // namespace
+
+bool readForm(std::istream& body, const std::string& boundary, std::vector<FormField>& fields)
 {
     if (boundary.empty())
         return false;
     const std::string delimiter = "--" + boundary;
-    std::size_t at = body.find(delimiter);
+    std::uint64_t at = find(body, delimiter, 0);
     if (at == std::string::npos)
         return false;
     at += delimiter.size();
     for (;;) {
-        if (body.compare(at, 2, "--") == 0)
+        const std::string after = read(body, at, 2);
+        if (after == "--")
             return true; // the closing delimiter
-        if (body.compare(at, 2, "\r\n") != 0)
+        if (after != "\r\n")
             return false;
         at += 2;
-        const std::size_t headEnd = body.find("\r\n\r\n", at);
+        const std::uint64_t headEnd = find(body, "\r\n\r\n", at, headLimit);
         if (headEnd == std::string::npos)
             return false;
+        const std::string head = read(body, at, std::size_t(headEnd - at)) + "\r\n";
         FormField field;
-        std::size_t line = at;
-        while (line < headEnd) {
-            const std::size_t lineEnd = std::min(body.find("\r\n", line), headEnd);
-            const std::string header = body.substr(line, lineEnd - line);
+        for (std::size_t line = 0; line < head.size();) {
+            const std::size_t lineEnd = head.find("\r\n", line);
+            const std::string header = head.substr(line, lineEnd - line);
             const std::size_t colon = header.find(':');
             if (colon != std::string::npos && lowered(header.substr(0, colon)) == "content-disposition")
                 readDisposition(header.substr(colon + 1), field);
             line = lineEnd + 2;
         }
-        const std::size_t next = body.find("\r\n" + delimiter, headEnd + 4);
+        const std::uint64_t next = find(body, "\r\n" + delimiter, headEnd + 4);
         if (next == std::string::npos)
             return false;
-        field.body = body.substr(headEnd + 4, next - headEnd - 4);
+        field.offset = headEnd + 4;
+        field.size = next - field.offset;
         fields.push_back(std::move(field));
         at = next + 2 + delimiter.size();
     }
+}
+
+bool readPart(std::istream& body, const FormField& field, std::string& content, std::uint64_t limit)
+{
+    if (field.size > limit)
+        return false;
+    content = read(body, field.offset, std::size_t(field.size));
+    return content.size() == field.size;
+}
+
+bool copyPart(std::istream& body, const FormField& field, std::ostream& out)
+{
+    body.clear();
+    body.seekg(std::streamoff(field.offset));
+    std::string chunk(window, '\0');
+    for (std::uint64_t left = field.size; left > 0;) {
+        const std::size_t count = std::size_t(std::min<std::uint64_t>(left, window));
+        if (!body.read(&chunk[0], std::streamsize(count)) || !out.write(chunk.data(), std::streamsize(count)))
+            return false;
+        left -= count;
+    }
+    return bool(out.flush());
 }
 
 } // namespace norva::service

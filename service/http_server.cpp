@@ -1,21 +1,28 @@
 #include "http_server.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
 
 #include <algorithm>
-#include <cstring>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <thread>
 
 namespace norva::service {
 
-namespace {
+namespace net = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = net::ip::tcp;
+using beast::error_code;
 
-constexpr int maxConnections = 256;
-constexpr int idleTimeoutMs = 30 * 1000;
+namespace {
 
 std::string lowered(std::string text)
 {
@@ -23,139 +30,266 @@ std::string lowered(std::string text)
     return text;
 }
 
-std::string trimmed(const std::string& text)
+void splitTarget(HttpRequest& request)
 {
-    const auto first = text.find_first_not_of(" \t");
-    if (first == std::string::npos)
-        return std::string();
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
-
-const char* reason(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 204: return "No Content";
-    case 400: return "Bad Request";
-    case 402: return "Payment Required";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 413: return "Payload Too Large";
-    case 431: return "Request Header Fields Too Large";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Status";
-    }
-}
-
-// Reads from a connection into a buffer, with an idle limit.
-class Connection
-{
-public:
-    explicit Connection(int fd) : fd(fd) {}
-
-    bool fill()
-    {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, idleTimeoutMs) <= 0)
-            return false;
-        char chunk[64 << 10];
-        const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0)
-            return false;
-        buffer.append(chunk, size_t(n));
-        return true;
-    }
-
-    bool need(std::size_t bytes)
-    {
-        while (buffer.size() < bytes) {
-            if (!fill())
-                return false;
-        }
-        return true;
-    }
-
-    bool send(const std::string& bytes)
-    {
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n <= 0)
-                return false;
-            done += std::size_t(n);
-        }
-        return true;
-    }
-
-    int fd;
-    std::string buffer;
-};
-
-bool parseHead(const std::string& head, HttpRequest& request)
-{
-    std::size_t lineEnd = head.find("\r\n");
-    const std::string requestLine = head.substr(0, lineEnd);
-    const auto firstSpace = requestLine.find(' ');
-    const auto secondSpace = requestLine.find(' ', firstSpace + 1);
-    if (firstSpace == std::string::npos || secondSpace == std::string::npos)
-        return false;
-    request.method = requestLine.substr(0, firstSpace);
-    request.target = requestLine.substr(firstSpace + 1, secondSpace - firstSpace - 1);
     const auto question = request.target.find('?');
     request.path = percentDecode(request.target.substr(0, question), false);
-    if (question != std::string::npos) {
-        std::string query = request.target.substr(question + 1);
-        std::size_t at = 0;
-        while (at <= query.size()) {
-            const auto amp = std::min(query.find('&', at), query.size());
-            const std::string pair = query.substr(at, amp - at);
-            if (!pair.empty()) {
-                const auto eq = pair.find('=');
-                request.query.emplace(percentDecode(pair.substr(0, eq), true),
-                                      eq == std::string::npos ? std::string() : percentDecode(pair.substr(eq + 1), true));
-            }
-            at = amp + 1;
+    if (question == std::string::npos)
+        return;
+    const std::string query = request.target.substr(question + 1);
+    std::size_t at = 0;
+    while (at <= query.size()) {
+        const auto amp = std::min(query.find('&', at), query.size());
+        const std::string pair = query.substr(at, amp - at);
+        if (!pair.empty()) {
+            const auto eq = pair.find('=');
+            request.query.emplace(percentDecode(pair.substr(0, eq), true),
+                                  eq == std::string::npos ? std::string() : percentDecode(pair.substr(eq + 1), true));
         }
+        at = amp + 1;
     }
-    while (lineEnd != std::string::npos && lineEnd + 2 < head.size()) {
-        const std::size_t next = head.find("\r\n", lineEnd + 2);
-        const std::string line = head.substr(lineEnd + 2, next == std::string::npos ? std::string::npos : next - lineEnd - 2);
-        const auto colon = line.find(':');
-        if (colon == std::string::npos || colon == 0)
-            return false;
-        request.headers.emplace_back(line.substr(0, colon), trimmed(line.substr(colon + 1)));
-        lineEnd = next;
-    }
-    return true;
 }
 
-// Reads a chunked body; false on a malformed or oversized one.
-bool readChunked(Connection& connection, std::size_t from, std::string& body, std::size_t& end)
+std::string spoolName(const std::string& folder)
 {
-    std::size_t at = from;
-    for (;;) {
-        std::size_t lineEnd;
-        while ((lineEnd = connection.buffer.find("\r\n", at)) == std::string::npos) {
-            if (connection.buffer.size() - at > 1024 || !connection.fill())
-                return false;
-        }
-        char* stop = nullptr;
-        const std::string sizeText = connection.buffer.substr(at, lineEnd - at);
-        const unsigned long long size = std::strtoull(sizeText.c_str(), &stop, 16);
-        if (stop == sizeText.c_str() || body.size() + size > HttpServer::maxBodyBytes)
-            return false;
-        at = lineEnd + 2;
-        if (!connection.need(at + size + 2))
-            return false;
-        if (size == 0) {
-            end = at + 2;
-            return true;
-        }
-        body.append(connection.buffer, at, size);
-        at += size + 2;
-    }
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    char name[40];
+    std::snprintf(name, sizeof name, "/body-%016llx", static_cast<unsigned long long>(random()));
+    return folder + name;
 }
+
+// A broken message, as opposed to a peer that went away or went quiet.
+bool isMalformed(const error_code& ec)
+{
+    return ec.category() == make_error_code(http::error::bad_version).category() && ec != http::error::end_of_stream
+           && ec != http::error::partial_message;
+}
+
+class Connection;
+
+// What Beast's synchronous algorithms read and write through: every call is one
+// awaited operation under the idle limit, and what is read may be kept raw.
+class TimedStream
+{
+public:
+    explicit TimedStream(Connection& connection, std::string* raw = nullptr) : connection(connection), raw(raw) {}
+
+    template <class Buffers> std::size_t read_some(const Buffers& buffers, error_code& ec);
+    template <class Buffers> std::size_t write_some(const Buffers& buffers, error_code& ec);
+    template <class Buffers> std::size_t read_some(const Buffers& buffers) { return orThrow(read_some(buffers, lastError)); }
+    template <class Buffers> std::size_t write_some(const Buffers& buffers) { return orThrow(write_some(buffers, lastError)); }
+
+private:
+    Connection& connection;
+    std::string* const raw;
+
+    std::size_t orThrow(std::size_t count)
+    {
+        if (lastError)
+            throw beast::system_error(lastError);
+        return count;
+    }
+    error_code lastError;
+};
+
+class Connection final : public HttpConnection
+{
+public:
+    Connection(const HttpLimits& limits, const std::atomic<bool>& stopping) : limits(limits), stopping(stopping) {}
+
+    // Runs one asynchronous operation on this connection's own context and
+    // waits for it: Beast's deadlines apply to asynchronous operations only, and
+    // a context per thread lets a handler block without holding up the others.
+    template <class Start> std::size_t await(Start start, error_code& ec, std::chrono::milliseconds limit)
+    {
+        if (stopping) {
+            ec = net::error::operation_aborted;
+            return 0;
+        }
+        stream.expires_after(limit);
+        bool done = false;
+        std::size_t count = 0;
+        start([&](error_code result, std::size_t n) {
+            ec = result;
+            count = n;
+            done = true;
+        });
+        context.restart();
+        while (!done && context.run_one() > 0) {
+        }
+        if (!done)
+            ec = net::error::operation_aborted;
+        return count;
+    }
+
+    Read readRequest(HttpRequest& request, std::string* raw) override
+    {
+        TimedStream timed(*this, raw);
+        http::request_parser<http::buffer_body> parser;
+        parser.header_limit(std::uint32_t(std::min<std::size_t>(limits.headBytes, UINT32_MAX)));
+        parser.body_limit(limits.bodyBytes);
+        error_code ec;
+        http::read_header(timed, buffer, parser, ec);
+        if (ec) {
+            if (ec == http::error::header_limit)
+                refuse(431);
+            else if (isMalformed(ec))
+                refuse(400);
+            return Read::None;
+        }
+        const auto& head = parser.get();
+        request.method = std::string(head.method_string());
+        request.target = std::string(head.target());
+        splitTarget(request);
+        for (const auto& field : head)
+            request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+        request.keepAlive = parser.keep_alive();
+
+        const bool toFile = !limits.spoolFolder.empty()
+                            && lowered(request.header("Content-Type")).rfind("multipart/form-data", 0) == 0;
+        const std::uint64_t cap = toFile ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes);
+        if (parser.content_length() && *parser.content_length() > cap) {
+            refuse(413);
+            return Read::None;
+        }
+        std::ofstream spool;
+        if (toFile) {
+            request.bodyFile = spoolName(limits.spoolFolder);
+            spool.open(request.bodyFile, std::ios::binary | std::ios::trunc);
+            if (!spool) {
+                refuse(500);
+                return Read::None;
+            }
+        }
+        std::uint64_t received = 0;
+        char chunk[64 << 10];
+        while (!parser.is_done()) {
+            parser.get().body().data = chunk;
+            parser.get().body().size = sizeof chunk;
+            http::read(timed, buffer, parser, ec);
+            if (ec == http::error::need_buffer)
+                ec = {};
+            const std::size_t count = sizeof chunk - parser.get().body().size;
+            received += count;
+            if (received > cap || ec == http::error::body_limit) {
+                refuse(413);
+                return Read::None;
+            }
+            if (toFile)
+                spool.write(chunk, std::streamsize(count));
+            else
+                request.body.append(chunk, count);
+            if (ec) {
+                if (!isMalformed(ec))
+                    return Read::Partial;
+                refuse(400);
+                return Read::None;
+            }
+        }
+        if (toFile && !spool.flush()) {
+            refuse(500);
+            return Read::None;
+        }
+        return Read::Request;
+    }
+
+    bool write(const HttpResponse& response, bool keepAlive) override
+    {
+        if (response.bodyFile.empty()) {
+            http::response<http::string_body> message;
+            message.body() = response.status == 204 ? std::string() : response.body;
+            return send(message, response, keepAlive);
+        }
+        http::response<http::file_body> message;
+        error_code ec;
+        message.body().open(response.bodyFile.c_str(), beast::file_mode::scan, ec);
+        if (ec)
+            return write(HttpResponse::text(500, "cannot read the file\n"), false);
+        return send(message, response, keepAlive);
+    }
+
+    bool writeRaw(const std::string& bytes) override
+    {
+        TimedStream timed(*this);
+        error_code ec;
+        net::write(timed, net::buffer(bytes), ec);
+        return !ec;
+    }
+
+    void waitForPeerToClose(std::chrono::milliseconds limit) override
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        char ignored[512];
+        error_code ec;
+        while (!ec) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+                return;
+            await([&](auto done) { stream.async_read_some(net::buffer(ignored), done); }, ec, left);
+        }
+    }
+
+    // The peer sees the end of the stream once everything sent has gone.
+    void finish()
+    {
+        error_code ignored;
+        stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        stream.socket().close(ignored);
+    }
+
+    std::chrono::milliseconds idle() const { return limits.idle; }
+
+    net::io_context context;
+    beast::tcp_stream stream{context};
+
+private:
+    template <class Body> bool send(http::response<Body>& message, const HttpResponse& response, bool keepAlive)
+    {
+        message.version(11);
+        message.result(unsigned(response.status));
+        for (const auto& header : response.headers)
+            message.insert(header.first, header.second);
+        message.keep_alive(keepAlive);
+        message.prepare_payload();
+        TimedStream timed(*this);
+        error_code ec;
+        http::write(timed, message, ec);
+        return !ec;
+    }
+
+    void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
+
+    const HttpLimits& limits;
+    const std::atomic<bool>& stopping;
+    beast::flat_buffer buffer;
+};
+
+template <class Buffers> std::size_t TimedStream::read_some(const Buffers& buffers, error_code& ec)
+{
+    const std::size_t count = connection.await(
+        [&](auto done) { connection.stream.async_read_some(buffers, done); }, ec, connection.idle());
+    if (raw && count > 0) {
+        const std::size_t before = raw->size();
+        raw->resize(before + count);
+        net::buffer_copy(net::buffer(&(*raw)[before], count), buffers, count);
+    }
+    return count;
+}
+
+template <class Buffers> std::size_t TimedStream::write_some(const Buffers& buffers, error_code& ec)
+{
+    return connection.await([&](auto done) { connection.stream.async_write_some(buffers, done); }, ec,
+                            connection.idle());
+}
+
+struct RemovedAtEnd {
+    const std::string& path;
+    ~RemovedAtEnd()
+    {
+        if (!path.empty())
+            std::remove(path.c_str());
+    }
+};
 
 } // namespace
 
@@ -173,6 +307,13 @@ std::string HttpRequest::queryValue(const std::string& name, const std::string& 
 {
     const auto it = query.find(name);
     return it == query.end() ? fallback : it->second;
+}
+
+std::unique_ptr<std::istream> HttpRequest::openBody() const
+{
+    if (bodyFile.empty())
+        return std::make_unique<std::istringstream>(body);
+    return std::make_unique<std::ifstream>(bodyFile, std::ios::binary);
 }
 
 HttpResponse HttpResponse::json(const std::string& body, int status)
@@ -227,142 +368,116 @@ std::string percentEncode(const std::string& text)
     return encoded;
 }
 
-HttpServer::HttpServer(HttpHandler handler) : handler(std::move(handler)) {}
+struct HttpServer::Context {
+    net::io_context context;
+    tcp::acceptor acceptor{context};
+    net::signal_set signals{context};
+    std::atomic<bool> stopping{false};
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::set<Connection*> open;
+};
 
-HttpServer::~HttpServer()
-{
-    stop();
-    while (connections.load() > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    if (listener >= 0)
-        ::close(listener);
-}
+HttpServer::HttpServer(HttpLimits limits) : context(std::make_unique<Context>()), limits(std::move(limits)) {}
+
+HttpServer::~HttpServer() = default;
 
 bool HttpServer::listen(const std::string& host, int port, std::string& error)
 {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0 || !found) {
+    error_code ec;
+    tcp::resolver resolver(context->context);
+    const auto found = resolver.resolve(host, std::to_string(port), tcp::resolver::numeric_service, ec);
+    if (ec || found.empty()) {
         error = "cannot resolve " + host;
         return false;
     }
-    listener = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const bool bound = ::bind(listener, found->ai_addr, found->ai_addrlen) == 0 && ::listen(listener, 128) == 0;
-    ::freeaddrinfo(found);
-    if (!bound) {
-        error = std::string("cannot listen on ") + host + ":" + std::to_string(port) + ": " + std::strerror(errno);
-        return false;
+    const tcp::endpoint endpoint = found.begin()->endpoint();
+    tcp::acceptor& acceptor = context->acceptor;
+    if (!acceptor.open(endpoint.protocol(), ec) && !acceptor.set_option(net::socket_base::reuse_address(true), ec)
+        && !acceptor.bind(endpoint, ec) && !acceptor.listen(128, ec)) {
+        boundPort = acceptor.local_endpoint().port();
+        return true;
     }
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    boundPort = ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
-                                                    : reinterpret_cast<sockaddr_in*>(&address)->sin_port);
-    return true;
+    error = "cannot listen on " + host + ":" + std::to_string(port) + ": " + ec.message();
+    return false;
 }
 
-void HttpServer::run()
+void HttpServer::run(ConnectionHandler serve)
 {
-    while (!stopping) {
-        pollfd p{listener, POLLIN, 0};
-        if (::poll(&p, 1, 200) <= 0)
-            continue;
-        const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
-            continue;
-        if (connections.load() >= maxConnections) {
-            Connection(fd).send("HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-            ::close(fd);
-            continue;
-        }
-        ++connections;
-        std::thread([this, fd] {
-            serve(fd);
-            --connections;
-        }).detach();
+    Context& c = *context;
+    if (handleSignals) {
+        c.signals.add(SIGINT);
+        c.signals.add(SIGTERM);
+        c.signals.async_wait([this](const error_code& ec, int) {
+            if (!ec)
+                stop();
+        });
     }
+    std::function<void()> acceptNext = [&] {
+        auto connection = std::make_shared<Connection>(limits, c.stopping);
+        c.acceptor.async_accept(connection->stream.socket(), [&, connection](const error_code& ec) {
+            if (ec)
+                return; // the acceptor was closed
+            bool tooMany;
+            {
+                std::lock_guard<std::mutex> lock(c.mutex);
+                tooMany = int(c.open.size()) >= limits.connections;
+                c.open.insert(connection.get());
+            }
+            std::thread([&c, connection, serve, tooMany] {
+                try {
+                    if (tooMany)
+                        connection->write(HttpResponse::text(503, "too many connections\n"), false);
+                    else
+                        serve(*connection);
+                } catch (const std::exception& e) {
+                    std::fprintf(stderr, "connection ended: %s\n", e.what());
+                }
+                connection->finish();
+                std::lock_guard<std::mutex> lock(c.mutex);
+                c.open.erase(connection.get());
+                c.ended.notify_all();
+            }).detach();
+            acceptNext();
+        });
+    };
+    acceptNext();
+    c.context.run();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    c.ended.wait(lock, [&c] { return c.open.empty(); });
 }
 
 void HttpServer::stop()
 {
-    stopping = true;
+    Context& c = *context;
+    c.stopping = true;
+    net::post(c.context, [&c] {
+        error_code ignored;
+        c.acceptor.close(ignored);
+        c.signals.cancel(ignored);
+    });
+    // An open connection ends at its next read, or now if it is waiting for one.
+    std::lock_guard<std::mutex> lock(c.mutex);
+    for (Connection* connection : c.open)
+        net::post(connection->context, [connection] { connection->stream.close(); });
 }
 
-void HttpServer::serve(int fd)
+void serveRequests(HttpConnection& connection, const HttpHandler& handler)
 {
-    Connection connection(fd);
-    const auto refuse = [&connection](int status) {
-        connection.send("HTTP/1.1 " + std::to_string(status) + " " + reason(status)
-                        + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    };
-    while (!stopping) {
-        std::size_t headEnd;
-        while ((headEnd = connection.buffer.find("\r\n\r\n")) == std::string::npos) {
-            if (connection.buffer.size() > maxHeadBytes) {
-                refuse(431);
-                ::close(fd);
-                return;
-            }
-            if (!connection.fill()) {
-                ::close(fd);
-                return;
-            }
-        }
+    for (;;) {
         HttpRequest request;
-        if (!parseHead(connection.buffer.substr(0, headEnd), request)) {
-            refuse(400);
-            break;
-        }
-        std::size_t bodyStart = headEnd + 4;
-        std::size_t end = bodyStart;
-        if (lowered(request.header("Transfer-Encoding")) == "chunked") {
-            if (!readChunked(connection, bodyStart, request.body, end)) {
-                refuse(400);
-                break;
-            }
-        } else {
-            const std::string lengthText = request.header("Content-Length");
-            char* stop = nullptr;
-            const unsigned long long length = lengthText.empty() ? 0 : std::strtoull(lengthText.c_str(), &stop, 10);
-            if (!lengthText.empty() && (stop == lengthText.c_str() || *stop != '\0')) {
-                refuse(400);
-                break;
-            }
-            if (length > maxBodyBytes) {
-                refuse(413);
-                break;
-            }
-            if (!connection.need(bodyStart + length))
-                break;
-            request.body = connection.buffer.substr(bodyStart, length);
-            end = bodyStart + length;
-        }
-        connection.buffer.erase(0, end);
-
+        const RemovedAtEnd spooled{request.bodyFile};
+        if (connection.readRequest(request) != HttpConnection::Read::Request)
+            return;
         HttpResponse response;
         try {
             response = handler(request);
         } catch (const std::exception& e) {
             response = HttpResponse::text(500, e.what());
         }
-        if (response.dropConnection)
-            break;
-        const bool close = lowered(request.header("Connection")) == "close";
-        std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + reason(response.status) + "\r\n";
-        for (const auto& h : response.headers)
-            head += h.first + ": " + h.second + "\r\n";
-        if (response.status != 204)
-            head += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
-        head += close ? "Connection: close\r\n\r\n" : "\r\n";
-        if (!connection.send(head + (response.status == 204 ? std::string() : response.body)) || close)
-            break;
+        if (response.dropConnection || !connection.write(response, request.keepAlive) || !request.keepAlive)
+            return;
     }
-    ::close(fd);
 }
 
 } // namespace norva::service

@@ -1,37 +1,61 @@
-// A small HTTP/1.1 server: a thread per connection, keep-alive, bodies by
-// Content-Length or chunked, limits on sizes so that a bad client can't take the
-// service down.
+// The service's HTTP/1.1 layer. Boost.Beast parses and writes the messages;
+// around it this layer keeps what a local service needs: a thread per
+// connection (handlers block on SQLite or on an injected delay), an idle limit
+// on every read and write, limits on head and body size, form bodies spooled
+// to a file as they arrive, answers streamed from a file, and a clean stop.
+// The tests' scripted service serves its connections with the same layer.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <istream>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace norva::service {
+
+struct HttpLimits {
+    std::size_t headBytes = 64 << 10;
+    std::uint64_t bodyBytes = 4ull << 30;
+    // Bodies that are not forms are held in memory, up to this size.
+    std::size_t memoryBodyBytes = 16 << 20;
+    // No byte moving for this long ends the connection.
+    std::chrono::milliseconds idle{30000};
+    int connections = 256;
+    // Where form bodies are spooled as they arrive; empty keeps them in memory.
+    std::string spoolFolder;
+};
 
 struct HttpRequest {
     std::string method;
     std::string target; // as sent
     std::string path;   // percent-decoded, without the query
     std::multimap<std::string, std::string> query; // decoded
-    std::vector<std::pair<std::string, std::string>> headers;
-    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers; // in the order sent
+    std::string body;     // the decoded body, unless it went to `bodyFile`
+    std::string bodyFile; // the spooled body; removed when the request is done
+    bool keepAlive = true;
 
     // The first header of that name, case-insensitive; empty when absent.
     std::string header(const std::string& name) const;
     // The first query value of that name; `fallback` when absent.
     std::string queryValue(const std::string& name, const std::string& fallback = std::string()) const;
+    // The body from its start, wherever it is kept.
+    std::unique_ptr<std::istream> openBody() const;
 };
 
 struct HttpResponse {
     int status = 200;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    std::string bodyFile; // when set, the body is this file's content, streamed
     // Close the connection without sending anything (fault injection).
     bool dropConnection = false;
 
@@ -41,13 +65,32 @@ struct HttpResponse {
 
 using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
 
+// One accepted connection, served on a thread of its own.
+class HttpConnection
+{
+public:
+    enum class Read {
+        Request, // a whole request
+        Partial, // the head, and the body up to where the peer stopped sending
+        None,    // the peer closed, went idle or sent no valid request (which was refused)
+    };
+
+    virtual ~HttpConnection() = default;
+    // Reads the next request. `raw`, when given, receives every byte read.
+    virtual Read readRequest(HttpRequest& request, std::string* raw = nullptr) = 0;
+    virtual bool write(const HttpResponse& response, bool keepAlive) = 0;
+    // Bytes as they are, for answers no valid HTTP writer would make.
+    virtual bool writeRaw(const std::string& bytes) = 0;
+    // Silent until the peer closes, the server stops or `limit` passes.
+    virtual void waitForPeerToClose(std::chrono::milliseconds limit) = 0;
+};
+
 class HttpServer
 {
 public:
-    static constexpr std::uint64_t maxBodyBytes = 512ull << 20;
-    static constexpr std::size_t maxHeadBytes = 64 << 10;
+    using ConnectionHandler = std::function<void(HttpConnection&)>;
 
-    explicit HttpServer(HttpHandler handler);
+    explicit HttpServer(HttpLimits limits = HttpLimits());
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -55,19 +98,25 @@ public:
     // Binds host:port (port 0 picks a free one); false with `error` set on failure.
     bool listen(const std::string& host, int port, std::string& error);
     int port() const { return boundPort; }
-    // Serves until stop() is called from another thread or a signal handler.
-    void run();
+    // SIGINT and SIGTERM stop run().
+    void stopOnSignals() { handleSignals = true; }
+    // Serves every connection with `serve` on a thread of its own until stop();
+    // returns when the last connection has ended.
+    void run(ConnectionHandler serve);
+    // From any thread: no more connections, and those open end at their next read.
     void stop();
 
 private:
-    void serve(int connection);
-
-    HttpHandler handler;
-    int listener = -1;
+    struct Context;
+    std::unique_ptr<Context> context;
+    HttpLimits limits;
     int boundPort = 0;
-    std::atomic<bool> stopping{false};
-    std::atomic<int> connections{0};
+    bool handleSignals = false;
 };
+
+// The usual connection: each request to `handler`, its answer back, as long as
+// the client keeps the connection.
+void serveRequests(HttpConnection& connection, const HttpHandler& handler);
 
 std::string percentDecode(const std::string& text, bool plusIsSpace);
 std::string percentEncode(const std::string& text);

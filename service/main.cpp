@@ -6,7 +6,7 @@
 #include "http_server.h"
 #include "records_service.h"
 
-#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,19 +16,12 @@
 
 namespace {
 
-norva::service::HttpServer* running = nullptr;
-
-void stopOnSignal(int)
-{
-    if (running)
-        running->stop();
-}
-
 int usage(int code)
 {
     std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]\n"
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
+                "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
                 "  data-folder  where the database and file contents live (default ./norva-data)\n"
                 "  --add-user NAME:PASSWORD  add a user when the data folder has none of that name (repeatable)\n"
                 "faults, for testing a host's error paths:\n"
@@ -45,6 +38,7 @@ int main(int argc, char** argv)
 {
     norva::service::ServiceOptions options;
     norva::service::FaultInjection faults;
+    norva::service::HttpLimits limits;
     std::string listen = "127.0.0.1:8765";
     std::vector<std::string> newUsers;
     for (int i = 1; i < argc; ++i) {
@@ -55,6 +49,8 @@ int main(int argc, char** argv)
             listen = argv[++i];
         else if (arg == "--token-ttl" && i + 1 < argc)
             options.tokenLifetimeSeconds = std::atoll(argv[++i]);
+        else if (arg == "--max-body-mb" && i + 1 < argc && std::atoll(argv[i + 1]) > 0)
+            limits.bodyBytes = std::uint64_t(std::atoll(argv[++i])) << 20;
         else if (arg == "--delay-ms" && i + 1 < argc)
             faults.setDelayMs(std::atoi(argv[++i]));
         else if (arg == "--fail" && i + 1 < argc && faults.addFailure(argv[i + 1]))
@@ -90,11 +86,8 @@ int main(int argc, char** argv)
         if (service.addUser(user.substr(0, colon), user.substr(colon + 1), taken))
             std::printf("added user %s\n", user.substr(0, colon).c_str());
     }
-    norva::service::HttpServer server([&service, &faults](const norva::service::HttpRequest& request) {
-        if (std::optional<norva::service::HttpResponse> fault = faults.intercept(request))
-            return *fault;
-        return service.handle(request);
-    });
+    limits.spoolFolder = service.spoolFolder();
+    norva::service::HttpServer server(limits);
     if (!server.listen(host, std::atoi(listen.c_str() + colon + 1), error)) {
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
         return 1;
@@ -109,11 +102,13 @@ int main(int argc, char** argv)
     std::printf("listening on %s:%d\n", host.c_str(), server.port());
     std::fflush(stdout);
 
-    running = &server;
-    std::signal(SIGINT, stopOnSignal);
-    std::signal(SIGTERM, stopOnSignal);
-    std::signal(SIGPIPE, SIG_IGN);
-    server.run();
-    running = nullptr;
+    server.stopOnSignals();
+    const norva::service::HttpHandler handler = [&service, &faults](const norva::service::HttpRequest& request) {
+        if (std::optional<norva::service::HttpResponse> fault = faults.intercept(request))
+            return *fault;
+        return service.handle(request);
+    };
+    server.run([&handler](norva::service::HttpConnection& connection) { serveRequests(connection, handler); });
+    std::printf("stopped\n");
     return 0;
 }

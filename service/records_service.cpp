@@ -12,6 +12,8 @@
 #include <QUuid>
 
 #include <algorithm>
+#include <fstream>
+#include <memory>
 
 namespace norva::service {
 
@@ -182,6 +184,11 @@ RecordsService::RecordsService(ServiceOptions options) : options(std::move(optio
     addRoutes();
 }
 
+std::string RecordsService::spoolFolder() const
+{
+    return options.dataFolder + "/incoming";
+}
+
 std::string RecordsService::filePath(long long id) const
 {
     return options.dataFolder + "/files/" + std::to_string(id);
@@ -189,7 +196,10 @@ std::string RecordsService::filePath(long long id) const
 
 bool RecordsService::open(std::string& error, bool& seeded)
 {
-    if (!QDir().mkpath(QString::fromStdString(options.dataFolder + "/files"))) {
+    // Bodies spooled by a run that was killed are of no use to anybody.
+    QDir(QString::fromStdString(spoolFolder())).removeRecursively();
+    if (!QDir().mkpath(QString::fromStdString(options.dataFolder + "/files"))
+        || !QDir().mkpath(QString::fromStdString(spoolFolder()))) {
         error = "cannot create the data folder " + options.dataFolder;
         return false;
     }
@@ -406,18 +416,18 @@ void RecordsService::addRoutes()
     post("/kvr/authority/selectUserByPage", [selectUsers](Call& call) { return selectUsers(call, true); });
 
     // ---- Original files --------------------------------------------------
-    const auto storeFile = [this](const FormField& file, const QJsonObject& info, long long owner) -> long long {
+    const auto storeFile = [this](std::istream& form, const FormField& file, const QJsonObject& info, long long owner) {
         const QString name = QString::fromStdString(file.filename);
         db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
                   "createuserid, parentid, type, source, isError, size, createtime, owner) "
                   "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
                   {name, QUuid::createUuid().toString(QUuid::WithoutBraces), QStringLiteral("local"), suffixOf(name),
                    field(info, "zkcompanycode"), field(info, "createuserid"), field(info, "parentid"),
-                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.body.size()), now(),
+                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.size), now(),
                    double(owner)});
         const long long id = db.lastInsertId();
-        QFile out(QString::fromStdString(filePath(id)));
-        if (!out.open(QIODevice::WriteOnly) || out.write(file.body.data(), qint64(file.body.size())) != qint64(file.body.size()))
+        std::ofstream out(filePath(id), std::ios::binary | std::ios::trunc);
+        if (!copyPart(form, file, out))
             throw std::runtime_error("cannot store the file");
         return id;
     };
@@ -426,19 +436,22 @@ void RecordsService::addRoutes()
                   {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
                    double(owner)});
     };
-    const auto readUpload = [](Call& call, std::vector<FormField>& fields, QJsonObject& data) {
-        if (!readForm(call.request.body, formBoundary(call.request.header("Content-Type")), fields))
+    // The form's parts are found in the spooled body; only the data part is read.
+    const auto readUpload = [](Call& call, std::istream& form, std::vector<FormField>& fields, QJsonObject& data) {
+        if (!readForm(form, formBoundary(call.request.header("Content-Type")), fields))
             return false;
         const auto dataPart = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "data"; });
-        if (dataPart == fields.end())
+        std::string text;
+        if (dataPart == fields.end() || !readPart(form, *dataPart, text, 1 << 20))
             return false;
-        data = QJsonDocument::fromJson(QByteArray::fromStdString(dataPart->body)).object();
+        data = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
         return true;
     };
     const auto uploadOne = [this, readUpload, storeFile, share](Call& call, bool withShare) {
+        const std::unique_ptr<std::istream> form = call.request.openBody();
         std::vector<FormField> fields;
         QJsonObject data;
-        if (!readUpload(call, fields, data))
+        if (!readUpload(call, *form, fields, data))
             return refuse("the form needs a file part and a data part");
         const auto file = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "file"; });
         if (file == fields.end())
@@ -446,7 +459,7 @@ void RecordsService::addRoutes()
         const QJsonObject info = field(data, "fileInfo").toObject();
         db.execute("BEGIN");
         try {
-            const long long id = storeFile(*file, info, call.userId);
+            const long long id = storeFile(*form, *file, info, call.userId);
             const QJsonObject error = field(data, "errorInfo").toObject();
             if (data.contains("errorInfo"))
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
@@ -464,9 +477,10 @@ void RecordsService::addRoutes()
         }
     };
     const auto uploadMany = [this, readUpload, storeFile, share](Call& call, bool withShare) {
+        const std::unique_ptr<std::istream> form = call.request.openBody();
         std::vector<FormField> fields;
         QJsonObject data;
-        if (!readUpload(call, fields, data))
+        if (!readUpload(call, *form, fields, data))
             return refuse("the form needs a data part");
         QJsonArray ids;
         db.execute("BEGIN");
@@ -474,7 +488,7 @@ void RecordsService::addRoutes()
             for (const FormField& file : fields) {
                 if (file.name != "multipartFiles")
                     continue;
-                const long long id = storeFile(file, data, call.userId);
+                const long long id = storeFile(*form, file, data, call.userId);
                 if (withShare)
                     share(data, id, call.userId);
                 ids.append(double(id));
@@ -496,14 +510,13 @@ void RecordsService::addRoutes()
     const auto sendFile = [this](long long id, int missingStatus) {
         const QJsonArray rows =
             db.query("SELECT origfilename FROM original_files WHERE id = ? AND delflag = 0", {double(id)});
-        QFile file(QString::fromStdString(filePath(id)));
-        if (rows.isEmpty() || !file.open(QIODevice::ReadOnly))
+        if (rows.isEmpty() || !QFile::exists(QString::fromStdString(filePath(id))))
             return HttpResponse::text(missingStatus, missingStatus == 204 ? "" : "no such file\n");
         HttpResponse response;
         response.headers = {{"Content-Type", "application/octet-stream"},
                             {"Content-Disposition", "attachment;filename="
                                                         + percentEncode(rows.first().toObject().value("origfilename").toString().toStdString())}};
-        response.body = file.readAll().toStdString();
+        response.bodyFile = filePath(id);
         return response;
     };
     post("/kvr/originalFile/downloadFile", [sendFile](Call& call) {

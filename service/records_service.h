@@ -33,6 +33,9 @@ public:
     // set when the name is taken.
     bool addUser(const std::string& name, const std::string& password, std::string& error);
 
+    // Where request bodies are spooled as they arrive; emptied by open().
+    std::string spoolFolder() const;
+
     static constexpr const char* seededUser = "norva";
     static constexpr const char* seededPassword = "norva";
 

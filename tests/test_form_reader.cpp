@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sstream>
+
 using namespace testing_support;
 using norva::service::FormField;
 
@@ -21,7 +23,8 @@ private slots:
     void dispositions();
     void readsTheLibrarysSingleFileForm();
     void readsTheLibrarysFolderForm();
-    void refusesBrokenForms();
+    void rawForms_data();
+    void rawForms();
 
 private:
     RecordedRequest upload(OperationFunction operation, const QString& path)
@@ -31,13 +34,28 @@ private:
                                      .arg(service.address(), path));
         return service.lastRequest();
     }
-    static std::vector<FormField> read(const RecordedRequest& request)
+    struct Part {
+        FormField field;
+        std::string content;
+    };
+    // The parts of a form with their content; none when it is not complete.
+    static std::vector<Part> readParts(const std::string& body, const std::string& boundary)
     {
+        std::istringstream in(body);
         std::vector<FormField> fields;
-        const bool complete = norva::service::readForm(request.body.toStdString(),
-                                                       norva::service::formBoundary(request.header("Content-Type").toStdString()),
-                                                       fields);
-        return complete ? fields : std::vector<FormField>{};
+        std::vector<Part> parts;
+        if (!norva::service::readForm(in, boundary, fields))
+            return parts;
+        for (const FormField& field : fields) {
+            parts.push_back({field, std::string()});
+            norva::service::readPart(in, field, parts.back().content, field.size);
+        }
+        return parts;
+    }
+    static std::vector<Part> read(const RecordedRequest& request)
+    {
+        return readParts(request.body.toStdString(),
+                         norva::service::formBoundary(request.header("Content-Type").toStdString()));
     }
     TestService service;
     QTemporaryDir folder;
@@ -83,13 +101,13 @@ void FormReaderTest::readsTheLibrarysSingleFileForm()
     file.write(content);
     file.close();
 
-    const std::vector<FormField> fields = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_file, path));
-    QCOMPARE(fields.size(), size_t(2));
-    QCOMPARE(QString::fromStdString(fields[0].name), QStringLiteral("file"));
-    QCOMPARE(QString::fromStdString(fields[0].filename), QString::fromUtf8("top layer é.gbr"));
-    QCOMPARE(QByteArray::fromStdString(fields[0].body), content);
-    QCOMPARE(QString::fromStdString(fields[1].name), QStringLiteral("data"));
-    QVERIFY(QByteArray::fromStdString(fields[1].body).startsWith(R"({"errorInfo":{)"));
+    const std::vector<Part> parts = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_file, path));
+    QCOMPARE(parts.size(), size_t(2));
+    QCOMPARE(QString::fromStdString(parts[0].field.name), QStringLiteral("file"));
+    QCOMPARE(QString::fromStdString(parts[0].field.filename), QString::fromUtf8("top layer é.gbr"));
+    QCOMPARE(QByteArray::fromStdString(parts[0].content), content);
+    QCOMPARE(QString::fromStdString(parts[1].field.name), QStringLiteral("data"));
+    QVERIFY(QByteArray::fromStdString(parts[1].content).startsWith(R"({"errorInfo":{)"));
 }
 
 void FormReaderTest::readsTheLibrarysFolderForm()
@@ -100,28 +118,48 @@ void FormReaderTest::readsTheLibrarysFolderForm()
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(QByteArray("content of ") + name);
     }
-    const std::vector<FormField> fields = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_files, folder.filePath("many")));
-    QCOMPARE(fields.size(), size_t(4));
+    const std::vector<Part> parts = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_files, folder.filePath("many")));
+    QCOMPARE(parts.size(), size_t(4));
     QStringList names;
     for (std::size_t i = 0; i < 3; ++i) {
-        QCOMPARE(QString::fromStdString(fields[i].name), QStringLiteral("multipartFiles"));
-        QCOMPARE(fields[i].body, "content of " + fields[i].filename);
-        names << QString::fromStdString(fields[i].filename);
+        QCOMPARE(QString::fromStdString(parts[i].field.name), QStringLiteral("multipartFiles"));
+        QCOMPARE(parts[i].content, "content of " + parts[i].field.filename);
+        names << QString::fromStdString(parts[i].field.filename);
     }
     names.sort();
     QCOMPARE(names, (QStringList{".hidden", "one.brd", "two words.gbr"}));
-    QCOMPARE(QString::fromStdString(fields[3].body), QStringLiteral(R"({"createuserid":4,"parentid":0,"source":0,"type":0,"zkcompanycode":""})"));
+    QCOMPARE(QString::fromStdString(parts[3].content), QStringLiteral(R"({"createuserid":4,"parentid":0,"source":0,"type":0,"zkcompanycode":""})"));
 }
 
-void FormReaderTest::refusesBrokenForms()
+void FormReaderTest::rawForms_data()
 {
-    std::vector<FormField> fields;
-    QVERIFY(!norva::service::readForm("--b\r\nContent-Disposition: form-data;name=x\r\n\r\nno end", "b", fields));
-    QVERIFY(!norva::service::readForm("anything", "", fields));
-    QVERIFY(!norva::service::readForm("--b\r\nno blank line", "b", fields));
-    fields.clear();
-    QVERIFY(norva::service::readForm("--b\r\nContent-Disposition: form-data;name=x\r\n\r\nv\r\n--b--\r\n", "b", fields));
-    QCOMPARE(fields.size(), size_t(1));
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("boundary");
+    QTest::addColumn<int>("parts");            // -1: not a complete form
+    QTest::addColumn<QByteArray>("lastContent");
+    const QByteArray head = "--b\r\nContent-Disposition: form-data;name=x\r\n\r\n";
+    QTest::newRow("no closing delimiter") << head + "no end" << QByteArray("b") << -1 << QByteArray();
+    QTest::newRow("no boundary") << QByteArray("anything") << QByteArray() << -1 << QByteArray();
+    QTest::newRow("no blank line") << QByteArray("--b\r\nno blank line") << QByteArray("b") << -1 << QByteArray();
+    QTest::newRow("one part") << head + "v\r\n--b--\r\n" << QByteArray("b") << 1 << QByteArray("v");
+    // The reader looks through a window of 64 KiB: a delimiter across its edge.
+    for (const int size : {65536 - 4, 65536 - 1, 65536 + 3}) {
+        const QByteArray content(size - head.size(), 'c');
+        QTest::addRow("delimiter at %d", size) << head + content + "\r\n--b\r\n" + head.mid(5) + "z\r\n--b--"
+                                               << QByteArray("b") << 2 << QByteArray("z");
+    }
+}
+
+void FormReaderTest::rawForms()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, boundary);
+    QFETCH(int, parts);
+    QFETCH(QByteArray, lastContent);
+    const std::vector<Part> read = readParts(body.toStdString(), boundary.toStdString());
+    QCOMPARE(int(read.size()), std::max(parts, 0));
+    if (parts > 0)
+        QCOMPARE(QByteArray::fromStdString(read.back().content), lastContent);
     QCOMPARE(QString::fromStdString(norva::service::formBoundary("multipart/form-data; boundary=\"q;x\"")), QStringLiteral("q;x"));
 }
 

@@ -1,7 +1,5 @@
 #include "support/test_service.h"
 
-#include "support/loopback_socket.h"
-
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
@@ -14,108 +12,6 @@ bool sameName(const QByteArray& a, const QByteArray& b)
 {
     return a.compare(b, Qt::CaseInsensitive) == 0;
 }
-
-QByteArray reasonPhrase(int status)
-{
-    switch (status) {
-    case 200: return "OK";
-    case 204: return "No Content";
-    case 301: return "Moved Permanently";
-    case 302: return "Found";
-    case 402: return "Payment Required";
-    case 404: return "Not Found";
-    case 500: return "Internal Server Error";
-    default: return "Status";
-    }
-}
-
-// One accepted connection; closes it, the peer seeing the end of the stream.
-class Connection
-{
-public:
-    explicit Connection(net::Handle socket) : socket(socket) {}
-    ~Connection()
-    {
-        net::shutdownSending(socket);
-        net::close(socket);
-    }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    void writeAll(const QByteArray& bytes)
-    {
-        long done = 0;
-        while (done < bytes.size()) {
-            const long n = net::sendSome(socket, bytes.constData() + done, long(bytes.size()) - done);
-            if (n <= 0)
-                return;
-            done += n;
-        }
-    }
-
-    // Reads into `buffer` until it holds `wanted` bytes or the peer stops.
-    bool readUntil(QByteArray& buffer, qint64 wanted)
-    {
-        while (buffer.size() < wanted) {
-            if (!readMore(buffer))
-                return false;
-        }
-        return true;
-    }
-
-    bool readHead(QByteArray& buffer, int& headEnd)
-    {
-        while ((headEnd = buffer.indexOf("\r\n\r\n")) < 0) {
-            if (!readMore(buffer))
-                return false;
-        }
-        headEnd += 4;
-        return true;
-    }
-
-    // Decodes a chunked body that starts at `from`; reads more as needed.
-    bool readChunked(QByteArray& buffer, int from, QByteArray& body)
-    {
-        int at = from;
-        for (;;) {
-            int lineEnd;
-            while ((lineEnd = buffer.indexOf("\r\n", at)) < 0) {
-                if (!readMore(buffer))
-                    return false;
-            }
-            const int size = buffer.mid(at, lineEnd - at).split(';').first().trimmed().toInt(nullptr, 16);
-            at = lineEnd + 2;
-            if (!readUntil(buffer, qint64(at) + size + 2))
-                return false;
-            if (size == 0)
-                return true;
-            body.append(buffer.mid(at, size));
-            at += size + 2;
-        }
-    }
-
-    // Silent until the client gives up (or `stopping`, or 30 s pass).
-    void waitForPeerToClose(const std::atomic<bool>& stopping)
-    {
-        for (int waited = 0; waited < 30000 && !stopping; waited += 50) {
-            if (net::peerClosedWithin(socket, 50))
-                return;
-        }
-    }
-
-private:
-    bool readMore(QByteArray& buffer)
-    {
-        char chunk[65536];
-        const long n = net::receive(socket, chunk, sizeof chunk);
-        if (n <= 0)
-            return false;
-        buffer.append(chunk, int(n));
-        return true;
-    }
-
-    const net::Handle socket;
-};
 
 } // namespace
 
@@ -201,28 +97,20 @@ ScriptedReply ScriptedReply::stall()
 TestService::TestService()
 {
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
-    listener = net::listenOnLoopback(boundPort);
-    if (listener == net::invalid)
-        throw std::runtime_error("test service: cannot listen on loopback");
-    acceptor = std::thread([this] {
-        while (!stopping) {
-            const net::Handle connection = net::acceptWithin(listener, 50);
-            if (connection != net::invalid)
-                startServing(connection);
-        }
-    });
+    norva::service::HttpLimits limits;
+    limits.bodyBytes = limits.memoryBodyBytes = std::size_t(1) << 40; // tests decide what they send
+    server = std::make_unique<norva::service::HttpServer>(limits);
+    std::string error;
+    if (!server->listen("127.0.0.1", 0, error))
+        throw std::runtime_error("test service: " + error);
+    boundPort = std::uint16_t(server->port());
+    serving = std::thread([this] { server->run([this](norva::service::HttpConnection& c) { serve(c); }); });
 }
 
 TestService::~TestService()
 {
-    stopping = true;
-    stopped.notify_all();
-    acceptor.join();
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        stopped.wait(lock, [this] { return activeWorkers == 0; });
-    }
-    net::close(listener);
+    server->stop();
+    serving.join();
 }
 
 QString TestService::address() const
@@ -301,47 +189,31 @@ ScriptedReply TestService::nextReply(const QByteArray& path)
     return reply;
 }
 
-void TestService::startServing(std::intptr_t socket)
+void TestService::serve(norva::service::HttpConnection& connection)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
         ++activeWorkers;
     }
-    std::thread([this, socket] {
-        serve(socket);
+    const auto done = [this](void*) {
         std::lock_guard<std::mutex> lock(mutex);
         --activeWorkers;
         stopped.notify_all();
-    }).detach();
-}
+    };
+    const std::unique_ptr<void, decltype(done)> counted(this, done);
 
-void TestService::serve(std::intptr_t socket)
-{
-    Connection connection(socket);
-    QByteArray buffer;
-    int headEnd = 0;
-    if (!connection.readHead(buffer, headEnd))
+    norva::service::HttpRequest head;
+    std::string raw;
+    const auto read = connection.readRequest(head, &raw);
+    if (read == norva::service::HttpConnection::Read::None)
         return;
     RecordedRequest request;
-    const QList<QByteArray> lines = buffer.left(headEnd - 4).split('\n');
-    const QList<QByteArray> requestLine = lines.value(0).trimmed().split(' ');
-    request.method = requestLine.value(0);
-    request.target = requestLine.value(1);
-    for (int i = 1; i < lines.size(); ++i) {
-        const QByteArray line = lines.at(i).endsWith('\r') ? lines.at(i).chopped(1) : lines.at(i);
-        const int colon = line.indexOf(':');
-        if (colon > 0)
-            request.headers.append({line.left(colon), line.mid(colon + 1).trimmed()});
-    }
-    bool complete = true;
-    if (request.header("Transfer-Encoding").toLower() == "chunked") {
-        complete = connection.readChunked(buffer, headEnd, request.body);
-    } else {
-        const qint64 length = request.header("Content-Length").toLongLong();
-        complete = connection.readUntil(buffer, headEnd + length);
-        request.body = buffer.mid(headEnd, int(length));
-    }
-    request.raw = buffer;
+    request.method = QByteArray::fromStdString(head.method);
+    request.target = QByteArray::fromStdString(head.target);
+    for (const auto& h : head.headers)
+        request.headers.append({QByteArray::fromStdString(h.first), QByteArray::fromStdString(h.second)});
+    request.body = QByteArray::fromStdString(head.body);
+    request.raw = QByteArray::fromStdString(raw);
     {
         std::lock_guard<std::mutex> lock(mutex);
         ++requestsSeen;
@@ -351,28 +223,28 @@ void TestService::serve(std::intptr_t socket)
     const ScriptedReply reply = nextReply(request.path());
     if (reply.delayMs > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
-    if (!complete)
+    if (read == norva::service::HttpConnection::Read::Partial)
         return;
+    constexpr std::chrono::seconds silence(30);
     switch (reply.kind) {
     case ScriptedReply::Kind::Answer: {
-        QByteArray head = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + reasonPhrase(reply.status) + "\r\n";
+        norva::service::HttpResponse answer;
+        answer.status = reply.status;
         for (const auto& h : reply.headers)
-            head += h.first + ": " + h.second + "\r\n";
-        if (reply.status != 204)
-            head += "Content-Length: " + QByteArray::number(reply.body.size()) + "\r\n";
-        head += "Connection: close\r\n\r\n";
-        connection.writeAll(head + (reply.status == 204 ? QByteArray() : reply.body));
+            answer.headers.emplace_back(h.first.toStdString(), h.second.toStdString());
+        answer.body = reply.body.toStdString();
+        connection.write(answer, false);
         break;
     }
     case ScriptedReply::Kind::Raw:
-        connection.writeAll(reply.body);
+        connection.writeRaw(reply.body.toStdString());
         if (reply.stallAfterwards)
-            connection.waitForPeerToClose(stopping);
+            connection.waitForPeerToClose(silence);
         break;
     case ScriptedReply::Kind::CloseWithoutAnswer:
         break;
     case ScriptedReply::Kind::Stall:
-        connection.waitForPeerToClose(stopping);
+        connection.waitForPeerToClose(silence);
         break;
     }
 }
@@ -388,7 +260,10 @@ RecordedRequest TestService::fullestRequest() const
 
 QString refusedAddress()
 {
-    return QStringLiteral("127.0.0.1:%1").arg(net::unusedPort());
+    norva::service::HttpServer probe;
+    std::string error;
+    probe.listen("127.0.0.1", 0, error);
+    return QStringLiteral("127.0.0.1:%1").arg(probe.port());
 }
 
 } // namespace testing_support

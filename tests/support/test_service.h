@@ -5,15 +5,17 @@
 // came over the wire, and answers each with the next scripted reply.
 #pragma once
 
+#include "http_server.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QPair>
 #include <QString>
 
-#include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -89,15 +91,14 @@ public:
     void reset(); // forgets requests and script, restores the default reply
 
 private:
-    void startServing(std::intptr_t socket);
-    void serve(std::intptr_t socket);
+    // One request a connection, on the service's own HTTP layer.
+    void serve(norva::service::HttpConnection& connection);
     ScriptedReply nextReply(const QByteArray& path);
 
-    std::intptr_t listener = -1;
+    std::unique_ptr<norva::service::HttpServer> server;
     std::uint16_t boundPort = 0;
-    std::atomic<bool> stopping{false};
-    std::thread acceptor;
-    int activeWorkers = 0; // connections being served, on detached threads
+    std::thread serving;
+    int activeWorkers = 0; // connections being served
 
     mutable std::mutex mutex;
     std::condition_variable stopped;
