@@ -133,6 +133,8 @@ public:
         if (ec) {
             if (ec == http::error::header_limit)
                 refuse(431);
+            else if (ec == http::error::body_limit) // a Content-Length beyond the limit
+                refuse(413);
             else if (isMalformed(ec))
                 refuse(400);
             return Read::None;

@@ -163,6 +163,9 @@ void EndToEndTest::restartKeepsTheData()
         QVERIFY(first.start(data));
         board = upload(first.address, login(first.address), source);
         QVERIFY(board > 0);
+        first.stop(); // SIGTERM: a clean stop
+        QCOMPARE(first.process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(first.process.exitCode(), 0);
     }
     LocalService second;
     QVERIFY(second.start(data));
@@ -316,7 +319,7 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
 void EndToEndTest::badRequestsAndSeveralClients()
 {
     LocalService service;
-    QVERIFY(service.start(folder.filePath("data-clients")));
+    QVERIFY(service.start(folder.filePath("data-clients"), {"--max-body-mb", "1"}));
     const auto rawExchange = [&service](const QByteArray& request) {
         QTcpSocket socket;
         socket.connectToHost("127.0.0.1", service.address.section(':', 1).toUShort());
@@ -328,11 +331,24 @@ void EndToEndTest::badRequestsAndSeveralClients()
             answer += socket.readAll();
         return answer;
     };
-    QVERIFY(rawExchange("GARBAGE\r\n\r\n").startsWith("HTTP/1.1 400"));
-    QVERIFY(rawExchange("POST /kvr/authority/login HTTP/1.1\r\nContent-Length: many\r\n\r\n").startsWith("HTTP/1.1 400"));
-    QVERIFY(rawExchange("POST /kvr/authority/login HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: 3\r\nConnection: close\r\n\r\n{x}")
-                .contains(R"("code":400)"));
-    QVERIFY(rawExchange("GET /nowhere HTTP/1.1\r\nConnection: close\r\n\r\n").startsWith("HTTP/1.1 404"));
+    const QByteArray json = "POST /kvr/authority/login HTTP/1.1\r\nContent-Type: application/json\r\n";
+    const QList<QPair<QByteArray, QByteArray>> exchanges = {
+        {"GARBAGE\r\n\r\n", "HTTP/1.1 400"},
+        {"POST /kvr/authority/login HTTP/1.1\r\nContent-Length: many\r\n\r\n", "HTTP/1.1 400"},
+        {json + "Content-Length: 3\r\nConnection: close\r\n\r\n{x}", R"("code":400)"},
+        {"GET /nowhere HTTP/1.1\r\nConnection: close\r\n\r\n", "HTTP/1.1 404"},
+        {"GET /x HTTP/1.1\r\nX-Long: " + QByteArray(70000, 'x') + "\r\n\r\n", "HTTP/1.1 431"},
+        // Over --max-body-mb 1: refused from the head, before any of the body.
+        {"POST /kvr/originalFile/uploadFile HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+         "Content-Length: 1048577\r\n\r\n", "HTTP/1.1 413"},
+        // Two requests in one write: both answered, in order, on one connection.
+        {"GET /nowhere HTTP/1.1\r\n\r\nGET /kvr HTTP/1.1\r\nConnection: close\r\n\r\n", "HTTP/1.1 404"},
+    };
+    for (const auto& exchange : exchanges) {
+        const QByteArray answer = rawExchange(exchange.first);
+        QVERIFY2(answer.startsWith(exchange.second) || answer.contains(exchange.second), answer.left(200).constData());
+        QCOMPARE(answer.count("HTTP/1.1 "), exchange.first.count(" HTTP/1.1\r\n") > 1 && answer.startsWith("HTTP/1.1 404") ? 2 : 1);
+    }
 
     // Eight clients at once, each its own process.
     std::vector<std::unique_ptr<QProcess>> clients;

@@ -1,0 +1,155 @@
+// A large file through the library into norva-records-service and back: the
+// bytes must come back equal, and the service's peak resident memory shows
+// that it streams (bodies spooled to disk, downloads read from disk).
+//
+//   bench_service_round_trip SERVICE [MiB (default 2048)]
+#include "norva_api_qt.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace NORVA::NORVA_API_QT;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+QJsonObject call(std::string (*operation)(std::string), const QJsonObject& argument)
+{
+    // The library echoes each result on standard output; the figures go to stderr.
+    std::fflush(stdout);
+    const int saved = ::dup(1);
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::close(null);
+    const std::string result = operation(QJsonDocument(argument).toJson(QJsonDocument::Compact).toStdString());
+    std::fflush(stdout);
+    ::dup2(saved, 1);
+    ::close(saved);
+    return QJsonDocument::fromJson(QByteArray::fromStdString(result)).object();
+}
+
+bool writeSource(const std::string& path, std::uint64_t bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    std::vector<std::uint64_t> block((1 << 20) / 8);
+    std::uint64_t state = 0x9E3779B97F4A7C15ull;
+    for (std::uint64_t written = 0; written < bytes; written += 1 << 20) {
+        for (std::uint64_t& word : block) { // xorshift: cheap bytes that don't compress
+            state ^= state << 13;
+            state ^= state >> 7;
+            state ^= state << 17;
+            word = state;
+        }
+        out.write(reinterpret_cast<const char*>(block.data()), std::streamsize(std::min<std::uint64_t>(bytes - written, 1 << 20)));
+    }
+    return bool(out.flush());
+}
+
+bool sameBytes(const std::string& a, const std::string& b)
+{
+    std::ifstream left(a, std::ios::binary), right(b, std::ios::binary);
+    std::vector<char> x(1 << 20), y(1 << 20);
+    while (left && right) {
+        left.read(x.data(), std::streamsize(x.size()));
+        right.read(y.data(), std::streamsize(y.size()));
+        if (left.gcount() != right.gcount() || std::memcmp(x.data(), y.data(), std::size_t(left.gcount())) != 0)
+            return false;
+    }
+    return left.eof() && right.eof();
+}
+
+long peakResidentKiB(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::atol(line.c_str() + 6);
+    }
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: bench_service_round_trip SERVICE [MiB]\n");
+        return 2;
+    }
+    const std::uint64_t mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 2048;
+    char scratchName[] = "/tmp/norva-round-trip-XXXXXX";
+    const std::string scratch = ::mkdtemp(scratchName);
+    const std::string source = scratch + "/board.bin";
+    if (!writeSource(source, mib << 20))
+        return 1;
+
+    int output[2];
+    if (::pipe(output) != 0)
+        return 1;
+    const pid_t service = ::fork();
+    if (service == 0) {
+        ::dup2(output[1], 1);
+        ::execl(argv[1], argv[1], "--listen", "127.0.0.1:0", (scratch + "/data").c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ::close(output[1]);
+    std::string printed;
+    char chunk[512];
+    ssize_t n;
+    while (printed.find('\n', printed.find("listening on ")) == std::string::npos
+           && (n = ::read(output[0], chunk, sizeof chunk)) > 0)
+        printed.append(chunk, std::size_t(n));
+    const std::size_t at = printed.find("listening on ");
+    if (at == std::string::npos) {
+        std::fprintf(stderr, "the service did not start\n");
+        return 1;
+    }
+    const QString address = QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13));
+
+    const QJsonObject login = call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+    const QString token = login["data"].toObject()["token"].toString();
+    const int userId = login["data"].toObject()["userId"].toInt();
+
+    const auto upStart = Clock::now();
+    const QJsonObject uploaded = call(norva_sdk_upload_file, {{"ipconfig", address}, {"token", token}, {"file_uploadpath", QString::fromStdString(source)},
+                                                              {"data", QJsonObject{{"fileInfo", QJsonObject{{"createuserid", userId}}}}}});
+    const double upSeconds = std::chrono::duration<double>(Clock::now() - upStart).count();
+    const std::string into = scratch + "/down";
+    ::mkdir(into.c_str(), 0700);
+    const auto downStart = Clock::now();
+    const QJsonObject fetched = call(norva_sdk_download_binary_file,
+                                     {{"ipconfig", address}, {"token", token}, {"file_downloadpath", QString::fromStdString(into)},
+                                      {"data", QJsonObject{{"id", uploaded["Board_Id"]}, {"userId", userId}}}});
+    const double downSeconds = std::chrono::duration<double>(Clock::now() - downStart).count();
+    const long servicePeak = peakResidentKiB(service);
+    ::kill(service, SIGTERM);
+    ::waitpid(service, nullptr, 0);
+
+    const bool equal = fetched["status"].toInt() == 200 && sameBytes(source, into + "/board.bin");
+    rusage self{};
+    ::getrusage(RUSAGE_SELF, &self);
+    const double megabytes = double(mib << 20) / 1e6;
+    std::printf("service round trip of %llu MiB: upload %s (%.0f MB/s), download %s (%.0f MB/s), equal bytes: %s,\n"
+                "  service peak resident %.1f MiB, client peak resident %.1f MiB\n",
+                static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
+                fetched["message"].toString().toUtf8().constData(), megabytes / downSeconds, equal ? "yes" : "NO",
+                double(servicePeak) / 1024, double(self.ru_maxrss) / 1024);
+    std::system(("rm -rf '" + scratch + "'").c_str());
+    return equal ? 0 : 1;
+}
