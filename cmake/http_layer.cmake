@@ -1,5 +1,5 @@
-# The service's HTTP layer on Boost.Beast (headers only), shared with the tests'
-# scripted service. A cross build can't put the host's /usr/include on its
+# The service's HTTP layer on Boost.Beast (headers only) and its form reader,
+# shared with the tests' scripted service and their form checks. A cross build can't put the host's /usr/include on its
 # path, so it sees Boost through a folder of its own.
 find_path(NORVA_BOOST_INCLUDE boost/beast.hpp PATHS /usr/include NO_CMAKE_FIND_ROOT_PATH)
 if(NOT NORVA_BOOST_INCLUDE)
@@ -14,7 +14,7 @@ if(CMAKE_CROSSCOMPILING)
   endif()
 endif()
 
-add_library(norva_http STATIC service/http_server.cpp service/http_server.h)
+add_library(norva_http STATIC service/http_server.cpp service/form_reader.cpp)
 target_include_directories(norva_http PUBLIC ${PROJECT_SOURCE_DIR}/service)
 target_include_directories(norva_http SYSTEM PUBLIC ${norva_boost_include})
 target_link_libraries(norva_http PUBLIC Threads::Threads)

@@ -1,17 +1,12 @@
-// The service's form reader, fed with the exact bytes the library sends.
-#include "support/harness.h"
-
+// The service's form reader on forms as other clients write them, broken ones,
+// and delimiters across the edge of its reading window. (test_transfer reads
+// every form the library sends with it, too.)
 #include "form_reader.h"
-#include "norva_api_qt.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <sstream>
 
-using namespace testing_support;
 using norva::service::FormField;
 
 class FormReaderTest : public QObject
@@ -21,19 +16,10 @@ class FormReaderTest : public QObject
 private slots:
     void dispositions_data();
     void dispositions();
-    void readsTheLibrarysSingleFileForm();
-    void readsTheLibrarysFolderForm();
     void rawForms_data();
     void rawForms();
 
 private:
-    RecordedRequest upload(OperationFunction operation, const QString& path)
-    {
-        service.reset();
-        callOperation(operation, QStringLiteral(R"({"ipconfig":"%1","token":"t","file_uploadpath":"%2","data":{"fileInfo":{"isError":1},"createuserid":4}})")
-                                     .arg(service.address(), path));
-        return service.lastRequest();
-    }
     struct Part {
         FormField field;
         std::string content;
@@ -52,13 +38,6 @@ private:
         }
         return parts;
     }
-    static std::vector<Part> read(const RecordedRequest& request)
-    {
-        return readParts(request.body.toStdString(),
-                         norva::service::formBoundary(request.header("Content-Type").toStdString()));
-    }
-    TestService service;
-    QTemporaryDir folder;
 };
 
 void FormReaderTest::dispositions_data()
@@ -90,45 +69,6 @@ void FormReaderTest::dispositions()
     QCOMPARE(QString::fromStdString(field.name), name);
     QCOMPARE(field.hasFilename, hasFilename);
     QCOMPARE(QString::fromStdString(field.filename), filename);
-}
-
-void FormReaderTest::readsTheLibrarysSingleFileForm()
-{
-    const QString path = folder.filePath(QString::fromUtf8("top layer é.gbr"));
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    const QByteArray content("G04*\r\n--\r\n\0end", 14);
-    file.write(content);
-    file.close();
-
-    const std::vector<Part> parts = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_file, path));
-    QCOMPARE(parts.size(), size_t(2));
-    QCOMPARE(QString::fromStdString(parts[0].field.name), QStringLiteral("file"));
-    QCOMPARE(QString::fromStdString(parts[0].field.filename), QString::fromUtf8("top layer é.gbr"));
-    QCOMPARE(QByteArray::fromStdString(parts[0].content), content);
-    QCOMPARE(QString::fromStdString(parts[1].field.name), QStringLiteral("data"));
-    QVERIFY(QByteArray::fromStdString(parts[1].content).startsWith(R"({"errorInfo":{)"));
-}
-
-void FormReaderTest::readsTheLibrarysFolderForm()
-{
-    QDir(folder.path()).mkpath(QStringLiteral("many"));
-    for (const char* name : {"one.brd", "two words.gbr", ".hidden"}) {
-        QFile file(folder.filePath(QStringLiteral("many/") + QLatin1String(name)));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray("content of ") + name);
-    }
-    const std::vector<Part> parts = read(upload(NORVA::NORVA_API_QT::norva_sdk_upload_files, folder.filePath("many")));
-    QCOMPARE(parts.size(), size_t(4));
-    QStringList names;
-    for (std::size_t i = 0; i < 3; ++i) {
-        QCOMPARE(QString::fromStdString(parts[i].field.name), QStringLiteral("multipartFiles"));
-        QCOMPARE(parts[i].content, "content of " + parts[i].field.filename);
-        names << QString::fromStdString(parts[i].field.filename);
-    }
-    names.sort();
-    QCOMPARE(names, (QStringList{".hidden", "one.brd", "two words.gbr"}));
-    QCOMPARE(QString::fromStdString(parts[3].content), QStringLiteral(R"({"createuserid":4,"parentid":0,"source":0,"type":0,"zkcompanycode":""})"));
 }
 
 void FormReaderTest::rawForms_data()

@@ -6,28 +6,15 @@
 
 namespace testing_support {
 
-namespace {
-
-bool sameName(const QByteArray& a, const QByteArray& b)
-{
-    return a.compare(b, Qt::CaseInsensitive) == 0;
-}
-
-} // namespace
-
 bool RecordedRequest::hasHeader(const QByteArray& name) const
 {
-    for (const auto& h : headers) {
-        if (sameName(h.first, name))
-            return true;
-    }
-    return false;
+    return std::any_of(headers.begin(), headers.end(), [&name](const auto& h) { return h.first.compare(name, Qt::CaseInsensitive) == 0; });
 }
 
 QByteArray RecordedRequest::header(const QByteArray& name) const
 {
     for (const auto& h : headers) {
-        if (sameName(h.first, name))
+        if (h.first.compare(name, Qt::CaseInsensitive) == 0)
             return h.second;
     }
     return QByteArray();
@@ -45,52 +32,12 @@ QByteArray RecordedRequest::query() const
     return q < 0 ? QByteArray() : target.mid(q + 1);
 }
 
-ScriptedReply ScriptedReply::json(const QByteArray& body, int status)
-{
-    ScriptedReply reply;
-    reply.status = status;
-    reply.headers = {{"Content-Type", "application/json"}};
-    reply.body = body;
-    return reply;
-}
-
-ScriptedReply ScriptedReply::withStatus(int status, const QByteArray& body)
-{
-    ScriptedReply reply;
-    reply.status = status;
-    reply.body = body;
-    return reply;
-}
-
 ScriptedReply ScriptedReply::file(const QByteArray& bytes, const QByteArray& contentDisposition)
 {
-    ScriptedReply reply;
+    ScriptedReply reply = withStatus(200, bytes);
     reply.headers = {{"Content-Type", "application/octet-stream"}};
     if (!contentDisposition.isNull())
         reply.headers.append({"Content-Disposition", contentDisposition});
-    reply.body = bytes;
-    return reply;
-}
-
-ScriptedReply ScriptedReply::raw(const QByteArray& bytes)
-{
-    ScriptedReply reply;
-    reply.kind = Kind::Raw;
-    reply.body = bytes;
-    return reply;
-}
-
-ScriptedReply ScriptedReply::closeWithoutAnswer()
-{
-    ScriptedReply reply;
-    reply.kind = Kind::CloseWithoutAnswer;
-    return reply;
-}
-
-ScriptedReply ScriptedReply::stall()
-{
-    ScriptedReply reply;
-    reply.kind = Kind::Stall;
     return reply;
 }
 

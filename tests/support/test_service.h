@@ -53,12 +53,16 @@ struct ScriptedReply {
     HeaderList headers;
     QByteArray body;
 
-    static ScriptedReply json(const QByteArray& body, int status = 200);
-    static ScriptedReply withStatus(int status, const QByteArray& body = QByteArray());
+    static ScriptedReply json(const QByteArray& body, int status = 200)
+    {
+        return {Kind::Answer, status, 0, false, {{"Content-Type", "application/json"}}, body};
+    }
+    static ScriptedReply withStatus(int status, const QByteArray& body = {}) { return {Kind::Answer, status, 0, false, {}, body}; }
+    // A null `contentDisposition` sends none.
     static ScriptedReply file(const QByteArray& bytes, const QByteArray& contentDisposition);
-    static ScriptedReply raw(const QByteArray& bytes);
-    static ScriptedReply closeWithoutAnswer();
-    static ScriptedReply stall();
+    static ScriptedReply raw(const QByteArray& bytes) { return {Kind::Raw, 200, 0, false, {}, bytes}; }
+    static ScriptedReply closeWithoutAnswer() { return {Kind::CloseWithoutAnswer, 200, 0, false, {}, {}}; }
+    static ScriptedReply stall() { return {Kind::Stall, 200, 0, false, {}, {}}; }
 };
 
 class TestService
