@@ -1,5 +1,5 @@
-// Logout, password, user queries, the mall and the planner: token or none, GET
-// queries, and how "msg" is read in each.
+// Login, logout, password, user queries, the mall and the planner: token or
+// none, GET queries, and how "msg" is read in each.
 #include "support/operation_table.h"
 
 #include "norva_api_qt.h"
@@ -8,12 +8,67 @@ using namespace testing_support;
 using namespace NORVA::NORVA_API_QT;
 using namespace NORVA::TAVLIN_KVRAPI_QT;
 
+// Login: every row of its result table, and the arguments a host can get wrong.
+CaseList loginCases()
+{
+    const QString ada = R"({"ipconfig":"$ADDR","username":"ada","password":"pw"})";
+    const Wire adaWire = openPost("/kvr/authority/login", R"({"userName":"ada","userPwd":"pw"})");
+    const QString adaSent = sent(R"({"userName":"ada","userPwd":"pw"})");
+    const auto reply = [](const QByteArray& body) { return ScriptedReply::json(body); };
+    ScriptedReply redirect = ScriptedReply::withStatus(302);
+    redirect.headers = {{"Location", "/elsewhere"}};
+    CaseList cases{
+        {"login code 200 hands back data", norva_sdk_login, ada, reply(R"({"code":200,"msg":"hi","data":{"token":"t1"}})"), adaWire,
+         R"({"data":{"token":"t1"},"message":"login success","status":200})", {}},
+        {"login code 200 without data", norva_sdk_login, ada, reply(R"({"code":200})"), adaWire, R"({"message":"login success","status":200})", {}},
+        {"login 410 returns the sent text, not the reply's data", norva_sdk_login, ada, reply(R"({"code":410,"msg":"no","data":"x"})"), adaWire,
+         R"({"data":)" + adaSent + R"(,"message":"User does not exist","status":410})", {}},
+        {"login 411 returns the sent text", norva_sdk_login, ada, reply(R"({"code":411})"), adaWire,
+         R"({"data":)" + adaSent + R"(,"message":"Wrong password","status":411})", {}},
+        {"login 412 carries msg and data", norva_sdk_login, ada, reply(R"({"code":412,"msg":"locked","data":[1]})"), adaWire,
+         R"({"Error_info":"locked","data":[1],"message":"login fail","status":412})", {}},
+        {"login 412 without msg or data", norva_sdk_login, ada, reply(R"({"code":412})"), adaWire,
+         R"({"Error_info":null,"message":"login fail","status":412})", {}},
+        {"login 412 keeps a numeric msg as a number", norva_sdk_login, ada, reply(R"({"code":412,"msg":7})"), adaWire,
+         R"({"Error_info":7,"message":"login fail","status":412})", {}},
+        {"login other code", norva_sdk_login, ada, reply(R"({"code":500,"msg":"boom","data":null})"), adaWire,
+         R"({"Error_info":"boom","data":null,"message":"login fail","status":400})", {}},
+        {"login code as the text 200 counts as 0", norva_sdk_login, ada, reply(R"({"code":"200","data":1})"), adaWire,
+         R"({"Error_info":null,"data":1,"message":"login fail","status":400})", {}},
+        {"login a JSON array reply has code 0", norva_sdk_login, ada, reply("[]"), adaWire,
+         R"({"Error_info":null,"message":"login fail","status":400})", {}},
+        {"login a redirect is not followed", norva_sdk_login, ada, redirect, adaWire, R"({"message":"request fail","status":400})", {}},
+        {"login peer closes without answering", norva_sdk_login, ada, ScriptedReply::closeWithoutAnswer(), adaWire,
+         R"({"message":"Server shuts down","status":400})", {}},
+        {"login missing password leaves the key out", norva_sdk_login, R"({"ipconfig":"$ADDR","username":"ada"})", reply(R"({"code":411})"),
+         openPost("/kvr/authority/login", R"({"userName":"ada"})"), R"({"data":"{\"userName\":\"ada\"}","message":"Wrong password","status":411})", {}},
+        {"login neither name nor password sends {}", norva_sdk_login, R"({"ipconfig":"$ADDR"})", reply(R"({"code":410})"),
+         openPost("/kvr/authority/login", "{}"), R"({"data":"{}","message":"User does not exist","status":410})", {}},
+        {"login a numeric password goes out as a number", norva_sdk_login, R"({"ipconfig":"$ADDR","username":"ada","password":1234})",
+         reply(R"({"code":200,"data":"t"})"), openPost("/kvr/authority/login", R"({"userName":"ada","userPwd":1234})"),
+         R"({"data":"t","message":"login success","status":200})", {}},
+        {"login non-ASCII text travels as UTF-8 both ways", norva_sdk_login,
+         QString::fromUtf8(R"({"ipconfig":"$ADDR","username":"Zoë 测试","password":"pw"})"),
+         reply(QString::fromUtf8(R"({"code":200,"data":"Zoë 测试"})").toUtf8()),
+         openPost("/kvr/authority/login", QString::fromUtf8(R"({"userName":"Zoë 测试","userPwd":"pw"})").toUtf8()),
+         QString::fromUtf8(R"({"data":"Zoë 测试","message":"login success","status":200})"), {}},
+        {"login a top-level array has no keys, so no address", norva_sdk_login, "[]", ScriptedReply(), nothingSent(),
+         R"({"message":"Server shuts down","status":400})", {}},
+    };
+    const CaseList http = httpClassCases("login", norva_sdk_login, ada, adaWire, false, adaSent);
+    cases.insert(cases.end(), http.begin(), http.end());
+    const CaseList arguments = argumentFailureCases("login", norva_sdk_login);
+    cases.insert(cases.end(), arguments.begin(), arguments.end());
+    return cases;
+}
+
 CaseList familyCases()
 {
     const char* json = "application/json";
     const char* form = "application/x-www-form-urlencoded";
 
-    CaseList cases{
+    CaseList cases = loginCases();
+    const CaseList accounts{
         {"logout success, no token header", norva_sdk_logout, R"({"id":4})", ScriptedReply::json(R"({"code":200,"data":"bye"})"),
          openPost("/kvr/authority/logOut", R"({"id":4})"), R"({"data":"bye","message":"log out success","status":200})", {}},
         {"logout refusal has error_msg and logoutdata", norva_sdk_logout, R"({"id":"4"})",
@@ -76,6 +131,7 @@ CaseList familyCases()
     };
 
     const auto add = [&cases](const CaseList& more) { cases.insert(cases.end(), more.begin(), more.end()); };
+    add(accounts);
     add(httpClassCases("logout", norva_sdk_logout, "{}", openPost("/kvr/authority/logOut", R"({"id":0})"), false, R"("{\"id\":0}")"));
     add(httpClassCases("update_password", norva_sdk_update_password, "{}",
                        post("/kvr/authority/updateUser", R"({"id":0,"userPwd":""})"), true, R"("{\"id\":0,\"userPwd\":\"\"}")"));
