@@ -476,6 +476,8 @@ void serveRequests(HttpConnection& connection, const HttpHandler& handler)
             response = handler(request);
         } catch (const std::exception& e) {
             response = HttpResponse::text(500, e.what());
+        } catch (...) {
+            response = HttpResponse::text(500, "unexpected failure\n");
         }
         if (response.dropConnection || !connection.write(response, request.keepAlive) || !request.keepAlive)
             return;

@@ -163,6 +163,7 @@ void EndToEndTest::restartKeepsTheData()
         QVERIFY(first.start(data));
         board = upload(first.address, login(first.address), source);
         QVERIFY(board > 0);
+        QVERIFY(QDir(data + "/incoming").isEmpty()); // the spooled form went with its request
         first.stop(); // SIGTERM: a clean stop
         QCOMPARE(first.process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(first.process.exitCode(), 0);
