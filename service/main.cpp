@@ -6,6 +6,7 @@
 #include "http_server.h"
 #include "records_service.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,7 @@ int usage(int code)
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
                 "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
+                "  --idle-seconds N  how long a connection may stay silent (default 30)\n"
                 "  data-folder  where the database and file contents live (default ./norva-data)\n"
                 "  --add-user NAME:PASSWORD  add a user when the data folder has none of that name (repeatable)\n"
                 "faults, for testing a host's error paths:\n"
@@ -51,6 +53,8 @@ int main(int argc, char** argv)
             options.tokenLifetimeSeconds = std::atoll(argv[++i]);
         else if (arg == "--max-body-mb" && i + 1 < argc && std::atoll(argv[i + 1]) > 0)
             limits.bodyBytes = std::uint64_t(std::atoll(argv[++i])) << 20;
+        else if (arg == "--idle-seconds" && i + 1 < argc && std::atoi(argv[i + 1]) > 0)
+            limits.idle = std::chrono::seconds(std::atoi(argv[++i]));
         else if (arg == "--delay-ms" && i + 1 < argc)
             faults.setDelayMs(std::atoi(argv[++i]));
         else if (arg == "--fail" && i + 1 < argc && faults.addFailure(argv[i + 1]))
