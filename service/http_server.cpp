@@ -130,15 +130,8 @@ public:
         parser.body_limit(limits.bodyBytes);
         error_code ec;
         http::read_header(timed, buffer, parser, ec);
-        if (ec) {
-            if (ec == http::error::header_limit)
-                refuse(431);
-            else if (ec == http::error::body_limit) // a Content-Length beyond the limit
-                refuse(413);
-            else if (isMalformed(ec))
-                refuse(400);
-            return Read::None;
-        }
+        if (ec)
+            return refused(ec);
         const auto& head = parser.get();
         request.method = std::string(head.method_string());
         request.target = std::string(head.target());
@@ -147,46 +140,34 @@ public:
             request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         request.keepAlive = parser.keep_alive();
 
+        // Forms go to the spool folder as they come; other bodies stay in memory,
+        // under a smaller limit. Beast checks the limit for chunked bodies as they
+        // come; a Content-Length is checked here, before any of the body.
         const bool toFile = !limits.spoolFolder.empty()
                             && lowered(request.header("Content-Type")).rfind("multipart/form-data", 0) == 0;
         const std::uint64_t cap = toFile ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes);
-        if (parser.content_length() && *parser.content_length() > cap) {
-            refuse(413);
-            return Read::None;
-        }
+        if (parser.content_length() && *parser.content_length() > cap)
+            return refused(http::error::body_limit);
+        parser.body_limit(cap);
         std::ofstream spool;
         if (toFile) {
             request.bodyFile = spoolName(limits.spoolFolder);
             spool.open(request.bodyFile, std::ios::binary | std::ios::trunc);
-            if (!spool) {
-                refuse(500);
-                return Read::None;
-            }
         }
-        std::uint64_t received = 0;
         char chunk[64 << 10];
-        while (!parser.is_done()) {
+        while (!parser.is_done() && (!toFile || spool)) {
             parser.get().body().data = chunk;
             parser.get().body().size = sizeof chunk;
             http::read(timed, buffer, parser, ec);
             if (ec == http::error::need_buffer)
                 ec = {};
             const std::size_t count = sizeof chunk - parser.get().body().size;
-            received += count;
-            if (received > cap || ec == http::error::body_limit) {
-                refuse(413);
-                return Read::None;
-            }
             if (toFile)
                 spool.write(chunk, std::streamsize(count));
             else
                 request.body.append(chunk, count);
-            if (ec) {
-                if (!isMalformed(ec))
-                    return Read::Partial;
-                refuse(400);
-                return Read::None;
-            }
+            if (ec)
+                return isMalformed(ec) ? refused(ec) : Read::Partial;
         }
         if (toFile && !spool.flush()) {
             refuse(500);
@@ -260,6 +241,18 @@ private:
     }
 
     void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
+
+    // Answers a request that can't be read, when there is anybody to answer.
+    Read refused(const error_code& ec)
+    {
+        if (ec == http::error::header_limit)
+            refuse(431);
+        else if (ec == http::error::body_limit)
+            refuse(413);
+        else if (isMalformed(ec))
+            refuse(400);
+        return Read::None;
+    }
 
     const HttpLimits& limits;
     const std::atomic<bool>& stopping;

@@ -142,13 +142,14 @@ void TestService::serve(norva::service::HttpConnection& connection)
         std::lock_guard<std::mutex> lock(mutex);
         ++activeWorkers;
     }
-    const auto done = [this](void*) {
-        std::lock_guard<std::mutex> lock(mutex);
-        --activeWorkers;
-        stopped.notify_all();
-    };
-    const std::unique_ptr<void, decltype(done)> counted(this, done);
+    answer(connection);
+    std::lock_guard<std::mutex> lock(mutex);
+    --activeWorkers;
+    stopped.notify_all();
+}
 
+void TestService::answer(norva::service::HttpConnection& connection)
+{
     norva::service::HttpRequest head;
     std::string raw;
     const auto read = connection.readRequest(head, &raw);

@@ -97,6 +97,7 @@ public:
 private:
     // One request a connection, on the service's own HTTP layer.
     void serve(norva::service::HttpConnection& connection);
+    void answer(norva::service::HttpConnection& connection); // records the request, sends the reply
     ScriptedReply nextReply(const QByteArray& path);
 
     std::unique_ptr<norva::service::HttpServer> server;
