@@ -1,6 +1,9 @@
 #include "support/harness.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
 
 #include <iostream>
 
@@ -9,13 +12,6 @@ namespace testing_support {
 StdoutCapture::StdoutCapture() : previous(std::cout.rdbuf(captured.rdbuf())) {}
 
 StdoutCapture::~StdoutCapture()
-{
-    std::cout.rdbuf(previous);
-}
-
-StdoutDiscard::StdoutDiscard() : previous(std::cout.rdbuf(&sink)) {}
-
-StdoutDiscard::~StdoutDiscard()
 {
     std::cout.rdbuf(previous);
 }
@@ -45,6 +41,37 @@ CallResult callOperation(OperationFunction operation, const QString& argument)
     call.output = QByteArray::fromStdString(capture.text());
     call.applicationAfter = QCoreApplication::instance();
     return call;
+}
+
+void writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+QStringList filesBelow(const QString& root)
+{
+    QStringList files;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << QDir(root).relativeFilePath(it.next());
+    files.sort();
+    return files;
+}
+
+QByteArray boardBytes(int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char('a' + i % 26);
+    return bytes;
 }
 
 } // namespace testing_support

@@ -5,9 +5,11 @@
 
 #include <QString>
 #include <QStringList>
+#include <QtTest>
 
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace testing_support {
 
@@ -30,23 +32,6 @@ private:
     std::streambuf* previous;
 };
 
-// Sends std::cout nowhere for its lifetime (for long runs whose lines don't matter).
-class StdoutDiscard
-{
-public:
-    StdoutDiscard();
-    ~StdoutDiscard();
-    StdoutDiscard(const StdoutDiscard&) = delete;
-    StdoutDiscard& operator=(const StdoutDiscard&) = delete;
-
-private:
-    struct Sink : std::streambuf {
-        int overflow(int c) override { return c; }
-        std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-    } sink;
-    std::streambuf* previous;
-};
-
 struct CallResult {
     QString result;     // the returned text
     QStringList lines;  // what went to standard output meanwhile, as UTF-8
@@ -62,5 +47,23 @@ struct CallResult {
 QString substitute(QString text, const QString& address);
 
 CallResult callOperation(OperationFunction operation, const QString& argument);
+
+// Files: `writeFile` makes the folder too and fails the test when it can't write;
+// `readFile` gives "<missing>" for a file it can't read; `filesBelow` lists every
+// file below `root` (hidden ones too) as sorted relative paths.
+void writeFile(const QString& path, const QByteArray& bytes);
+QByteArray readFile(const QString& path);
+QStringList filesBelow(const QString& root);
+// `size` bytes of a recognisable pattern.
+QByteArray boardBytes(int size);
+
+// A table of plain rows in one column "row", each row named by its `name`.
+template <typename Row>
+void addRows(const std::vector<Row>& rows)
+{
+    QTest::addColumn<Row>("row");
+    for (const Row& row : rows)
+        QTest::newRow(QString(row.name).toUtf8().constData()) << row;
+}
 
 } // namespace testing_support

@@ -2,9 +2,18 @@
 
 #include "norva_api_qt_progress.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QtTest>
+
+#include <atomic>
+
+#ifdef Q_OS_LINUX
+// Qt's hook table for debugging tools: entries 3 and 4 are called for every
+// QObject made and destroyed.
+extern quintptr Q_CORE_EXPORT qtHookData[];
+#endif
 
 namespace testing_support {
 
@@ -163,6 +172,16 @@ void runOnce(TestService& service, const OperationCase& row)
     QCOMPARE(request.header("token"), row.wire.token.isNull() ? QByteArray() : row.wire.token);
 }
 
+#ifdef Q_OS_LINUX
+std::atomic<long> liveObjects{0};
+void objectAdded(QObject*) { ++liveObjects; }
+void objectRemoved(QObject*) { --liveObjects; }
+#endif
+
+int openDescriptors()
+{
+    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot).size();
+}
 
 } // namespace
 
@@ -174,6 +193,18 @@ void runCase(TestService& service)
         if (QTest::currentTestFailed())
             return;
     }
+    // The runs above made Qt's one-time allocations: the next one must leave no
+    // descriptor and no QObject behind (where the system lets us count them).
+    service.reset();
+    const int descriptorsBefore = openDescriptors();
+#ifdef Q_OS_LINUX
+    const bool countObjects = qtHookData[2] == QT_VERSION;
+    liveObjects = 0;
+    if (countObjects) {
+        qtHookData[3] = reinterpret_cast<quintptr>(&objectAdded);
+        qtHookData[4] = reinterpret_cast<quintptr>(&objectRemoved);
+    }
+#endif
     // Once more with a progress observer: the same request and result, and the
     // observer hears of one operation, on this thread only.
     QThread* const caller = QThread::currentThread();
@@ -185,6 +216,15 @@ void runCase(TestService& service)
     });
     runOnce(service, row);
     NORVA::NORVA_API_QT::clearProgressObserver();
+    if (QCoreApplication::instance())
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+#ifdef Q_OS_LINUX
+    qtHookData[3] = qtHookData[4] = 0;
+    QCOMPARE(liveObjects.load(), 0L);
+#endif
+    service.reset(); // the service's side of the connection is closed too
+    // (Fewer is fine: a connection of an earlier row may close meanwhile.)
+    QTRY_VERIFY2_WITH_TIMEOUT(openDescriptors() <= descriptorsBefore, "a descriptor was left open", 2000);
     QVERIFY(!elsewhere);
     QVERIFY(operations.size() <= 1);
     if (!row.wire.method.isEmpty()) // a request went out: its end at least is reported
