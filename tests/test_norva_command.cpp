@@ -1,6 +1,6 @@
 // The norva command as a shell user runs it: sessions, key=value words, the
 // indented result, the progress line on a terminal, and Ctrl-C.
-#include "support/test_service.h"
+#include "support/harness.h"
 
 #include <QDir>
 #include <QFile>
@@ -20,15 +20,19 @@ struct Run {
     QByteArray err;
 };
 
-QByteArray boardBytes(int size)
-{
-    QByteArray bytes(size, 'b');
-    for (int i = 0; i < size; i += 7)
-        bytes[i] = char('a' + i % 26);
-    return bytes;
-}
+struct SessionRow {
+    QByteArray name;
+    QString savedSession; // the file's text; empty for none
+    QStringList environment;
+    QStringList arguments;
+    int exitCode;
+    QByteArray body;  // null: nothing may be sent
+    QByteArray token; // the token header
+};
 
 } // namespace
+
+Q_DECLARE_METATYPE(SessionRow)
 
 class NorvaCommandTest : public QObject
 {
@@ -82,67 +86,38 @@ private:
 
 void NorvaCommandTest::documentAndSession_data()
 {
-    QTest::addColumn<QString>("savedSession"); // the file's text; empty for none
-    QTest::addColumn<QStringList>("environment");
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QByteArray>("body");  // null: nothing may be sent
-    QTest::addColumn<QByteArray>("token"); // the token header
-
     const QString saved = R"({"ipconfig":"$ADDR","token":"saved"})";
     const QStringList fromEnvironment{"NORVA_IPCONFIG=$ADDR", "NORVA_TOKEN=env"};
-    QTest::newRow("pairs with JSON values")
-        << QString() << fromEnvironment << QStringList{"add2share", "boardid=4", "sharewith_id=2", "sharetype=1"} << 0
-        << QByteArray(R"({"acsType":1,"acsTypeId":2,"brdId":4,"userId":0})") << QByteArray("env");
-    QTest::newRow("pairs with text, arrays and nesting")
-        << QString() << QStringList{}
-        << QStringList{"select_share", "ipconfig=$ADDR", "token=t", "boardname=top 7", "userid=[1,2]",
-                       "start_time=2024-01-01", "end_time=null"}
-        << 0 << QByteArray(R"({"brdName":"top 7","currentUserId":0,"endTime":null,"startTime":"2024-01-01","userId":[1,2]})")
-        << QByteArray("t");
-    QTest::newRow("nested pairs") << saved << QStringList{}
-                                  << QStringList{"delete_share", "data.id=5", "data.userId=3"} << 0
-                                  << QByteArray("id=5&userId=3") << QByteArray("saved");
-    QTest::newRow("saved session fills a document") << saved << QStringList{} << QStringList{"delete_share", "{}"} << 0
-                                                    << QByteArray("id=0&userId=0") << QByteArray("saved");
-    QTest::newRow("environment over the file") << saved << QStringList{"NORVA_TOKEN=env"}
-                                               << QStringList{"delete_share"} << 0
-                                               << QByteArray("id=0&userId=0") << QByteArray("env");
-    QTest::newRow("the document's own keys first")
-        << saved << QStringList{"NORVA_TOKEN=env"} << QStringList{"delete_share", R"({"token":"own","data":{"id":1}})"}
-        << 0 << QByteArray("id=1&userId=0") << QByteArray("own");
-    QTest::newRow("--no-session uses neither")
-        << saved << fromEnvironment << QStringList{"--no-session", "delete_share"} << 1 << QByteArray() << QByteArray();
-    QTest::newRow("a word that is no pair") << saved << QStringList{} << QStringList{"delete_share", "data.id"} << 2
-                                            << QByteArray() << QByteArray();
-    QTest::newRow("a key both value and object")
-        << saved << QStringList{} << QStringList{"delete_share", "data=1", "data.id=2"} << 2 << QByteArray()
-        << QByteArray();
+    addRows(std::vector<SessionRow>{
+        {"pairs with JSON values", "", fromEnvironment, {"add2share", "boardid=4", "sharewith_id=2", "sharetype=1"}, 0,
+         R"({"acsType":1,"acsTypeId":2,"brdId":4,"userId":0})", "env"},
+        {"pairs with text, arrays and nesting", "", {},
+         {"select_share", "ipconfig=$ADDR", "token=t", "boardname=top 7", "userid=[1,2]", "start_time=2024-01-01", "end_time=null"}, 0,
+         R"({"brdName":"top 7","currentUserId":0,"endTime":null,"startTime":"2024-01-01","userId":[1,2]})", "t"},
+        {"nested pairs", saved, {}, {"delete_share", "data.id=5", "data.userId=3"}, 0, "id=5&userId=3", "saved"},
+        {"saved session fills a document", saved, {}, {"delete_share", "{}"}, 0, "id=0&userId=0", "saved"},
+        {"environment over the file", saved, {"NORVA_TOKEN=env"}, {"delete_share"}, 0, "id=0&userId=0", "env"},
+        {"the document's own keys first", saved, {"NORVA_TOKEN=env"}, {"delete_share", R"({"token":"own","data":{"id":1}})"}, 0,
+         "id=1&userId=0", "own"},
+        {"--no-session uses neither", saved, fromEnvironment, {"--no-session", "delete_share"}, 1, QByteArray(), QByteArray()},
+        {"a word that is no pair", saved, {}, {"delete_share", "data.id"}, 2, QByteArray(), QByteArray()},
+        {"a key both value and object", saved, {}, {"delete_share", "data=1", "data.id=2"}, 2, QByteArray(), QByteArray()},
+    });
 }
 
 void NorvaCommandTest::documentAndSession()
 {
-    QFETCH(QString, savedSession);
-    QFETCH(QStringList, environment);
-    QFETCH(QStringList, arguments);
-    QFETCH(int, exitCode);
-    QFETCH(QByteArray, body);
-    QFETCH(QByteArray, token);
-    if (!savedSession.isEmpty()) {
-        QFile file(sessionPath());
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(substitute(savedSession).toUtf8());
-    }
+    QFETCH(SessionRow, row);
+    if (!row.savedSession.isEmpty())
+        writeFile(sessionPath(), substitute(row.savedSession).toUtf8());
     service.setDefaultReply(ScriptedReply::json(R"({"code":200})"));
-    const Run run = norva(arguments, environment);
-    QCOMPARE(run.exitCode, exitCode);
-    if (body.isNull()) {
-        QCOMPARE(service.requestCount(), 0);
-        return;
+    const Run run = norva(row.arguments, row.environment);
+    QCOMPARE(run.exitCode, row.exitCode);
+    QCOMPARE(service.requestCount(), row.body.isNull() ? 0 : 1);
+    if (!row.body.isNull()) {
+        QCOMPARE(service.lastRequest().body, row.body);
+        QCOMPARE(service.lastRequest().header("token"), row.token);
     }
-    QCOMPARE(service.requestCount(), 1);
-    QCOMPARE(service.lastRequest().body, body);
-    QCOMPARE(service.lastRequest().header("token"), token);
 }
 
 void NorvaCommandTest::loginSavesAndLogoutForgets()
@@ -224,10 +199,7 @@ void NorvaCommandTest::ctrlCCancelsTheCall()
         + boardBytes(300000));
     halfBody.stallAfterwards = true;
     service.setDefaultReply(halfBody);
-    QFile earlier(home->filePath(QStringLiteral("board.brd")));
-    QVERIFY(earlier.open(QIODevice::WriteOnly));
-    earlier.write("earlier");
-    earlier.close();
+    writeFile(home->filePath(QStringLiteral("board.brd")), "earlier");
 
     QProcess process;
     process.setProcessEnvironment(environment());
@@ -243,8 +215,7 @@ void NorvaCommandTest::ctrlCCancelsTheCall()
     QCOMPARE(process.exitCode(), 130);
     QCOMPARE(process.readAllStandardOutput(), QByteArray("{\"message\":\"request cancelled\",\"status\":400}\n"));
     QCOMPARE(QDir(home->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"board.brd"});
-    QVERIFY(earlier.open(QIODevice::ReadOnly));
-    QCOMPARE(earlier.readAll(), QByteArray("earlier"));
+    QCOMPARE(readFile(home->filePath(QStringLiteral("board.brd"))), QByteArray("earlier"));
 }
 
 QTEST_GUILESS_MAIN(NorvaCommandTest)

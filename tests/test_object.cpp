@@ -14,9 +14,15 @@
 using namespace testing_support;
 using NORVA::NORVA_API_QT::NORVA_HTTP_API;
 
-Q_DECLARE_METATYPE(testing_support::ScriptedReply)
-
 namespace {
+
+struct MemberRow {
+    QByteArray name;
+    std::string (NORVA_HTTP_API::*member)(std::string);
+    QString argument;
+    ScriptedReply reply;
+    QStringList lines; // the last one is the returned text
+};
 
 QStringList debugLog;
 void collectDebug(QtMsgType, const QMessageLogContext&, const QString& message)
@@ -26,6 +32,8 @@ void collectDebug(QtMsgType, const QMessageLogContext&, const QString& message)
 
 } // namespace
 
+Q_DECLARE_METATYPE(MemberRow)
+
 class ObjectTest : public QObject
 {
     Q_OBJECT
@@ -34,23 +42,12 @@ private slots:
     void init() { service.reset(); }
     void metaObject();
     void constructorIgnoresItsParent();
-    void memberLogin_data();
-    void memberLogin();
-    void memberDownload_data();
-    void memberDownload();
+    void members_data();
+    void members();
     void requestFinishedReportsOnlyFailures();
     void consoleDriverLogsInThroughTheObject();
 
 private:
-    CallResult callMember(std::string (NORVA_HTTP_API::*member)(std::string), const QString& argument)
-    {
-        NORVA_HTTP_API api;
-        StdoutCapture capture;
-        CallResult call;
-        call.result = QString::fromStdString((api.*member)(substitute(argument, service.address()).toStdString()));
-        call.lines = capture.lines();
-        return call;
-    }
     TestService service;
 };
 
@@ -70,11 +67,7 @@ void ObjectTest::metaObject()
     QCOMPARE(meta.enumeratorCount(), meta.enumeratorOffset());
     QCOMPARE(meta.classInfoCount(), meta.classInfoOffset());
     QCOMPARE(meta.constructorCount(), 0);
-
     NORVA_HTTP_API api;
-    QCOMPARE(api.qt_metacast("NORVA::NORVA_API_QT::NORVA_HTTP_API"), static_cast<void*>(&api));
-    QCOMPARE(api.qt_metacast("QObject"), static_cast<void*>(static_cast<QObject*>(&api)));
-    QCOMPARE(api.qt_metacast("NORVA_HTTP_API"), nullptr);
     QCOMPARE(qobject_cast<NORVA_HTTP_API*>(static_cast<QObject*>(&api)), &api);
 }
 
@@ -89,86 +82,57 @@ void ObjectTest::constructorIgnoresItsParent()
     delete api;
 }
 
-void ObjectTest::memberLogin_data()
+// Each member prints what it prints and returns the last line.
+void ObjectTest::members_data()
 {
-    QTest::addColumn<QString>("argument");
-    QTest::addColumn<ScriptedReply>("reply");
-    QTest::addColumn<QStringList>("lines"); // the last one is the returned text
-
-    const QString login = R"({"ipconfig":"$ADDR","username":"ada","password":"pw"})";
+    const auto login = &NORVA_HTTP_API::norva_sdk_login;
+    const auto download = &NORVA_HTTP_API::norva_sdk_download_binary_file;
+    const QString ada = R"({"ipconfig":"$ADDR","username":"ada","password":"pw"})";
     const QString url = "http://$ADDR/kvr/authority/login";
     const QString requestFail = R"({"message":"request fail","status":400})";
-    QTest::newRow("unreachable: the network error, then request fail")
-        << R"({"ipconfig":"$REFUSED","username":"ada"})" << ScriptedReply()
-        << QStringList{R"({"error":1,"message":"Connection refused","status":400})", requestFail};
-    QTest::newRow("HTTP 402: the network error, then token expired")
-        << login << ScriptedReply::withStatus(402)
-        << QStringList{R"({"error":299,"message":"Error transferring )" + url + R"( - server replied: Payment Required","status":400})",
-                       R"({"message":"token expired","status":402})"};
-    QTest::newRow("HTTP 500: the network error, then request fail")
-        << login << ScriptedReply::json(R"({"code":200})", 500)
-        << QStringList{R"({"error":401,"message":"Error transferring )" + url + R"( - server replied: Internal Server Error","status":400})",
-                       requestFail};
-    QTest::newRow("HTTP 200 cut short: the network error is the result")
-        << login << ScriptedReply::raw("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"code\":")
-        << QStringList{R"({"error":2,"message":"Connection closed","status":400})"};
-    QTest::newRow("HTTP 200 is judged as the free login judges it")
-        << login << ScriptedReply::json(R"({"code":200,"data":"t"})")
-        << QStringList{R"({"data":"t","message":"login success","status":200})"};
-    QTest::newRow("HTTP 200 refusal") << login << ScriptedReply::json(R"({"code":411})")
-        << QStringList{R"({"data":"{\"userName\":\"ada\",\"userPwd\":\"pw\"}","message":"Wrong password","status":411})"};
-    QTest::newRow("argument parse failure") << "nope" << ScriptedReply()
-        << QStringList{R"({"message":"json str parse error","status":400})"};
-}
-
-void ObjectTest::memberLogin()
-{
-    QFETCH(QString, argument);
-    QFETCH(ScriptedReply, reply);
-    QFETCH(QStringList, lines);
-    service.script(reply);
-    const CallResult call = callMember(&NORVA_HTTP_API::norva_sdk_login, argument);
-    for (QString& line : lines)
-        line = substitute(line, service.address());
-    QCOMPARE(call.lines, lines);
-    QCOMPARE(call.result, lines.last());
-}
-
-void ObjectTest::memberDownload_data()
-{
-    QTest::addColumn<QString>("argument");
-    QTest::addColumn<ScriptedReply>("reply");
-    QTest::addColumn<QStringList>("lines");
-
     const QString into = R"({"ipconfig":"$ADDR","token":"tk","file_downloadpath":"$DIR")";
     const QString today = QDate::currentDate().toString(QStringLiteral("yyyyMMdd"));
-    QTest::newRow("the size line comes first")
-        << into + "}" << ScriptedReply::file("12345", "filename=a.brd")
-        << QStringList{"5", R"({"filename":"a.brd","message":"download success","new_name":"","status":200})"};
-    QTest::newRow("an empty reply writes 0")
-        << into + "}" << ScriptedReply::file("", "filename=a.brd") << QStringList{"0", R"({"message":"download fail","status":400})"};
-    QTest::newRow("the stamp is the day")
-        << into + R"(,"isTimeStamp":true})" << ScriptedReply::file("x", "filename=a.brd")
-        << QStringList{"1", R"({"filename":"a_)" + today + R"(.brd","message":"download success","new_name":"","status":200})"};
-    QTest::newRow("unreachable is request fail")
-        << R"({"ipconfig":"$REFUSED"})" << ScriptedReply() << QStringList{R"({"message":"request fail","status":400})"};
-    QTest::newRow("HTTP 402") << into + "}" << ScriptedReply::withStatus(402)
-                              << QStringList{R"({"message":"token expired","status":402})"};
-    QTest::newRow("argument parse failure") << "" << ScriptedReply()
-                                            << QStringList{R"({"message":"jsonstr parse error","status":400})"};
+    addRows(std::vector<MemberRow>{
+        {"login unreachable: the network error, then request fail", login, R"({"ipconfig":"$REFUSED","username":"ada"})", ScriptedReply(),
+         {R"({"error":1,"message":"Connection refused","status":400})", requestFail}},
+        {"login HTTP 402: the network error, then token expired", login, ada, ScriptedReply::withStatus(402),
+         {R"({"error":299,"message":"Error transferring )" + url + R"( - server replied: Payment Required","status":400})",
+          R"({"message":"token expired","status":402})"}},
+        {"login HTTP 500: the network error, then request fail", login, ada, ScriptedReply::json(R"({"code":200})", 500),
+         {R"({"error":401,"message":"Error transferring )" + url + R"( - server replied: Internal Server Error","status":400})", requestFail}},
+        {"login HTTP 200 cut short: the network error is the result", login, ada,
+         ScriptedReply::raw("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"code\":"), {R"({"error":2,"message":"Connection closed","status":400})"}},
+        {"login HTTP 200 is judged as the free login judges it", login, ada, ScriptedReply::json(R"({"code":200,"data":"t"})"),
+         {R"({"data":"t","message":"login success","status":200})"}},
+        {"login HTTP 200 refusal", login, ada, ScriptedReply::json(R"({"code":411})"),
+         {R"({"data":"{\"userName\":\"ada\",\"userPwd\":\"pw\"}","message":"Wrong password","status":411})"}},
+        {"login argument parse failure", login, "nope", ScriptedReply(), {R"({"message":"json str parse error","status":400})"}},
+        {"download: the size line comes first", download, into + "}", ScriptedReply::file("12345", "filename=a.brd"),
+         {"5", R"({"filename":"a.brd","message":"download success","new_name":"","status":200})"}},
+        {"download: an empty reply writes 0", download, into + "}", ScriptedReply::file("", "filename=a.brd"),
+         {"0", R"({"message":"download fail","status":400})"}},
+        {"download: the stamp is the day", download, into + R"(,"isTimeStamp":true})", ScriptedReply::file("x", "filename=a.brd"),
+         {"1", R"({"filename":"a_)" + today + R"(.brd","message":"download success","new_name":"","status":200})"}},
+        {"download unreachable is request fail", download, R"({"ipconfig":"$REFUSED"})", ScriptedReply(), {requestFail}},
+        {"download HTTP 402", download, into + "}", ScriptedReply::withStatus(402), {R"({"message":"token expired","status":402})"}},
+        {"download argument parse failure", download, "", ScriptedReply(), {R"({"message":"jsonstr parse error","status":400})"}},
+    });
 }
 
-void ObjectTest::memberDownload()
+void ObjectTest::members()
 {
-    QFETCH(QString, argument);
-    QFETCH(ScriptedReply, reply);
-    QFETCH(QStringList, lines);
+    QFETCH(MemberRow, row);
     QTemporaryDir folder;
-    service.script(reply);
-    const CallResult call =
-        callMember(&NORVA_HTTP_API::norva_sdk_download_binary_file, QString(argument).replace("$DIR", folder.path()));
-    QCOMPARE(call.lines, lines);
-    QCOMPARE(call.result, lines.last());
+    service.script(row.reply);
+    NORVA_HTTP_API api;
+    StdoutCapture capture;
+    const QString argument = substitute(QString(row.argument).replace("$DIR", folder.path()), service.address());
+    const QString result = QString::fromStdString((api.*row.member)(argument.toStdString()));
+    QStringList lines;
+    for (const QString& line : row.lines)
+        lines << substitute(line, service.address());
+    QCOMPARE(capture.lines(), lines);
+    QCOMPARE(result, lines.last());
 }
 
 void ObjectTest::requestFinishedReportsOnlyFailures()
