@@ -63,7 +63,26 @@ QJsonObject call(OperationFunction operation, QJsonObject argument, const QStrin
         .object();
 }
 
+// Every file in `folder`, one after the other (to look for text that must not be there).
+QByteArray filesIn(const QString& folder)
+{
+    QByteArray bytes;
+    for (const QString& name : QDir(folder).entryList(QDir::Files))
+        bytes += readFile(folder + "/" + name);
+    return bytes;
+}
+
+struct FaultRow {
+    QByteArray name;
+    QStringList options;
+    QString token; // empty: a fresh login's
+    int idleLimitMs;
+    QStringList messages; // of norva_sdk_select_share, called once for each
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(FaultRow)
 
 class EndToEndTest : public QObject
 {
@@ -110,10 +129,7 @@ void EndToEndTest::aWholeSession()
 
     const QByteArray bytes("G04 round trip*\r\n\0\xff", 19);
     const QString source = folder.filePath("round trip.gbr");
-    QFile file(source);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
+    writeFile(source, bytes);
     const int board = upload(at, token, source);
     QVERIFY(board > 0);
 
@@ -128,9 +144,7 @@ void EndToEndTest::aWholeSession()
                                      {{"file_downloadpath", into}, {"data", QJsonObject{{"id", board}, {"userId", userId}}}},
                                      at, token);
     QCOMPARE(fetched["filename"].toString(), QStringLiteral("round trip.gbr"));
-    QFile stored(into + "/round trip.gbr");
-    QVERIFY(stored.open(QIODevice::ReadOnly));
-    QCOMPARE(stored.readAll(), bytes);
+    QCOMPARE(readFile(into + "/round trip.gbr"), bytes);
 
     QCOMPARE(call(norva_sdk_add2share, {{"userid", userId}, {"boardid", board}, {"sharewith_id", 7}, {"sharetype", 1}}, at, token)["status"].toInt(), 200);
     const QJsonObject again = call(norva_sdk_add2share_batch,
@@ -153,10 +167,7 @@ void EndToEndTest::restartKeepsTheData()
 {
     const QString data = folder.filePath("data-restart");
     const QString source = folder.filePath("kept.brd");
-    QFile file(source);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("kept bytes");
-    file.close();
+    writeFile(source, "kept bytes");
     int board = 0;
     {
         LocalService first;
@@ -177,47 +188,35 @@ void EndToEndTest::restartKeepsTheData()
     QCOMPARE(listed["data"].toArray()[0].toObject()["origfilename"].toString(), QStringLiteral("kept.brd"));
 }
 
-// What the library makes of the service's fault options: each row calls
-// norva_sdk_select_share as often as it lists results.
+// What the library makes of the service's fault options.
 void EndToEndTest::faults_data()
 {
-    QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QString>("token"); // empty: a fresh login's
-    QTest::addColumn<int>("idleLimitMs");
-    QTest::addColumn<QStringList>("messages");
     const QString ok = "select share table success";
-    QTest::newRow("tokens that live 0 s") << QStringList{"--token-ttl", "0"} << QString() << 120000
-                                         << QStringList{"token expired"};
-    QTest::newRow("a made-up token") << QStringList{} << "made-up" << 120000 << QStringList{"token expired", "token expired"};
-    QTest::newRow("--expire-tokens") << QStringList{"--expire-tokens"} << QString() << 120000 << QStringList{"token expired"};
-    QTest::newRow("--fail once") << QStringList{"--fail", "/kvr/share/selectShare=500x1"} << QString() << 120000
-                                 << QStringList{"request fail", ok};
-    QTest::newRow("--fail 402") << QStringList{"--fail", "/kvr/share/selectShare=402"} << QString() << 120000
-                                << QStringList{"token expired", "token expired"};
-    QTest::newRow("--drop") << QStringList{"--drop", "/kvr/share/selectShare"} << QString() << 120000
-                            << QStringList{"Server shuts down"};
-    QTest::newRow("--delay-ms beyond the idle limit") << QStringList{"--delay-ms", "1500"} << QString() << 300
-                                                      << QStringList{"Server shuts down"};
-    QTest::newRow("--delay-ms within it") << QStringList{"--delay-ms", "100"} << QString() << 120000 << QStringList{ok};
+    addRows(std::vector<FaultRow>{
+        {"tokens that live 0 s", {"--token-ttl", "0"}, "", 120000, {"token expired"}},
+        {"a made-up token", {}, "made-up", 120000, {"token expired", "token expired"}},
+        {"--expire-tokens", {"--expire-tokens"}, "", 120000, {"token expired"}},
+        {"--fail once", {"--fail", "/kvr/share/selectShare=500x1"}, "", 120000, {"request fail", ok}},
+        {"--fail 402", {"--fail", "/kvr/share/selectShare=402"}, "", 120000, {"token expired", "token expired"}},
+        {"--drop", {"--drop", "/kvr/share/selectShare"}, "", 120000, {"Server shuts down"}},
+        {"--delay-ms beyond the idle limit", {"--delay-ms", "1500"}, "", 300, {"Server shuts down"}},
+        {"--delay-ms within it", {"--delay-ms", "100"}, "", 120000, {ok}},
+    });
 }
 
 void EndToEndTest::faults()
 {
-    QFETCH(QStringList, options);
-    QFETCH(QString, token);
-    QFETCH(int, idleLimitMs);
-    QFETCH(QStringList, messages);
+    QFETCH(FaultRow, row);
     LocalService service;
-    QVERIFY(service.start(folder.filePath(QString::fromLatin1(QTest::currentDataTag())), options));
-    if (token.isEmpty())
-        token = login(service.address);
+    QVERIFY(service.start(folder.filePath(QString::fromLatin1(QTest::currentDataTag())), row.options));
+    const QString token = row.token.isEmpty() ? login(service.address) : row.token;
     QVERIFY(!token.isEmpty());
-    NORVA::NORVA_API_QT::setIdleLimit(idleLimitMs);
+    NORVA::NORVA_API_QT::setIdleLimit(row.idleLimitMs);
     QStringList results;
-    for (int i = 0; i < messages.size(); ++i)
+    for (int i = 0; i < row.messages.size(); ++i)
         results << call(norva_sdk_select_share, {}, service.address, token)["message"].toString();
     NORVA::NORVA_API_QT::setIdleLimit(120000);
-    QCOMPARE(results, messages);
+    QCOMPARE(results, row.messages);
 }
 
 // Records can be changed and removed only by the user who added them, and a
@@ -239,9 +238,7 @@ void EndToEndTest::eachTokenActsForItsOwnUser()
     QVERIFY(!adaToken.isEmpty() && !bobToken.isEmpty());
 
     const QString source = folder.filePath("owned.brd");
-    QFile file(source);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write("owned") == 5);
-    file.close();
+    writeFile(source, "owned");
     const int board = upload(at, adaToken, source);
     QCOMPARE(call(norva_sdk_add2share, {{"userid", adaId}, {"boardid", board}, {"sharewith_id", 9}}, at, adaToken)["status"].toInt(), 200);
     QCOMPARE(call(norva_sdk_add2favorite, {{"userid", adaId}, {"boardid", board}}, at, adaToken)["status"].toInt(), 200);
@@ -277,13 +274,9 @@ void EndToEndTest::eachTokenActsForItsOwnUser()
     QVERIFY(!loginAs("ada", "ada-secret-3").isEmpty());
 
     // No password stands in the service's files as it was typed.
-    for (const QString& name : QDir(data).entryList(QDir::Files)) {
-        QFile stored(data + "/" + name);
-        QVERIFY(stored.open(QIODevice::ReadOnly));
-        const QByteArray bytes = stored.readAll();
-        for (const char* password : {"ada-secret-1", "bob-secret-2", "ada-secret-3"})
-            QVERIFY2(!bytes.contains(password), qPrintable(name + ": " + password));
-    }
+    const QByteArray stored = filesIn(data);
+    for (const char* password : {"ada-secret-1", "bob-secret-2", "ada-secret-3"})
+        QVERIFY2(!stored.contains(password), password);
 }
 
 // A data folder from before keeps passwords as typed: opening it replaces them
@@ -310,11 +303,7 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
     // The share of before is its user's, and that user may remove it.
     QCOMPARE(call(norva_sdk_delete_share, {{"data", QJsonObject{{"id", 1}, {"userId", 1}}}}, service.address, token)["status"].toInt(),
              200);
-    for (const QString& name : QDir(data).entryList(QDir::Files)) {
-        QFile stored(data + "/" + name);
-        QVERIFY(stored.open(QIODevice::ReadOnly));
-        QVERIFY2(!stored.readAll().contains("legacy-secret-9"), qPrintable(name));
-    }
+    QVERIFY(!filesIn(data).contains("legacy-secret-9"));
 }
 
 void EndToEndTest::badRequestsAndSeveralClients()

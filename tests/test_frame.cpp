@@ -1,9 +1,8 @@
-// The frame's own pieces, without the public header's view: reading modes,
-// and the catch clauses reached through the internal fault seam.
+// The frame's own pieces, without the public header's view: the catch clauses
+// reached through the internal fault seam, the repeated-key scan, the idle limit.
 #include "support/harness.h"
 
 #include "frame/json_text.h"
-#include "frame/reading.h"
 #include "frame/seams.h"
 #include "norva_api_qt_progress.h"
 
@@ -16,7 +15,6 @@
 #include <stdexcept>
 
 using namespace testing_support;
-using norva::Read;
 
 
 namespace {
@@ -63,7 +61,6 @@ class FrameTest : public QObject
     Q_OBJECT
 
 private slots:
-    void readingModes();
     void catchClauses_data();
     void catchClauses();
     void repeatedKeysAreRemovedBeforeParsing();
@@ -71,32 +68,6 @@ private slots:
     void idleServiceEndsTheWait();
     void cleanup() { norva::seam::setFaultHook(nullptr); }
 };
-
-void FrameTest::readingModes()
-{
-    const struct {
-        const char* value; // the value of key "k"; empty: no key
-        Read mode;
-        const char* expected; // {} when no key results
-    } rows[] = {
-        {"", Read::Text, R"({"v":""})"},           {"5", Read::Text, R"({"v":""})"},
-        {R"("t")", Read::Text, R"({"v":"t"})"},    {"", Read::Integer, R"({"v":0})"},
-        {"7", Read::Integer, R"({"v":7})"},        {"1.0", Read::Integer, R"({"v":1})"},
-        {"2.5", Read::Integer, R"({"v":0})"},      {R"("5")", Read::Integer, R"({"v":0})"},
-        {"true", Read::Integer, R"({"v":0})"},     {"", Read::Raw, "{}"},
-        {"null", Read::Raw, R"({"v":null})"},      {"[1]", Read::Raw, R"({"v":[1]})"},
-        {"", Read::OptionalRaw, R"({"v":null})"},  {"false", Read::OptionalRaw, R"({"v":false})"},
-        {"", Read::OptionalText, R"({"v":""})"},   {"3", Read::OptionalText, R"({"v":""})"},
-        {"", Read::OptionalMessage, R"({"v":null})"}, {"3", Read::OptionalMessage, R"({"v":""})"},
-        {R"("m")", Read::OptionalMessage, R"({"v":"m"})"},
-    };
-    for (const auto& row : rows) {
-        const QByteArray value(row.value);
-        const QJsonObject from = QJsonDocument::fromJson(value.isEmpty() ? QByteArray("{}") : "{\"k\":" + value + "}").object();
-        const QByteArray built = QJsonDocument(norva::mapKeys(from, {{"v", "k", row.mode}})).toJson(QJsonDocument::Compact);
-        QVERIFY2(built == row.expected, qPrintable(QStringLiteral("%1 as mode %2: %3").arg(row.value).arg(int(row.mode)).arg(QString::fromUtf8(built))));
-    }
-}
 
 // Every way an operation can throw, before and after its temporary application
 // is built, for the mall and planner operations (the others have the same frame).

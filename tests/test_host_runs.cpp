@@ -85,7 +85,7 @@ void HostRunTest::callsFromWorkerThreadsFinish()
 {
     service.reset();
     service.setDefaultReply(ScriptedReply::json(R"({"code":200,"data":"w"})"));
-    StdoutDiscard quiet;
+    StdoutCapture quiet;
     for (int round = 0; round < 20; ++round) {
         QStringList results;
         std::vector<QThread*> workers;

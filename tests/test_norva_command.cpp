@@ -1,5 +1,5 @@
 // The norva command as a shell user runs it: sessions, key=value words, the
-// indented result, the progress line on a terminal, and Ctrl-C.
+// progress line on a terminal, and Ctrl-C.
 #include "support/harness.h"
 
 #include <QDir>
@@ -49,7 +49,6 @@ private slots:
     void documentAndSession_data();
     void documentAndSession();
     void loginSavesAndLogoutForgets();
-    void prettyReplacesTheCompactLine();
     void progressOnATerminalOnly();
     void ctrlCCancelsTheCall();
 
@@ -145,23 +144,6 @@ void NorvaCommandTest::loginSavesAndLogoutForgets()
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(service.lastRequest().body, QByteArray(R"({"id":12})"));
     QVERIFY(!QFile::exists(sessionPath()));
-}
-
-void NorvaCommandTest::prettyReplacesTheCompactLine()
-{
-    service.setDefaultReply(ScriptedReply::json(R"({"code":200,"data":[{"id":1,"n":"a,b:{c}"}],"msg":[]})"));
-    const Run run = norva({"select_share", "ipconfig=$ADDR", "--pretty"});
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, QByteArray("{\n"
-                                 "  \"data\": [\n"
-                                 "    {\n"
-                                 "      \"id\": 1,\n"
-                                 "      \"n\": \"a,b:{c}\"\n"
-                                 "    }\n"
-                                 "  ],\n"
-                                 "  \"message\": \"select share table success\",\n"
-                                 "  \"status\": 200\n"
-                                 "}\n"));
 }
 
 // The progress line goes to standard error on a terminal (a pseudo-terminal

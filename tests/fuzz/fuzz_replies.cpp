@@ -46,7 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size == 0)
         return 0;
     static const int statuses[] = {200, 200, 200, 200, 204, 402, 0, 500};
-    const fuzzing::Operation operation = fuzzing::operations[data[0] % fuzzing::operationCount];
+    static const std::vector<fuzzing::Operation> operations = fuzzing::allOperations();
+    const fuzzing::Operation operation = operations[data[0] % operations.size()];
     const QByteArray rest(reinterpret_cast<const char*>(data) + 1, int(size - 1));
     const int lineEnd = rest.indexOf('\n');
     nextReply = norva::ReceivedReply();

@@ -26,12 +26,6 @@ QByteArray RecordedRequest::path() const
     return q < 0 ? target : target.left(q);
 }
 
-QByteArray RecordedRequest::query() const
-{
-    const int q = target.indexOf('?');
-    return q < 0 ? QByteArray() : target.mid(q + 1);
-}
-
 ScriptedReply ScriptedReply::file(const QByteArray& bytes, const QByteArray& contentDisposition)
 {
     ScriptedReply reply = withStatus(200, bytes);
@@ -89,12 +83,6 @@ int TestService::requestCount() const
     return requestsSeen;
 }
 
-void TestService::setKeepingRequests(bool keep)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    keepingRequests = keep;
-}
-
 RecordedRequest TestService::lastRequest() const
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -109,7 +97,6 @@ void TestService::reset()
     stopped.wait_for(lock, std::chrono::seconds(2), [this] { return activeWorkers == 0; });
     recorded.clear();
     requestsSeen = 0;
-    keepingRequests = true;
     scripted.clear();
     pathReplies.clear();
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
@@ -165,8 +152,7 @@ void TestService::answer(norva::service::HttpConnection& connection)
     {
         std::lock_guard<std::mutex> lock(mutex);
         ++requestsSeen;
-        if (keepingRequests)
-            recorded.push_back(request);
+        recorded.push_back(request);
     }
     const ScriptedReply reply = nextReply(request.path());
     if (reply.delayMs > 0)

@@ -35,7 +35,6 @@ struct RecordedRequest {
     // The first header of that name (case-insensitive); empty when absent.
     QByteArray header(const QByteArray& name) const;
     QByteArray path() const;  // target without the query
-    QByteArray query() const; // behind "?", empty when none
 };
 
 struct ScriptedReply {
@@ -83,9 +82,6 @@ public:
     // Once the script is used up, requests for `path` get this reply.
     void setReplyForPath(const QByteArray& path, const ScriptedReply& reply);
 
-    // Long runs switch keeping requests off; they are still counted.
-    void setKeepingRequests(bool keep);
-
     std::vector<RecordedRequest> requests() const;
     int requestCount() const;
     RecordedRequest lastRequest() const;
@@ -111,7 +107,6 @@ private:
     ScriptedReply defaultReply;
     std::vector<std::pair<QByteArray, ScriptedReply>> pathReplies;
     std::vector<RecordedRequest> recorded;
-    bool keepingRequests = true;
     int requestsSeen = 0;
 };
 
