@@ -472,6 +472,12 @@ void serveRequests(HttpConnection& connection, const HttpHandler& handler)
         } catch (...) {
             response = HttpResponse::text(500, "unexpected failure\n");
         }
+        // The spooled form goes before the answer: once a client has its answer,
+        // nothing of its request is left in the data folder.
+        if (!request.bodyFile.empty()) {
+            std::remove(request.bodyFile.c_str());
+            request.bodyFile.clear();
+        }
         if (response.dropConnection || !connection.write(response, request.keepAlive) || !request.keepAlive)
             return;
     }

@@ -394,6 +394,20 @@ QJsonValue inKeyOrder(const QJsonValue& value)
     return value;
 }
 
+// A text of ASCII without escapes that opens at most one object and no
+// array: no value in it can be an array or an object, so a repeated key leaks
+// nothing, and no key can hold a character beyond U+FFFF. Most arguments and
+// replies are such texts, and Qt may read them without the scan.
+bool isFlatPlainText(const QByteArray& json)
+{
+    int objects = 0;
+    for (const char c : json) {
+        if (c == '[' || c == '\\' || static_cast<unsigned char>(c) >= 0x80 || (c == '{' && ++objects > 1))
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 QByteArray withoutRepeatedKeys(const QByteArray& json)
@@ -408,6 +422,8 @@ QByteArray withoutRepeatedKeys(const QByteArray& json)
 
 QJsonDocument parseJson(const QByteArray& json, QJsonParseError* error)
 {
+    if (isFlatPlainText(json))
+        return QJsonDocument::fromJson(json, error);
     Scanner scanner(json);
     scanner.value(0);
     const QJsonDocument document = QJsonDocument::fromJson(withoutDropped(json, std::move(scanner.dropped)), error);

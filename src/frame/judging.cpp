@@ -20,7 +20,7 @@ HttpClass classifyStatus(int httpStatus, bool with402Branch)
     return HttpClass::Other;
 }
 
-QJsonObject httpClassDocument(HttpClass httpClass)
+ResultDocument httpClassDocument(HttpClass httpClass)
 {
     switch (httpClass) {
     case HttpClass::TokenExpired:
@@ -91,33 +91,33 @@ QJsonValue valueFrom(From from, const QJsonObject& reply, const QJsonValue& sent
 
 } // namespace
 
-QJsonObject applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
+ResultDocument applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
                          const QJsonValue& sentText)
 {
     const int code = readInteger(serviceReply, QStringLiteral("code"));
     for (const Outcome& row : table) {
         if (!row.when.matches(code))
             continue;
-        QJsonObject document = statusDocument(row.status, QString::fromUtf8(row.message));
+        ResultDocument document = statusDocument(row.status, QString::fromUtf8(row.message));
         for (const ResultKey& key : row.keys) {
             const QJsonValue value = valueFrom(key.from, serviceReply, sentText);
             if (!value.isUndefined())
-                document.insert(QString::fromLatin1(key.key), value);
+                document.insert(key.key, value);
         }
         return document;
     }
     return statusDocument(400, QString::fromLatin1(message::requestFail));
 }
 
-QJsonObject judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
+ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
                               const QJsonValue& sentText)
 {
     QJsonParseError error;
     const QJsonDocument document = parseJson(body, &error);
     if (error.error != QJsonParseError::NoError) {
-        QJsonObject unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
+        ResultDocument unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
         if (!sentText.isUndefined())
-            unparseable.insert(QStringLiteral("request_data"), sentText);
+            unparseable.insert("request_data", sentText);
         return unparseable;
     }
     return applyOutcome(table, document.object(), sentText);

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <QByteArray>
+#include "frame/result.h"
+
 #include <QJsonObject>
 #include <QJsonValue>
 
@@ -23,7 +25,7 @@ enum class HttpClass {
 HttpClass classifyStatus(int httpStatus, bool with402Branch);
 
 // The two-key document of a class other than Ok.
-QJsonObject httpClassDocument(HttpClass httpClass);
+ResultDocument httpClassDocument(HttpClass httpClass);
 
 // Where a key of a result document takes its value from.
 enum class From {
@@ -84,13 +86,13 @@ OutcomeTable deleteOutcome(const char* success, const char* failure);
 OutcomeTable getQueryOutcome(const char* success, const char* failure);
 
 // The result document for a service reply object.
-QJsonObject applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
+ResultDocument applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
                          const QJsonValue& sentText);
 
 // Parses an HTTP 200 body and applies the table. A body that is no JSON gives the
 // unparseable-reply document, with "request_data" holding `sentText` unless that
 // is undefined.
-QJsonObject judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
+ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
                               const QJsonValue& sentText);
 
 } // namespace norva

@@ -57,7 +57,7 @@ QString keyValueText(const QJsonObject& source, const KeyList& keys)
     return text;
 }
 
-QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
+ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
                      const ReplyJudge& judge)
 {
     call.startApplication();
@@ -83,18 +83,18 @@ std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) 
     OutgoingRequest outgoing;
     switch (body.form) {
     case Body::Form::JsonObject:
-        outgoing = jsonPost(url, QJsonDocument(mapKeys(source, body.keys)));
+        outgoing = jsonPost(url, mappedObjectText(source, body.keys));
         break;
     case Body::Form::JsonArray: {
         const QJsonArray records = readArray(arguments, QString::fromLatin1(body.within));
         if (records.isEmpty())
             return std::nullopt;
-        QJsonArray mapped;
+        QByteArray mapped = "[";
         for (const QJsonValue& record : records) {
             if (record.isObject())
-                mapped.append(mapKeys(record.toObject(), body.keys));
+                mapped += (mapped.size() > 1 ? "," : "") + mappedObjectText(record.toObject(), body.keys);
         }
-        outgoing = jsonPost(url, QJsonDocument(mapped));
+        outgoing = jsonPost(url, mapped + ']');
         break;
     }
     case Body::Form::FormText:

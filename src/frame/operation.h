@@ -71,11 +71,11 @@ struct HttpClasses {
     int alsoJudged = -1;          // one more status the judge takes, tested after 200
 };
 
-using ReplyJudge = std::function<QJsonObject(const ReceivedReply& reply)>;
+using ReplyJudge = std::function<ResultDocument(const ReceivedReply& reply)>;
 
 // Starts the temporary application if needed, runs the exchange, and sorts the
 // reply into its HTTP class; 200 (and `alsoJudged`) go to `judge`.
-QJsonObject exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
+ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
                      const ReplyJudge& judge);
 
 struct Operation {

@@ -1,5 +1,9 @@
 #include "frame/reading.h"
 
+#include "frame/json_writer.h"
+
+#include <algorithm>
+
 namespace norva {
 
 QString readText(const QJsonObject& from, const QString& key)
@@ -76,6 +80,22 @@ QJsonObject mapKeys(const QJsonObject& from, const KeyList& mappings)
             to.insert(QString::fromLatin1(m.to), value);
     }
     return to;
+}
+
+QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
+{
+    JsonMembers members;
+    members.reserve(mappings.size());
+    for (const KeyMapping& m : mappings) {
+        QJsonValue value = readValue(from, QString::fromLatin1(m.from), m.mode);
+        if (!value.isUndefined())
+            members.emplace_back(QLatin1String(m.to), std::move(value));
+    }
+    // QJsonObject's order; of equal keys the one inserted last stays.
+    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    const auto kept = std::unique(members.rbegin(), members.rend(), [](const auto& a, const auto& b) { return a.first == b.first; });
+    members.erase(members.begin(), kept.base());
+    return objectText(members);
 }
 
 } // namespace norva

@@ -50,4 +50,8 @@ KeyList operator+(KeyList first, const KeyList& second);
 // Builds an object from `mappings`, in order; a raw key that is missing adds nothing.
 QJsonObject mapKeys(const QJsonObject& from, const KeyList& mappings);
 
+// The compact text of mapKeys(from, mappings), written without building the
+// object (a key mapped twice keeps its last value).
+QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings);
+
 } // namespace norva

@@ -31,9 +31,9 @@ OutgoingRequest withBody(const QString& url, const QByteArray& body, const char*
 
 } // namespace
 
-OutgoingRequest jsonPost(const QString& url, const QJsonDocument& body)
+OutgoingRequest jsonPost(const QString& url, const QByteArray& compactJson)
 {
-    return withBody(url, body.toJson(QJsonDocument::Compact), contentType::json);
+    return withBody(url, compactJson, contentType::json);
 }
 
 OutgoingRequest formTextPost(const QString& url, const QByteArray& formText)

@@ -43,7 +43,7 @@ struct OutgoingRequest {
 QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery);
 
 // POST with a compact JSON body: Content-Type "application/json", Content-Length.
-OutgoingRequest jsonPost(const QString& url, const QJsonDocument& body);
+OutgoingRequest jsonPost(const QString& url, const QByteArray& compactJson);
 // POST with a form text body: Content-Type "application/x-www-form-urlencoded".
 OutgoingRequest formTextPost(const QString& url, const QByteArray& formText);
 // GET without a body; `hasQuery` makes the URL the sent text.

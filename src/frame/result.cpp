@@ -1,19 +1,53 @@
 #include "frame/result.h"
 
-#include <QJsonDocument>
-
+#include <algorithm>
 #include <iostream>
 
 namespace norva {
 
-QJsonObject statusDocument(int status, const QString& message)
+namespace {
+
+JsonMembers::const_iterator findKey(const JsonMembers& members, QLatin1String key)
 {
-    return QJsonObject{{QStringLiteral("status"), status}, {QStringLiteral("message"), message}};
+    return std::lower_bound(members.begin(), members.end(), key,
+                            [](const JsonMembers::value_type& member, QLatin1String k) { return member.first < k; });
 }
 
-std::string compactText(const QJsonObject& document)
+} // namespace
+
+void ResultDocument::insert(const char* name, const QJsonValue& value)
 {
-    return QString::fromUtf8(QJsonDocument(document).toJson(QJsonDocument::Compact)).toStdString();
+    const QLatin1String key(name);
+    const auto at = members.begin() + (findKey(members, key) - members.cbegin());
+    const bool present = at != members.end() && at->first == key;
+    if (value.isUndefined()) {
+        if (present)
+            members.erase(at);
+    } else if (present) {
+        at->second = value;
+    } else {
+        members.emplace(at, key, value);
+    }
+}
+
+bool ResultDocument::contains(const char* name) const
+{
+    const QLatin1String key(name);
+    const auto at = findKey(members, key);
+    return at != members.end() && at->first == key;
+}
+
+ResultDocument statusDocument(int status, const QString& message)
+{
+    ResultDocument document;
+    document.insert("message", message);
+    document.insert("status", status);
+    return document;
+}
+
+std::string compactText(const ResultDocument& document)
+{
+    return document.text().toStdString();
 }
 
 void echoLine(const std::string& text)
@@ -21,7 +55,7 @@ void echoLine(const std::string& text)
     std::cout << text << std::endl;
 }
 
-std::string finishResult(const QJsonObject& document)
+std::string finishResult(const ResultDocument& document)
 {
     std::string text = compactText(document);
     echoLine(text);

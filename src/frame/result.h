@@ -1,7 +1,9 @@
 // Result documents: their fixed forms, their compact text and the console echo.
 #pragma once
 
-#include <QJsonObject>
+#include "frame/json_writer.h"
+
+#include <QJsonValue>
 #include <QString>
 
 #include <string>
@@ -21,16 +23,32 @@ inline const char* const jsonParametersError = "json parameters error";
 inline const char* const requestCancelled = "request cancelled";
 } // namespace message
 
-// {"message":message,"status":status}
-QJsonObject statusDocument(int status, const QString& message);
+// A result document: a flat JSON object built member by member. It keeps its
+// members as a QJsonObject would (ascending keys, one value per key, inserting
+// an undefined value removes the key) and writes the text QJsonDocument would,
+// without the cost of either on Qt 6.
+class ResultDocument
+{
+public:
+    void insert(const char* key, const QJsonValue& value);
+    bool contains(const char* key) const;
+    bool isEmpty() const { return members.empty(); }
+    // Compact JSON: keys sorted, no white space, no line end.
+    QByteArray text() const { return objectText(members); }
 
-// The document in compact JSON (keys sorted, no white space, no line end).
-std::string compactText(const QJsonObject& document);
+private:
+    JsonMembers members;
+};
+
+// {"message":message,"status":status}
+ResultDocument statusDocument(int status, const QString& message);
+
+std::string compactText(const ResultDocument& document);
 
 // Writes the text as one line to standard output and flushes it.
 void echoLine(const std::string& text);
 
 // compactText and echoLine together: what every operation returns.
-std::string finishResult(const QJsonObject& document);
+std::string finishResult(const ResultDocument& document);
 
 } // namespace norva

@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 
+#include <algorithm>
 #include <exception>
 
 namespace norva {
@@ -24,13 +25,21 @@ std::string caught(const QString& errorText, const ShellOptions& options)
 {
     const std::string line = errorText.toStdString();
     echoLine(line);
-    QJsonObject document;
-    document.insert(QStringLiteral("status"), 400);
-    document.insert(QStringLiteral("error_message"), errorText);
+    ResultDocument document;
+    document.insert("status", 400);
+    document.insert("error_message", errorText);
     std::string text = compactText(document);
     if (options.echoCaughtDocument)
         echoLine(text);
     return text;
+}
+
+// The argument as it comes through QString, whose UTF-8 decoding replaces an
+// invalid sequence by U+FFFD; ASCII comes through as it is, without the trip.
+QByteArray argumentText(const std::string& argument)
+{
+    const bool ascii = std::all_of(argument.begin(), argument.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return ascii ? QByteArray::fromStdString(argument) : QString::fromStdString(argument).toUtf8();
 }
 
 } // namespace
@@ -59,7 +68,7 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
     try {
         QJsonParseError error;
         const QJsonDocument document =
-            parseJson(QString::fromStdString(argument).toUtf8(), &error);
+            parseJson(argumentText(argument), &error);
         if (error.error != QJsonParseError::NoError)
             return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
         seam::reach(seam::FaultPoint::ArgumentsParsed);

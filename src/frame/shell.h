@@ -5,6 +5,8 @@
 // finishes the result document with its console echo.
 #pragma once
 
+#include "frame/result.h"
+
 #include <QCoreApplication>
 #include <QJsonObject>
 
@@ -47,7 +49,7 @@ private:
 };
 
 // A flow reads the argument object, exchanges, and returns the result document.
-using Flow = std::function<QJsonObject(const QJsonObject& arguments, Call& call)>;
+using Flow = std::function<ResultDocument(const QJsonObject& arguments, Call& call)>;
 
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow);
 

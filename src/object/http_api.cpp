@@ -31,10 +31,10 @@ std::string NORVA_HTTP_API::norva_sdk_login(std::string argument)
         if (reply.cancelled)
             return statusDocument(400, QString::fromLatin1(message::requestCancelled));
 
-        QJsonObject networkError;
+        ResultDocument networkError;
         if (reply.networkError != QNetworkReply::NoError) {
             networkError = statusDocument(400, reply.errorString);
-            networkError.insert(QStringLiteral("error"), int(reply.networkError));
+            networkError.insert("error", int(reply.networkError));
         }
         if (reply.httpStatus != 200) {
             if (!networkError.isEmpty())
@@ -61,9 +61,9 @@ void NORVA_HTTP_API::requestFinished(QNetworkReply* reply)
         return;
     const QByteArray bytes = reply->readAll();
     qDebug() << bytes;
-    QJsonObject document = statusDocument(400, reply->errorString());
-    document.insert(QStringLiteral("error"), int(reply->error()));
-    document.insert(QStringLiteral("message2"), qt_line::utf8UpToNul(bytes));
+    ResultDocument document = statusDocument(400, reply->errorString());
+    document.insert("error", int(reply->error()));
+    document.insert("message2", qt_line::utf8UpToNul(bytes));
     echoLine(compactText(document));
 }
 

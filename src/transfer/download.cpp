@@ -104,7 +104,7 @@ bool DownloadSpool::moveTo(const QString& path)
     return true;
 }
 
-QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
+ResultDocument saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
                          const DownloadName& name, OpenFailureText openFailureText)
 {
     const QString fail = QString::fromLatin1(message::downloadFail);
@@ -134,8 +134,8 @@ QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QS
     const bool writable = opened && (spool ? !existed || existing.isWritable() : file.open(QIODevice::WriteOnly));
     if (!writable) {
         freeName();
-        QJsonObject document = statusDocument(400, fail);
-        document.insert(QStringLiteral("error"), openFailureText == OpenFailureText::Compact
+        ResultDocument document = statusDocument(400, fail);
+        document.insert("error", openFailureText == OpenFailureText::Compact
                                                      ? QStringLiteral("File:") + path + QStringLiteral("open failed")
                                                      : QStringLiteral("File: ") + path + QStringLiteral(" open failed"));
         return document;
@@ -146,9 +146,9 @@ QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QS
         freeName(); // the unfinished file goes with `file` or the spool
         return statusDocument(400, fail);
     }
-    QJsonObject document = statusDocument(200, QStringLiteral("download success"));
-    document.insert(QStringLiteral("filename"), name.filename);
-    document.insert(QStringLiteral("new_name"), name.newName);
+    ResultDocument document = statusDocument(200, QStringLiteral("download success"));
+    document.insert("filename", name.filename);
+    document.insert("new_name", name.newName);
     return document;
 }
 
@@ -179,10 +179,10 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
         classes.alsoJudged = variant.answers204 ? 204 : -1;
         return exchange(call, outgoing, classes, [&](const ReceivedReply& reply) {
             if (reply.httpStatus == 204) {
-                QJsonObject document = statusDocument(400, QStringLiteral("Can not find this file"));
+                ResultDocument document = statusDocument(400, QStringLiteral("Can not find this file"));
                 const QJsonValue boardId = readRaw(readObject(arguments, QStringLiteral("data")), QStringLiteral("id"));
                 if (!boardId.isUndefined())
-                    document.insert(QStringLiteral("BoardId"), boardId);
+                    document.insert("BoardId", boardId);
                 return document;
             }
             if (variant.writesSizeLine)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "frame/exchange.h"
+#include "frame/result.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -62,7 +63,7 @@ private:
 
 // Saves the body (`bytes`, or what `spool` holds when given) under folder +
 // separator + name and returns the result document.
-QJsonObject saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
+ResultDocument saveDownload(const QByteArray& bytes, DownloadSpool* spool, const QString& folder,
                          const DownloadName& name, OpenFailureText openFailureText);
 
 // The three downloads differ only in these points.

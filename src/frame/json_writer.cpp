@@ -1,0 +1,131 @@
+#include "frame/json_writer.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cmath>
+
+namespace norva {
+
+namespace {
+
+// Both Qt lines write an integral number below this as its plain digits (Qt 6
+// writes 1e16 as "1e+16" when it holds a double).
+constexpr double plainIntegerLimit = 1e15;
+
+// The text as both Qt lines write it when every character is ASCII: the six
+// with a short escape, other control characters as \u00XX, the rest as they
+// are. False (and nothing written) for anything beyond ASCII.
+bool appendAsciiString(QByteArray& out, QStringView text)
+{
+    static const char hex[] = "0123456789abcdef";
+    qsizetype length = 2;
+    for (const QChar qc : text) {
+        const char16_t c = qc.unicode();
+        if (c >= 0x80)
+            return false;
+        length += c >= 0x20 && c != '"' && c != '\\' ? 1 : c == '"' || c == '\\' || c == '\b' || c == '\f' || c == '\n' || c == '\r' || c == '\t' ? 2 : 6;
+    }
+    const qsizetype start = out.size();
+    out.resize(start + length);
+    char* to = out.data() + start;
+    *to++ = '"';
+    for (const QChar qc : text) {
+        const char16_t c = qc.unicode();
+        if (c >= 0x20 && c != '"' && c != '\\') {
+            *to++ = char(c);
+            continue;
+        }
+        *to++ = '\\';
+        switch (c) {
+        case '"': *to++ = '"'; break;
+        case '\\': *to++ = '\\'; break;
+        case '\b': *to++ = 'b'; break;
+        case '\f': *to++ = 'f'; break;
+        case '\n': *to++ = 'n'; break;
+        case '\r': *to++ = 'r'; break;
+        case '\t': *to++ = 't'; break;
+        default:
+            *to++ = 'u';
+            *to++ = '0';
+            *to++ = '0';
+            *to++ = hex[c >> 4];
+            *to++ = hex[c & 15];
+        }
+    }
+    *to = '"';
+    return true;
+}
+
+// What Qt writes for one value: the array of that value without its brackets.
+void appendByQt(QByteArray& out, const QJsonValue& value)
+{
+    const QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    out.append(text.constData() + 1, text.size() - 2);
+}
+
+void appendString(QByteArray& out, const QString& text)
+{
+    if (!appendAsciiString(out, text))
+        appendByQt(out, QJsonValue(text));
+}
+
+// A key: the library's own ASCII name.
+void appendKey(QByteArray& out, QLatin1String key)
+{
+    out.append('"');
+    out.append(key.data(), key.size());
+    out.append("\":", 2);
+}
+
+} // namespace
+
+void appendJson(QByteArray& out, const QJsonValue& value)
+{
+    switch (value.type()) {
+    case QJsonValue::Null:
+        out.append("null", 4);
+        return;
+    case QJsonValue::Bool:
+        value.toBool() ? out.append("true", 4) : out.append("false", 5);
+        return;
+    case QJsonValue::Double: {
+        const double d = value.toDouble();
+        if (std::trunc(d) == d && std::fabs(d) < plainIntegerLimit) {
+            out.append(QByteArray::number(qint64(d)));
+            return;
+        }
+        break;
+    }
+    case QJsonValue::String:
+        appendString(out, value.toString());
+        return;
+    case QJsonValue::Array:
+        out.append(QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact));
+        return;
+    case QJsonValue::Object:
+        out.append(QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact));
+        return;
+    case QJsonValue::Undefined:
+        break;
+    }
+    appendByQt(out, value);
+}
+
+QByteArray objectText(const JsonMembers& members)
+{
+    QByteArray out;
+    out.reserve(128);
+    out.append('{');
+    for (const auto& [key, value] : members) {
+        if (out.size() > 1)
+            out.append(',');
+        appendKey(out, key);
+        appendJson(out, value);
+    }
+    out.append('}');
+    return out;
+}
+
+} // namespace norva
