@@ -5,6 +5,7 @@
 #include <QString>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -409,6 +410,90 @@ bool isFlatPlainText(const QByteArray& json)
 }
 
 } // namespace
+
+std::optional<FlatMembers> readFlatObject(const QByteArray& json)
+{
+    const char* at = json.constData();
+    const char* const end = at + json.size();
+    const auto skipSpace = [&] {
+        while (at < end && (*at == ' ' || *at == '\t' || *at == '\n' || *at == '\r'))
+            ++at;
+    };
+    const auto next = [&](char c) {
+        if (at == end || *at != c)
+            return false;
+        ++at;
+        return true;
+    };
+    // A string of plain characters, quotes included.
+    const auto plainString = [&] {
+        if (!next('"'))
+            return false;
+        while (at < end && *at != '"') {
+            if (*at < 0x20 || *at > 0x7e || *at == '\\')
+                return false;
+            ++at;
+        }
+        return next('"');
+    };
+    const auto literal = [&](std::string_view word) {
+        if (size_t(end - at) < word.size() || std::string_view(at, word.size()) != word)
+            return false;
+        at += word.size();
+        return true;
+    };
+    const auto integer = [&] {
+        const bool negative = next('-');
+        const char* const digits = at;
+        while (at < end && isDigit(*at))
+            ++at;
+        const long count = at - digits;
+        return count > 0 && count <= 15 && (*digits != '0' || (count == 1 && !negative));
+    };
+
+    FlatMembers members;
+    skipSpace();
+    if (!next('{'))
+        return std::nullopt;
+    skipSpace();
+    if (!next('}')) {
+        do {
+            skipSpace();
+            const char* const keyStart = at;
+            if (!plainString())
+                return std::nullopt;
+            const std::string_view key(keyStart + 1, size_t(at - keyStart - 2));
+            skipSpace();
+            if (!next(':'))
+                return std::nullopt;
+            skipSpace();
+            const char* const valueStart = at;
+            if (!(at < end && *at == '"' ? plainString()
+                                         : literal("true") || literal("false") || literal("null") || integer()))
+                return std::nullopt;
+            members.push_back({key, std::string_view(valueStart, size_t(at - valueStart))});
+            skipSpace();
+        } while (next(','));
+        if (!next('}'))
+            return std::nullopt;
+    }
+    skipSpace();
+    if (at != end)
+        return std::nullopt;
+    return members;
+}
+
+QJsonValue flatValue(const FlatMember& member)
+{
+    const std::string_view text = member.value;
+    if (member.isText())
+        return QString::fromLatin1(text.data() + 1, int(text.size()) - 2);
+    if (member.isInteger())
+        return QJsonValue(qint64(std::stoll(std::string(text))));
+    if (text == "null")
+        return QJsonValue(QJsonValue::Null);
+    return text == "true";
+}
 
 QByteArray withoutRepeatedKeys(const QByteArray& json)
 {

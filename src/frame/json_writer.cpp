@@ -5,6 +5,7 @@
 #include <QJsonObject>
 
 #include <cmath>
+#include <cstring>
 
 namespace norva {
 
@@ -72,10 +73,10 @@ void appendString(QByteArray& out, const QString& text)
 }
 
 // A key: the library's own ASCII name.
-void appendKey(QByteArray& out, QLatin1String key)
+void appendKey(QByteArray& out, const char* key)
 {
     out.append('"');
-    out.append(key.data(), key.size());
+    out.append(key);
     out.append("\":", 2);
 }
 
@@ -113,16 +114,24 @@ void appendJson(QByteArray& out, const QJsonValue& value)
     appendByQt(out, value);
 }
 
+bool keyBefore(const char* a, const char* b)
+{
+    return std::strcmp(a, b) < 0;
+}
+
 QByteArray objectText(const JsonMembers& members)
 {
     QByteArray out;
     out.reserve(128);
     out.append('{');
-    for (const auto& [key, value] : members) {
+    for (const JsonMember& member : members) {
         if (out.size() > 1)
             out.append(',');
-        appendKey(out, key);
-        appendJson(out, value);
+        appendKey(out, member.key);
+        if (member.text.isNull())
+            appendJson(out, member.value);
+        else
+            out.append(member.text);
     }
     out.append('}');
     return out;

@@ -11,7 +11,6 @@
 
 #include <QByteArray>
 #include <QJsonValue>
-#include <QLatin1String>
 #include <QString>
 
 #include <utility>
@@ -21,9 +20,20 @@ namespace norva {
 
 void appendJson(QByteArray& out, const QJsonValue& value);
 
-// Members in QJsonObject's order (ascending, one per key). The keys are the
-// library's own names: ASCII text that lives as long as the program.
-using JsonMembers = std::vector<std::pair<QLatin1String, QJsonValue>>;
+// A member of an object to write. The key is one of the library's own names:
+// ASCII text that lives as long as the program. A member holds its value, or
+// (when `text` is not null) the value's JSON text as Qt would write it.
+struct JsonMember {
+    const char* key;
+    QJsonValue value;
+    QByteArray text;
+};
+
+// Members in QJsonObject's order (ascending, one per key).
+using JsonMembers = std::vector<JsonMember>;
+
+// Orders members by key as QJsonObject does (for ASCII keys, byte order).
+bool keyBefore(const char* a, const char* b);
 
 // {"key":value,...} of members already in QJsonObject's order.
 QByteArray objectText(const JsonMembers& members);

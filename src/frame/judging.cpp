@@ -7,6 +7,10 @@
 #include <QJsonDocument>
 #include <QJsonParseError>
 
+#include <functional>
+#include <limits>
+#include <string>
+
 namespace norva {
 
 HttpClass classifyStatus(int httpStatus, bool with402Branch)
@@ -68,50 +72,94 @@ OutcomeTable getQueryOutcome(const char* success, const char* failure)
 
 namespace {
 
-QJsonValue valueFrom(From from, const QJsonObject& reply, const QJsonValue& sentText)
+// A member of the service reply: its value, or the JSON text it has in a flat
+// reply (see readFlatObject). Missing when the reply has no such member.
+struct ReplyValue {
+    QJsonValue value = QJsonValue::Undefined;
+    QByteArray text;
+    bool missing() const { return text.isNull() && value.isUndefined(); }
+};
+
+using ReplyMember = std::function<ReplyValue(const char* key)>;
+
+ReplyValue valueFrom(From from, const ReplyMember& reply, const QJsonValue& sentText)
 {
-    const QString data = QStringLiteral("data");
-    const QString msg = QStringLiteral("msg");
+    const auto orIfMissing = [](const ReplyValue& member, const QJsonValue& missing) {
+        return member.missing() ? ReplyValue{missing, {}} : member;
+    };
+    const QJsonValue null(QJsonValue::Null);
     switch (from) {
     case From::ReplyData:
-        return readRaw(reply, data);
+        return reply("data");
     case From::ReplyDataOrNull:
-        return readOptionalRaw(reply, data);
+        return orIfMissing(reply("data"), null);
     case From::ReplyMsgOrNull:
-        return readOptionalRaw(reply, msg);
+        return orIfMissing(reply("msg"), null);
     case From::ReplyMsgOrEmpty:
-        return reply.contains(msg) ? reply.value(msg) : QJsonValue(QString());
-    case From::ReplyMsgAsMessage:
-        return readOptionalMessage(reply, msg);
-    case From::SentText:
-        return sentText;
+        return orIfMissing(reply("msg"), QString());
+    case From::ReplyMsgAsMessage: {
+        // As text: a member that is not text reads as "".
+        const ReplyValue msg = reply("msg");
+        if (msg.missing())
+            return {null, {}};
+        if (!msg.text.isNull())
+            return {{}, msg.text.startsWith('"') ? msg.text : QByteArrayLiteral("\"\"")};
+        return {msg.value.toString(), {}};
     }
-    return QJsonValue::Undefined;
+    case From::SentText:
+        return {sentText, {}};
+    }
+    return {};
 }
 
-} // namespace
-
-ResultDocument applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
-                         const QJsonValue& sentText)
+ResultDocument applyOutcome(const OutcomeTable& table, int code, const ReplyMember& serviceReply,
+                            const QJsonValue& sentText)
 {
-    const int code = readInteger(serviceReply, QStringLiteral("code"));
     for (const Outcome& row : table) {
         if (!row.when.matches(code))
             continue;
         ResultDocument document = statusDocument(row.status, QString::fromUtf8(row.message));
         for (const ResultKey& key : row.keys) {
-            const QJsonValue value = valueFrom(key.from, serviceReply, sentText);
-            if (!value.isUndefined())
-                document.insert(key.key, value);
+            const ReplyValue value = valueFrom(key.from, serviceReply, sentText);
+            if (!value.text.isNull())
+                document.insertText(key.key, value.text);
+            else if (!value.value.isUndefined())
+                document.insert(key.key, value.value);
         }
         return document;
     }
     return statusDocument(400, QString::fromLatin1(message::requestFail));
 }
 
-ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
-                              const QJsonValue& sentText)
+// The service code of a flat reply, as QJsonValue::toInt(0) reads it: an
+// integer within int's range, else 0.
+int flatCode(const FlatMember* code)
 {
+    if (!code || !code->isInteger())
+        return 0;
+    const qint64 value = std::stoll(std::string(code->value));
+    return value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max() ? int(value) : 0;
+}
+
+} // namespace
+
+ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
+                                 const QJsonValue& sentText)
+{
+    if (const std::optional<FlatMembers> flat = readFlatObject(body)) {
+        // Of a repeated key, the last member counts.
+        const auto find = [&flat](const char* key) -> const FlatMember* {
+            for (auto member = flat->rbegin(); member != flat->rend(); ++member) {
+                if (member->key == key)
+                    return &*member;
+            }
+            return nullptr;
+        };
+        return applyOutcome(table, flatCode(find("code")), [&find](const char* key) {
+            const FlatMember* member = find(key);
+            return member ? ReplyValue{{}, QByteArray(member->value.data(), int(member->value.size()))} : ReplyValue{};
+        }, sentText);
+    }
     QJsonParseError error;
     const QJsonDocument document = parseJson(body, &error);
     if (error.error != QJsonParseError::NoError) {
@@ -120,7 +168,9 @@ ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& tab
             unparseable.insert("request_data", sentText);
         return unparseable;
     }
-    return applyOutcome(table, document.object(), sentText);
+    const QJsonObject reply = document.object();
+    return applyOutcome(table, reply.value(QLatin1String("code")).toInt(0),
+                        [&reply](const char* key) { return ReplyValue{reply.value(QLatin1String(key)), {}}; }, sentText);
 }
 
 } // namespace norva

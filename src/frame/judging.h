@@ -85,10 +85,6 @@ OutcomeTable deleteOutcome(const char* success, const char* failure);
 // only success carries the reply's "data".
 OutcomeTable getQueryOutcome(const char* success, const char* failure);
 
-// The result document for a service reply object.
-ResultDocument applyOutcome(const OutcomeTable& table, const QJsonObject& serviceReply,
-                         const QJsonValue& sentText);
-
 // Parses an HTTP 200 body and applies the table. A body that is no JSON gives the
 // unparseable-reply document, with "request_data" holding `sentText` unless that
 // is undefined.

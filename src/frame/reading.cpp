@@ -3,6 +3,7 @@
 #include "frame/json_writer.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace norva {
 
@@ -89,11 +90,12 @@ QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
     for (const KeyMapping& m : mappings) {
         QJsonValue value = readValue(from, QString::fromLatin1(m.from), m.mode);
         if (!value.isUndefined())
-            members.emplace_back(QLatin1String(m.to), std::move(value));
+            members.push_back({m.to, std::move(value), QByteArray()});
     }
     // QJsonObject's order; of equal keys the one inserted last stays.
-    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    const auto kept = std::unique(members.rbegin(), members.rend(), [](const auto& a, const auto& b) { return a.first == b.first; });
+    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return keyBefore(a.key, b.key); });
+    const auto kept = std::unique(members.rbegin(), members.rend(),
+                                  [](const auto& a, const auto& b) { return std::strcmp(a.key, b.key) == 0; });
     members.erase(members.begin(), kept.base());
     return objectText(members);
 }

@@ -1,40 +1,49 @@
 #include "frame/result.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 
 namespace norva {
 
 namespace {
 
-JsonMembers::const_iterator findKey(const JsonMembers& members, QLatin1String key)
+JsonMembers::const_iterator findKey(const JsonMembers& members, const char* key)
 {
     return std::lower_bound(members.begin(), members.end(), key,
-                            [](const JsonMembers::value_type& member, QLatin1String k) { return member.first < k; });
+                            [](const JsonMember& member, const char* k) { return keyBefore(member.key, k); });
 }
 
 } // namespace
 
-void ResultDocument::insert(const char* name, const QJsonValue& value)
+void ResultDocument::insert(const char* key, const QJsonValue& value)
 {
-    const QLatin1String key(name);
-    const auto at = members.begin() + (findKey(members, key) - members.cbegin());
-    const bool present = at != members.end() && at->first == key;
-    if (value.isUndefined()) {
+    put({key, value, QByteArray()});
+}
+
+void ResultDocument::insertText(const char* key, const QByteArray& jsonText)
+{
+    put({key, QJsonValue(), jsonText});
+}
+
+void ResultDocument::put(JsonMember member)
+{
+    const auto at = members.begin() + (findKey(members, member.key) - members.cbegin());
+    const bool present = at != members.end() && std::strcmp(at->key, member.key) == 0;
+    if (member.text.isNull() && member.value.isUndefined()) {
         if (present)
             members.erase(at);
     } else if (present) {
-        at->second = value;
+        *at = std::move(member);
     } else {
-        members.emplace(at, key, value);
+        members.insert(at, std::move(member));
     }
 }
 
-bool ResultDocument::contains(const char* name) const
+bool ResultDocument::contains(const char* key) const
 {
-    const QLatin1String key(name);
     const auto at = findKey(members, key);
-    return at != members.end() && at->first == key;
+    return at != members.end() && std::strcmp(at->key, key) == 0;
 }
 
 ResultDocument statusDocument(int status, const QString& message)

@@ -31,12 +31,16 @@ class ResultDocument
 {
 public:
     void insert(const char* key, const QJsonValue& value);
+    // A value given as its JSON text, exactly as QJsonDocument would write it.
+    void insertText(const char* key, const QByteArray& jsonText);
     bool contains(const char* key) const;
     bool isEmpty() const { return members.empty(); }
     // Compact JSON: keys sorted, no white space, no line end.
     QByteArray text() const { return objectText(members); }
 
 private:
+    void put(JsonMember member);
+
     JsonMembers members;
 };
 
