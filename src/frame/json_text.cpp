@@ -483,6 +483,15 @@ std::optional<FlatMembers> readFlatObject(const QByteArray& json)
     return members;
 }
 
+const FlatMember* findMember(const FlatMembers& members, std::string_view key)
+{
+    for (auto member = members.rbegin(); member != members.rend(); ++member) {
+        if (member->key == key)
+            return &*member;
+    }
+    return nullptr;
+}
+
 QJsonValue flatValue(const FlatMember& member)
 {
     const std::string_view text = member.value;

@@ -37,6 +37,10 @@ struct FlatMember {
 using FlatMembers = std::vector<FlatMember>;
 std::optional<FlatMembers> readFlatObject(const QByteArray& json);
 
+// The member of that key (of a repeated key, the last one, as Qt keeps it);
+// nullptr when there is none.
+const FlatMember* findMember(const FlatMembers& members, std::string_view key);
+
 // A member's value as Qt's parser gives it.
 QJsonValue flatValue(const FlatMember& member);
 

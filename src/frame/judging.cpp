@@ -147,16 +147,8 @@ ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& tab
                                  const QJsonValue& sentText)
 {
     if (const std::optional<FlatMembers> flat = readFlatObject(body)) {
-        // Of a repeated key, the last member counts.
-        const auto find = [&flat](const char* key) -> const FlatMember* {
-            for (auto member = flat->rbegin(); member != flat->rend(); ++member) {
-                if (member->key == key)
-                    return &*member;
-            }
-            return nullptr;
-        };
-        return applyOutcome(table, flatCode(find("code")), [&find](const char* key) {
-            const FlatMember* member = find(key);
+        return applyOutcome(table, flatCode(findMember(*flat, "code")), [&flat](const char* key) {
+            const FlatMember* member = findMember(*flat, key);
             return member ? ReplyValue{{}, QByteArray(member->value.data(), int(member->value.size()))} : ReplyValue{};
         }, sentText);
     }

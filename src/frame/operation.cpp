@@ -73,6 +73,19 @@ ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses
     return httpClassDocument(httpClass);
 }
 
+std::optional<OutgoingRequest> Operation::request(const Arguments& arguments) const
+{
+    const FlatMembers* const flat = arguments.flat();
+    if (!flat || body.form != Body::Form::JsonObject || body.within)
+        return request(arguments.object());
+    // A flat argument text: its members go into the body as they stand.
+    OutgoingRequest outgoing = jsonPost(serviceUrlText(flatText(*flat, "ipconfig"), QString::fromLatin1(path)),
+                                        mappedFlatText(*flat, body.keys));
+    if (access == Access::Token)
+        setTokenHeader(outgoing, flatText(*flat, "token"));
+    return outgoing;
+}
+
 std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) const
 {
     const QString ipconfig = readText(arguments, QStringLiteral("ipconfig"));
@@ -120,7 +133,7 @@ std::string Operation::call(std::string argument, const char* name) const
     ShellOptions options;
     options.operation = name;
     options.echoCaughtDocument = echoCaughtDocument;
-    return runShell(argument, options, [this](const QJsonObject& arguments, Call& call) {
+    return runShell(argument, options, [this](const Arguments& arguments, Call& call) {
         std::optional<OutgoingRequest> outgoing = request(arguments);
         if (!outgoing)
             return statusDocument(400, QString::fromLatin1(message::jsonParametersError));

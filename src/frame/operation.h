@@ -92,6 +92,7 @@ struct Operation {
 
     // The request for an argument document, token header included; nullopt when
     // the body's own rule refuses it before sending.
+    std::optional<OutgoingRequest> request(const Arguments& arguments) const;
     std::optional<OutgoingRequest> request(const QJsonObject& arguments) const;
 };
 

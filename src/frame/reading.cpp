@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace norva {
 
@@ -83,6 +84,48 @@ QJsonObject mapKeys(const QJsonObject& from, const KeyList& mappings)
     return to;
 }
 
+namespace {
+
+// The members in QJsonObject's order (of equal keys the one inserted last
+// stays), written.
+QByteArray orderedObjectText(JsonMembers members)
+{
+    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return keyBefore(a.key, b.key); });
+    const auto kept = std::unique(members.rbegin(), members.rend(),
+                                  [](const auto& a, const auto& b) { return std::strcmp(a.key, b.key) == 0; });
+    members.erase(members.begin(), kept.base());
+    return objectText(members);
+}
+
+// What readValue gives of a flat member (nullptr: none), as its JSON text;
+// null for no value. Text and integers stand in flat members as Qt writes them.
+QByteArray flatValueText(const FlatMember* member, Read mode)
+{
+    const auto text = [member] { return QByteArray(member->value.data(), int(member->value.size())); };
+    const QByteArray empty("\"\"");
+    const QByteArray null("null");
+    switch (mode) {
+    case Read::Text:
+    case Read::OptionalText:
+        return member && member->isText() ? text() : empty;
+    case Read::Integer: {
+        if (!member || !member->isInteger())
+            return "0";
+        const qint64 value = text().toLongLong(); // at most 15 digits
+        return value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max() ? text() : "0";
+    }
+    case Read::Raw:
+        return member ? text() : QByteArray();
+    case Read::OptionalRaw:
+        return member ? text() : null;
+    case Read::OptionalMessage:
+        return !member ? null : member->isText() ? text() : empty;
+    }
+    return QByteArray();
+}
+
+} // namespace
+
 QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
 {
     JsonMembers members;
@@ -92,12 +135,26 @@ QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
         if (!value.isUndefined())
             members.push_back({m.to, std::move(value), QByteArray()});
     }
-    // QJsonObject's order; of equal keys the one inserted last stays.
-    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return keyBefore(a.key, b.key); });
-    const auto kept = std::unique(members.rbegin(), members.rend(),
-                                  [](const auto& a, const auto& b) { return std::strcmp(a.key, b.key) == 0; });
-    members.erase(members.begin(), kept.base());
-    return objectText(members);
+    return orderedObjectText(std::move(members));
+}
+
+QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings)
+{
+    JsonMembers members;
+    members.reserve(mappings.size());
+    for (const KeyMapping& m : mappings) {
+        QByteArray text = flatValueText(findMember(from, m.from), m.mode);
+        if (!text.isNull())
+            members.push_back({m.to, QJsonValue(), std::move(text)});
+    }
+    return orderedObjectText(std::move(members));
+}
+
+QString flatText(const FlatMembers& from, const char* key)
+{
+    const FlatMember* const member = findMember(from, key);
+    return member && member->isText() ? QString::fromLatin1(member->value.data() + 1, int(member->value.size()) - 2)
+                                      : QString();
 }
 
 } // namespace norva

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <QJsonArray>
+#include "frame/json_text.h"
+
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
@@ -53,5 +55,9 @@ QJsonObject mapKeys(const QJsonObject& from, const KeyList& mappings);
 // The compact text of mapKeys(from, mappings), written without building the
 // object (a key mapped twice keeps its last value).
 QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings);
+// The same of flat members: what mappedObjectText writes of their object.
+QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings);
+// readText of flat members.
+QString flatText(const FlatMembers& from, const char* key);
 
 } // namespace norva

@@ -44,6 +44,20 @@ QByteArray argumentText(const std::string& argument)
 
 } // namespace
 
+Arguments::Arguments(QByteArray text, std::optional<FlatMembers> flat, QJsonObject object)
+    : text(std::move(text)), members(std::move(flat))
+{
+    if (!members)
+        parsed = std::move(object);
+}
+
+const QJsonObject& Arguments::object() const
+{
+    if (!parsed)
+        parsed = QJsonDocument::fromJson(text).object();
+    return *parsed;
+}
+
 Call::Call(bool needsApplication) : needsApplication(needsApplication) {}
 
 void Call::startApplication()
@@ -66,15 +80,20 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
     const bool needsApplication = options.mayBuildApplication && QCoreApplication::startingUp();
     const OperationScope scope(options.operation);
     try {
-        QJsonParseError error;
-        const QJsonDocument document =
-            parseJson(argumentText(argument), &error);
-        if (error.error != QJsonParseError::NoError)
-            return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
+        QByteArray text = argumentText(argument);
+        std::optional<FlatMembers> flat = readFlatObject(text);
+        QJsonDocument document;
+        if (!flat) {
+            QJsonParseError error;
+            document = parseJson(text, &error);
+            if (error.error != QJsonParseError::NoError)
+                return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
+        }
         seam::reach(seam::FaultPoint::ArgumentsParsed);
+        const Arguments arguments(std::move(text), std::move(flat), document.object());
 
         Call call(needsApplication);
-        std::string result = finishResult(flow(document.object(), call));
+        std::string result = finishResult(flow(arguments, call));
         call.exitTemporaryApplication();
         return result;
     } catch (const QJsonParseError& error) {

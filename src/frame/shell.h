@@ -5,6 +5,7 @@
 // finishes the result document with its console echo.
 #pragma once
 
+#include "frame/json_text.h"
 #include "frame/result.h"
 
 #include <QCoreApplication>
@@ -48,8 +49,26 @@ private:
     std::optional<QCoreApplication> application;
 };
 
-// A flow reads the argument object, exchanges, and returns the result document.
-using Flow = std::function<ResultDocument(const QJsonObject& arguments, Call& call)>;
+// The argument document. A text that is one flat object of plain members (see
+// readFlatObject) also keeps those members as they stand: a declared operation
+// builds its request from them, and the object is only read when asked for.
+class Arguments
+{
+public:
+    Arguments(QByteArray text, std::optional<FlatMembers> flat, QJsonObject object);
+
+    const QJsonObject& object() const;
+    // nullptr unless the text is flat.
+    const FlatMembers* flat() const { return members ? &*members : nullptr; }
+
+private:
+    const QByteArray text; // the flat members point into it
+    const std::optional<FlatMembers> members;
+    mutable std::optional<QJsonObject> parsed;
+};
+
+// A flow reads the arguments, exchanges, and returns the result document.
+using Flow = std::function<ResultDocument(const Arguments& arguments, Call& call)>;
 
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow);
 

@@ -24,7 +24,7 @@ std::string NORVA_HTTP_API::norva_sdk_login(std::string argument)
     ShellOptions options;
     options.operation = "NORVA_HTTP_API::norva_sdk_login";
     options.mayBuildApplication = false;
-    return runShell(argument, options, [](const QJsonObject& arguments, Call&) {
+    return runShell(argument, options, [](const Arguments& arguments, Call&) {
         const Operation& login = accounts::loginOperation();
         OutgoingRequest outgoing = *login.request(arguments);
         const ReceivedReply reply = runExchange(outgoing);

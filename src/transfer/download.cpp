@@ -158,7 +158,8 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
     options.operation = name;
     options.parseFailureMessage = variant.parseFailureMessage;
     options.mayBuildApplication = variant.mayBuildApplication;
-    return runShell(argument, options, [&variant](const QJsonObject& arguments, Call& call) {
+    return runShell(argument, options, [&variant](const Arguments& given, Call& call) {
+        const QJsonObject& arguments = given.object();
         KeyList keys{{"id", "id", Read::Integer}};
         if (variant.sendsToken)
             keys.push_back({"userId", "userId", Read::Integer});
