@@ -452,6 +452,7 @@ std::optional<FlatMembers> readFlatObject(const QByteArray& json)
     };
 
     FlatMembers members;
+    members.reserve(16);
     skipSpace();
     if (!next('{'))
         return std::nullopt;

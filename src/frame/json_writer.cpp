@@ -18,7 +18,7 @@ constexpr double plainIntegerLimit = 1e15;
 // The text as both Qt lines write it when every character is ASCII: the six
 // with a short escape, other control characters as \u00XX, the rest as they
 // are. False (and nothing written) for anything beyond ASCII.
-bool appendAsciiString(QByteArray& out, QStringView text)
+bool appendAsciiString(std::string& out, QStringView text)
 {
     static const char hex[] = "0123456789abcdef";
     qsizetype length = 2;
@@ -28,8 +28,8 @@ bool appendAsciiString(QByteArray& out, QStringView text)
             return false;
         length += c >= 0x20 && c != '"' && c != '\\' ? 1 : c == '"' || c == '\\' || c == '\b' || c == '\f' || c == '\n' || c == '\r' || c == '\t' ? 2 : 6;
     }
-    const qsizetype start = out.size();
-    out.resize(start + length);
+    const size_t start = out.size();
+    out.resize(start + size_t(length));
     char* to = out.data() + start;
     *to++ = '"';
     for (const QChar qc : text) {
@@ -60,41 +60,41 @@ bool appendAsciiString(QByteArray& out, QStringView text)
 }
 
 // What Qt writes for one value: the array of that value without its brackets.
-void appendByQt(QByteArray& out, const QJsonValue& value)
+void appendByQt(std::string& out, const QJsonValue& value)
 {
     const QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-    out.append(text.constData() + 1, text.size() - 2);
+    out.append(text.constData() + 1, size_t(text.size()) - 2);
 }
 
-void appendString(QByteArray& out, const QString& text)
+void appendString(std::string& out, const QString& text)
 {
     if (!appendAsciiString(out, text))
         appendByQt(out, QJsonValue(text));
 }
 
 // A key: the library's own ASCII name.
-void appendKey(QByteArray& out, const char* key)
+void appendKey(std::string& out, const char* key)
 {
-    out.append('"');
-    out.append(key);
-    out.append("\":", 2);
+    out += '"';
+    out += key;
+    out += "\":";
 }
 
 } // namespace
 
-void appendJson(QByteArray& out, const QJsonValue& value)
+void appendJson(std::string& out, const QJsonValue& value)
 {
     switch (value.type()) {
     case QJsonValue::Null:
-        out.append("null", 4);
+        out.append("null");
         return;
     case QJsonValue::Bool:
-        value.toBool() ? out.append("true", 4) : out.append("false", 5);
+        out.append(value.toBool() ? "true" : "false");
         return;
     case QJsonValue::Double: {
         const double d = value.toDouble();
         if (std::trunc(d) == d && std::fabs(d) < plainIntegerLimit) {
-            out.append(QByteArray::number(qint64(d)));
+            out.append(std::to_string(qint64(d)));
             return;
         }
         break;
@@ -103,10 +103,10 @@ void appendJson(QByteArray& out, const QJsonValue& value)
         appendString(out, value.toString());
         return;
     case QJsonValue::Array:
-        out.append(QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact));
+        out.append(QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact).toStdString());
         return;
     case QJsonValue::Object:
-        out.append(QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact));
+        out.append(QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact).toStdString());
         return;
     case QJsonValue::Undefined:
         break;
@@ -119,21 +119,21 @@ bool keyBefore(const char* a, const char* b)
     return std::strcmp(a, b) < 0;
 }
 
-QByteArray objectText(const JsonMembers& members)
+std::string objectText(const JsonMembers& members)
 {
-    QByteArray out;
+    std::string out;
     out.reserve(128);
-    out.append('{');
+    out += '{';
     for (const JsonMember& member : members) {
         if (out.size() > 1)
-            out.append(',');
+            out += ',';
         appendKey(out, member.key);
         if (member.text.isNull())
             appendJson(out, member.value);
         else
-            out.append(member.text);
+            out.append(member.text.constData(), size_t(member.text.size()));
     }
-    out.append('}');
+    out += '}';
     return out;
 }
 

@@ -13,12 +13,13 @@
 #include <QJsonValue>
 #include <QString>
 
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace norva {
 
-void appendJson(QByteArray& out, const QJsonValue& value);
+void appendJson(std::string& out, const QJsonValue& value);
 
 // A member of an object to write. The key is one of the library's own names:
 // ASCII text that lives as long as the program. A member holds its value, or
@@ -36,6 +37,6 @@ using JsonMembers = std::vector<JsonMember>;
 bool keyBefore(const char* a, const char* b);
 
 // {"key":value,...} of members already in QJsonObject's order.
-QByteArray objectText(const JsonMembers& members);
+std::string objectText(const JsonMembers& members);
 
 } // namespace norva

@@ -82,7 +82,7 @@ struct ReplyValue {
 
 using ReplyMember = std::function<ReplyValue(const char* key)>;
 
-ReplyValue valueFrom(From from, const ReplyMember& reply, const QJsonValue& sentText)
+ReplyValue valueFrom(From from, const ReplyMember& reply, const SentText& sentText)
 {
     const auto orIfMissing = [](const ReplyValue& member, const QJsonValue& missing) {
         return member.missing() ? ReplyValue{missing, {}} : member;
@@ -107,13 +107,13 @@ ReplyValue valueFrom(From from, const ReplyMember& reply, const QJsonValue& sent
         return {msg.value.toString(), {}};
     }
     case From::SentText:
-        return {sentText, {}};
+        return {sentText.value(), {}};
     }
     return {};
 }
 
 ResultDocument applyOutcome(const OutcomeTable& table, int code, const ReplyMember& serviceReply,
-                            const QJsonValue& sentText)
+                            const SentText& sentText)
 {
     for (const Outcome& row : table) {
         if (!row.when.matches(code))
@@ -144,7 +144,7 @@ int flatCode(const FlatMember* code)
 } // namespace
 
 ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
-                                 const QJsonValue& sentText)
+                                 const SentText& sentText)
 {
     if (const std::optional<FlatMembers> flat = readFlatObject(body)) {
         return applyOutcome(table, flatCode(findMember(*flat, "code")), [&flat](const char* key) {
@@ -156,8 +156,9 @@ ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& tab
     const QJsonDocument document = parseJson(body, &error);
     if (error.error != QJsonParseError::NoError) {
         ResultDocument unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
-        if (!sentText.isUndefined())
-            unparseable.insert("request_data", sentText);
+        const QJsonValue sent = sentText.value();
+        if (!sent.isUndefined())
+            unparseable.insert("request_data", sent);
         return unparseable;
     }
     const QJsonObject reply = document.object();

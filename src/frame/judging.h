@@ -89,6 +89,6 @@ OutcomeTable getQueryOutcome(const char* success, const char* failure);
 // unparseable-reply document, with "request_data" holding `sentText` unless that
 // is undefined.
 ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& table,
-                              const QJsonValue& sentText);
+                              const SentText& sentText);
 
 } // namespace norva

@@ -139,7 +139,7 @@ std::string Operation::call(std::string argument, const char* name) const
             return statusDocument(400, QString::fromLatin1(message::jsonParametersError));
         HttpClasses classes;
         classes.with402Branch = access == Access::Token;
-        const QJsonValue sentText = outgoing->sentText;
+        const SentText sentText = outgoing->sentText;
         return exchange(call, *outgoing, classes, [this, &sentText](const ReceivedReply& reply) {
             return judgeServiceReply(reply.body, outcomes, sentText);
         });

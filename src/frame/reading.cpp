@@ -94,14 +94,15 @@ QByteArray orderedObjectText(JsonMembers members)
     const auto kept = std::unique(members.rbegin(), members.rend(),
                                   [](const auto& a, const auto& b) { return std::strcmp(a.key, b.key) == 0; });
     members.erase(members.begin(), kept.base());
-    return objectText(members);
+    return QByteArray::fromStdString(objectText(members));
 }
 
 // What readValue gives of a flat member (nullptr: none), as its JSON text;
 // null for no value. Text and integers stand in flat members as Qt writes them.
+// The text refers to the argument text, which outlives the body's writing.
 QByteArray flatValueText(const FlatMember* member, Read mode)
 {
-    const auto text = [member] { return QByteArray(member->value.data(), int(member->value.size())); };
+    const auto text = [member] { return QByteArray::fromRawData(member->value.data(), int(member->value.size())); };
     const QByteArray empty("\"\"");
     const QByteArray null("null");
     switch (mode) {

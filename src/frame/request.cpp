@@ -23,7 +23,7 @@ OutgoingRequest withBody(const QString& url, const QByteArray& body, const char*
     OutgoingRequest outgoing;
     outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
     outgoing.body = body;
-    outgoing.sentText = QString::fromUtf8(body);
+    outgoing.sentText.utf8 = body;
     outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
     outgoing.request.setHeader(QNetworkRequest::ContentLengthHeader, body.size());
     return outgoing;
@@ -47,7 +47,7 @@ OutgoingRequest bodilessGet(const QString& url, const char* type, bool hasQuery)
     outgoing.verb = Verb::Get;
     outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
     if (hasQuery)
-        outgoing.sentText = url;
+        outgoing.sentText.url = url;
     outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
     return outgoing;
 }
@@ -58,7 +58,7 @@ OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> for
     OutgoingRequest outgoing;
     outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
     outgoing.form = std::move(form);
-    outgoing.sentText = QString::fromUtf8(record);
+    outgoing.sentText.utf8 = record;
     return outgoing;
 }
 

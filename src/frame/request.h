@@ -2,6 +2,8 @@
 // forms, and the headers. Nothing here touches the network.
 #pragma once
 
+#include "frame/result.h"
+
 #include <QByteArray>
 #include <QJsonValue>
 #include <QNetworkRequest>
@@ -34,7 +36,7 @@ struct OutgoingRequest {
     // What a failure document reports as sent: the body as one JSON string, the
     // data part of a form, the URL of a GET with a query; undefined for a GET
     // without one.
-    QJsonValue sentText = QJsonValue::Undefined;
+    SentText sentText;
     // Where the reply's body goes instead of memory, if it takes it; not owned.
     BodySink* bodySink = nullptr;
 };

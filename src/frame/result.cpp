@@ -46,6 +46,13 @@ bool ResultDocument::contains(const char* key) const
     return at != members.end() && std::strcmp(at->key, key) == 0;
 }
 
+QJsonValue SentText::value() const
+{
+    if (!url.isNull())
+        return url;
+    return utf8.isNull() ? QJsonValue(QJsonValue::Undefined) : QJsonValue(QString::fromUtf8(utf8));
+}
+
 ResultDocument statusDocument(int status, const QString& message)
 {
     ResultDocument document;
@@ -56,7 +63,7 @@ ResultDocument statusDocument(int status, const QString& message)
 
 std::string compactText(const ResultDocument& document)
 {
-    return document.text().toStdString();
+    return document.text();
 }
 
 void echoLine(const std::string& text)

@@ -30,18 +30,28 @@ inline const char* const requestCancelled = "request cancelled";
 class ResultDocument
 {
 public:
+    ResultDocument() { members.reserve(4); } // as many as most results have
     void insert(const char* key, const QJsonValue& value);
     // A value given as its JSON text, exactly as QJsonDocument would write it.
     void insertText(const char* key, const QByteArray& jsonText);
     bool contains(const char* key) const;
     bool isEmpty() const { return members.empty(); }
     // Compact JSON: keys sorted, no white space, no line end.
-    QByteArray text() const { return objectText(members); }
+    std::string text() const { return objectText(members); }
 
 private:
     void put(JsonMember member);
 
     JsonMembers members;
+};
+
+// What a call sent, as a failure document reports it: one JSON string of the
+// body (or of an upload form's data part), or of the URL of a GET with a query;
+// nothing for a GET without one. The value is only made when a document needs it.
+struct SentText {
+    QByteArray utf8;
+    QString url;
+    QJsonValue value() const;
 };
 
 // {"message":message,"status":status}

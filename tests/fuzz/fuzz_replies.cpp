@@ -78,9 +78,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (const norva::FlatMember& member : *flat) {
             const QJsonValue value = norva::flatValue(member);
             read.insert(QString::fromLatin1(member.key.data(), int(member.key.size())), value);
-            QByteArray written;
+            std::string written;
             norva::appendJson(written, value);
-            if (written.toStdString() != member.value)
+            if (written != member.value)
                 __builtin_trap();
         }
         if (error.error != QJsonParseError::NoError || parsed != read)

@@ -224,7 +224,7 @@ void runCase(TestService& service)
 #endif
     service.reset(); // the service's side of the connection is closed too
     // (Fewer is fine: a connection of an earlier row may close meanwhile.)
-    QTRY_VERIFY2_WITH_TIMEOUT(openDescriptors() <= descriptorsBefore, "a descriptor was left open", 2000);
+    QTRY_VERIFY2_WITH_TIMEOUT(openDescriptors() <= descriptorsBefore, "a descriptor was left open", 5000);
     QVERIFY(!elsewhere);
     QVERIFY(operations.size() <= 1);
     if (!row.wire.method.isEmpty()) // a request went out: its end at least is reported

@@ -94,7 +94,7 @@ void TestService::reset()
     std::unique_lock<std::mutex> lock(mutex);
     // A connection of the last call that is still being read (a resend Qt broke
     // off) must not be recorded as a request of the next one.
-    stopped.wait_for(lock, std::chrono::seconds(2), [this] { return activeWorkers == 0; });
+    stopped.wait_for(lock, std::chrono::seconds(5), [this] { return activeWorkers == 0; });
     recorded.clear();
     requestsSeen = 0;
     scripted.clear();
