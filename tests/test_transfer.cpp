@@ -290,7 +290,6 @@ void TransferTest::folderForm()
 
 void TransferTest::uploadOutcomes_data()
 {
-    addCaseColumn();
     const Wire single{"POST", "/kvr/originalFile/uploadFile", "multipart/form-data", {}, "tk"};
     const Wire folderWire{"POST", "/kvr/originalFile/uploadMultipleFile", "multipart/form-data", {}, "tk"};
     const QString singleRecord =
@@ -316,7 +315,7 @@ void TransferTest::uploadOutcomes_data()
     add(httpClassCases("upload_file", norva_sdk_upload_file, "{}", single, true, singleRecord));
     add(httpClassCases("upload_files", norva_sdk_upload_files, R"({"file_uploadpath":"/nonexistent"})", folderWire, true, folderRecord));
     add(argumentFailureCases("upload_file2share", norva_sdk_upload_file2share));
-    addCases(cases);
+    addRows(cases);
 }
 
 void TransferTest::downloads_data()

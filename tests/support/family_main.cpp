@@ -1,5 +1,5 @@
 // One table-driven test per operation family: the family's source file gives
-// familyName() and familyCases(), this file runs them.
+// familyCases(), this file runs them.
 #include "support/operation_table.h"
 #include "support/test_main.h"
 
@@ -14,11 +14,7 @@ class FamilyTest : public QObject
     Q_OBJECT
 
 private slots:
-    void table_data()
-    {
-        addCaseColumn();
-        addCases(familyCases());
-    }
+    void table_data() { addRows(familyCases()); }
     void table() { runCase(service); }
 
 private:

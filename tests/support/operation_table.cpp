@@ -106,17 +106,6 @@ int runsOf(const ScriptedReply& reply)
     return reply.kind == ScriptedReply::Kind::Raw && !reply.stallAfterwards ? 20 : 1;
 }
 
-void addCaseColumn()
-{
-    QTest::addColumn<OperationCase>("row");
-}
-
-void addCases(const CaseList& cases)
-{
-    for (const OperationCase& c : cases)
-        QTest::newRow(c.name.toUtf8().constData()) << c;
-}
-
 namespace {
 
 void runOnce(TestService& service, const OperationCase& row)

@@ -71,8 +71,6 @@ std::vector<std::pair<QString, ScriptedReply>> cutShortReplies(int status, const
 // bytes must give the same result every time.
 int runsOf(const ScriptedReply& reply);
 
-void addCaseColumn();
-void addCases(const CaseList& cases);
 // Runs the current row against `service`; fails the test on any difference.
 void runCase(TestService& service);
 
