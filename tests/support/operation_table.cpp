@@ -165,12 +165,12 @@ void runOnce(TestService& service, const OperationCase& row)
 std::atomic<long> liveObjects{0};
 void objectAdded(QObject*) { ++liveObjects; }
 void objectRemoved(QObject*) { --liveObjects; }
-#endif
 
 int openDescriptors()
 {
     return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot).size();
 }
+#endif
 
 } // namespace
 
@@ -182,11 +182,12 @@ void runCase(TestService& service)
         if (QTest::currentTestFailed())
             return;
     }
+#ifdef Q_OS_LINUX
     // The runs above made Qt's one-time allocations: the next one must leave no
-    // descriptor and no QObject behind (where the system lets us count them).
+    // descriptor and no QObject behind. (Counted on Linux only: under Wine the
+    // descriptors of the process come and go with Wine's own work.)
     service.reset();
     const int descriptorsBefore = openDescriptors();
-#ifdef Q_OS_LINUX
     const bool countObjects = qtHookData[2] == QT_VERSION;
     liveObjects = 0;
     if (countObjects) {
@@ -210,10 +211,10 @@ void runCase(TestService& service)
 #ifdef Q_OS_LINUX
     qtHookData[3] = qtHookData[4] = 0;
     QCOMPARE(liveObjects.load(), 0L);
-#endif
     service.reset(); // the service's side of the connection is closed too
     // (Fewer is fine: a connection of an earlier row may close meanwhile.)
     QTRY_VERIFY2_WITH_TIMEOUT(openDescriptors() <= descriptorsBefore, "a descriptor was left open", 5000);
+#endif
     QVERIFY(!elsewhere);
     QVERIFY(operations.size() <= 1);
     if (!row.wire.method.isEmpty()) // a request went out: its end at least is reported
