@@ -1,6 +1,8 @@
 // A large file through the library into norva-records-service and back: the
 // bytes must come back equal, and the service's peak resident memory shows
-// that it streams (bodies spooled to disk, downloads read from disk).
+// that it streams (bodies spooled to disk, downloads read from disk). Meanwhile
+// another client's slowest answer shows whether storing the file holds up
+// everybody else.
 //
 //   bench_service_round_trip SERVICE [MiB (default 2048)]
 #include "norva_api_qt.h"
@@ -9,12 +11,14 @@
 #include <QJsonObject>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -74,6 +78,46 @@ bool sameBytes(const std::string& a, const std::string& b)
     return left.eof() && right.eof();
 }
 
+// Another client, in a process of its own: from the moment it is told until the
+// control pipe closes, it asks for the share table again and again, and then
+// reports how many answers it had and the slowest one.
+struct Prober {
+    pid_t pid = -1;
+    int control = -1;
+    int report = -1;
+};
+
+Prober startProber(const QString& address)
+{
+    int control[2], report[2];
+    if (::pipe(control) != 0 || ::pipe(report) != 0)
+        return {};
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(control[1]);
+        ::close(report[0]);
+        const QJsonObject login = call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+        const QJsonObject argument{{"ipconfig", address}, {"token", login["data"].toObject()["token"]}};
+        char go;
+        if (::read(control[0], &go, 1) != 1)
+            _exit(1);
+        long answers = 0;
+        double slowestMs = 0;
+        pollfd done{control[0], POLLIN, 0};
+        while (::poll(&done, 1, 0) == 0) {
+            const auto start = Clock::now();
+            call(norva_sdk_select_share, argument);
+            slowestMs = std::max(slowestMs, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+            ++answers;
+        }
+        const std::string text = std::to_string(answers) + " " + std::to_string(slowestMs);
+        _exit(::write(report[1], text.data(), text.size()) == ssize_t(text.size()) ? 0 : 1);
+    }
+    ::close(control[0]);
+    ::close(report[1]);
+    return {pid, control[1], report[0]};
+}
+
 long peakResidentKiB(pid_t pid)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -122,14 +166,26 @@ int main(int argc, char** argv)
     }
     const QString address = QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13));
 
+    // Forked before this process starts any of Qt's threads.
+    const Prober prober = startProber(address);
     const QJsonObject login = call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
     const QString token = login["data"].toObject()["token"].toString();
     const int userId = login["data"].toObject()["userId"].toInt();
 
     const auto upStart = Clock::now();
+    if (::write(prober.control, "g", 1) != 1)
+        return 1;
     const QJsonObject uploaded = call(norva_sdk_upload_file, {{"ipconfig", address}, {"token", token}, {"file_uploadpath", QString::fromStdString(source)},
                                                               {"data", QJsonObject{{"fileInfo", QJsonObject{{"createuserid", userId}}}}}});
     const double upSeconds = std::chrono::duration<double>(Clock::now() - upStart).count();
+    ::close(prober.control);
+    char report[64] = {};
+    const ssize_t reported = ::read(prober.report, report, sizeof report - 1);
+    ::waitpid(prober.pid, nullptr, 0);
+    long answers = 0;
+    double slowestMs = 0;
+    if (reported <= 0 || std::sscanf(report, "%ld %lf", &answers, &slowestMs) != 2)
+        std::fprintf(stderr, "the other client reported nothing\n");
     const std::string into = scratch + "/down";
     ::mkdir(into.c_str(), 0700);
     const auto downStart = Clock::now();
@@ -146,10 +202,11 @@ int main(int argc, char** argv)
     ::getrusage(RUSAGE_SELF, &self);
     const double megabytes = double(mib << 20) / 1e6;
     std::printf("service round trip of %llu MiB: upload %s (%.0f MB/s), download %s (%.0f MB/s), equal bytes: %s,\n"
-                "  service peak resident %.1f MiB, client peak resident %.1f MiB\n",
+                "  service peak resident %.1f MiB, client peak resident %.1f MiB,\n"
+                "  another client during the upload: %ld answers, the slowest in %.0f ms\n",
                 static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
                 fetched["message"].toString().toUtf8().constData(), megabytes / downSeconds, equal ? "yes" : "NO",
-                double(servicePeak) / 1024, double(self.ru_maxrss) / 1024);
+                double(servicePeak) / 1024, double(self.ru_maxrss) / 1024, answers, slowestMs);
     std::system(("rm -rf '" + scratch + "'").c_str());
     return equal ? 0 : 1;
 }

@@ -12,6 +12,7 @@
 #include <QUuid>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 
@@ -170,11 +171,36 @@ QString suffixOf(const QString& name)
 
 } // namespace
 
+// An upload's form, read and its file parts copied out of the spooled body
+// before the database is locked, so that storing a large file keeps no other
+// request waiting. A staged file that no record took is removed with the form.
+struct RecordsService::UploadForm {
+    struct File {
+        FormField field;
+        std::string path; // empty once a record took it
+    };
+    bool complete = false; // a whole form with a data part
+    QJsonObject data;
+    std::vector<File> files; // the parts of the route's file part name, in form order
+
+    UploadForm() = default;
+    UploadForm(const UploadForm&) = delete;
+    UploadForm& operator=(const UploadForm&) = delete;
+    ~UploadForm()
+    {
+        for (const File& file : files) {
+            if (!file.path.empty())
+                std::remove(file.path.c_str());
+        }
+    }
+};
+
 struct RecordsService::Call {
     const HttpRequest& request;
     QJsonObject object;
     QJsonArray array;
     long long userId = 0;
+    UploadForm* upload = nullptr; // on the upload paths
 
     QJsonValue operator[](const char* key) const { return field(object, key); }
 };
@@ -327,15 +353,17 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
     const auto route = routes.find(request.path);
     if (route == routes.end())
         return HttpResponse::text(404, "no such path\n");
-    if (route->second.first != request.method)
-        return HttpResponse::text(405, "use " + route->second.first + "\n");
+    if (route->second.method != request.method)
+        return HttpResponse::text(405, "use " + route->second.method + "\n");
 
-    Call call{request, {}, {}, 0};
-    std::lock_guard<std::mutex> lock(db.lock());
+    Call call{request, {}, {}, 0, nullptr};
     const bool open = request.path.rfind("/kvr/", 0) != 0 || request.path == "/kvr/authority/login"
                       || request.path == "/kvr/authority/logOut";
-    if (!open && (call.userId = tokenUser(request.header("token"))) == 0)
-        return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
+    if (!open) {
+        std::lock_guard<std::mutex> lock(db.lock());
+        if ((call.userId = tokenUser(request.header("token"))) == 0)
+            return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
+    }
 
     if (!request.body.empty() && request.header("Content-Type").rfind("application/json", 0) == 0) {
         QJsonParseError error;
@@ -345,13 +373,46 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
         call.object = document.object();
         call.array = document.array();
     }
-    return route->second.second(call);
+    UploadForm upload;
+    if (route->second.filePart) {
+        stage(request, route->second.filePart, upload);
+        call.upload = &upload;
+    }
+    std::lock_guard<std::mutex> lock(db.lock());
+    return route->second.handler(call);
+}
+
+void RecordsService::stage(const HttpRequest& request, const std::string& filePart, UploadForm& upload) const
+{
+    const std::unique_ptr<std::istream> form = request.openBody();
+    std::vector<FormField> fields;
+    if (!readForm(*form, formBoundary(request.header("Content-Type")), fields))
+        return;
+    const auto dataPart = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "data"; });
+    std::string text;
+    if (dataPart == fields.end() || !readPart(*form, *dataPart, text, 1 << 20))
+        return;
+    upload.data = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
+    for (const FormField& field : fields) {
+        if (field.name != filePart)
+            continue;
+        // Beside the spooled bodies, on the file system of the stored files, so
+        // that a record takes its file by renaming it.
+        upload.files.push_back({field, spoolFolder() + "/staged-" + QUuid::createUuid().toString(QUuid::Id128).toStdString()});
+        std::ofstream out(upload.files.back().path, std::ios::binary | std::ios::trunc);
+        if (!copyPart(*form, field, out))
+            throw std::runtime_error("cannot store the file");
+    }
+    upload.complete = true;
 }
 
 void RecordsService::addRoutes()
 {
-    const auto post = [this](const char* path, Route route) { routes[path] = {"POST", std::move(route)}; };
-    const auto get = [this](const char* path, Route route) { routes[path] = {"GET", std::move(route)}; };
+    const auto post = [this](const char* path, Route route) { routes[path] = {"POST", std::move(route), nullptr}; };
+    const auto get = [this](const char* path, Route route) { routes[path] = {"GET", std::move(route), nullptr}; };
+    const auto upload = [this](const char* path, const char* filePart, Route route) {
+        routes[path] = {"POST", std::move(route), filePart};
+    };
 
     // Lists a table, whole or by page, with the filters' WHERE clause.
     const auto list = [this](const std::string& select, const Filter& filter, const std::string& order,
@@ -416,19 +477,20 @@ void RecordsService::addRoutes()
     post("/kvr/authority/selectUserByPage", [selectUsers](Call& call) { return selectUsers(call, true); });
 
     // ---- Original files --------------------------------------------------
-    const auto storeFile = [this](std::istream& form, const FormField& file, const QJsonObject& info, long long owner) {
-        const QString name = QString::fromStdString(file.filename);
+    // A record for a staged file, which takes the record's file name.
+    const auto storeFile = [this](UploadForm::File& file, const QJsonObject& info, long long owner) {
+        const QString name = QString::fromStdString(file.field.filename);
         db.change("INSERT INTO original_files(origfilename, origfileguid, mongogridfsid, origfilesuffix, zkcompanycode, "
                   "createuserid, parentid, type, source, isError, size, createtime, owner) "
                   "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
                   {name, QUuid::createUuid().toString(QUuid::WithoutBraces), QStringLiteral("local"), suffixOf(name),
                    field(info, "zkcompanycode"), field(info, "createuserid"), field(info, "parentid"),
-                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.size), now(),
+                   field(info, "type"), field(info, "source"), field(info, "isError"), double(file.field.size), now(),
                    double(owner)});
         const long long id = db.lastInsertId();
-        std::ofstream out(filePath(id), std::ios::binary | std::ios::trunc);
-        if (!copyPart(form, file, out))
+        if (std::rename(file.path.c_str(), filePath(id).c_str()) != 0)
             throw std::runtime_error("cannot store the file");
+        file.path.clear();
         return id;
     };
     const auto share = [this](const QJsonObject& info, long long boardId, long long owner) {
@@ -436,32 +498,39 @@ void RecordsService::addRoutes()
                   {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
                    double(owner)});
     };
-    // The form's parts are found in the spooled body; only the data part is read.
-    const auto readUpload = [](Call& call, std::istream& form, std::vector<FormField>& fields, QJsonObject& data) {
-        if (!readForm(form, formBoundary(call.request.header("Content-Type")), fields))
-            return false;
-        const auto dataPart = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "data"; });
-        std::string text;
-        if (dataPart == fields.end() || !readPart(form, *dataPart, text, 1 << 20))
-            return false;
-        data = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
-        return true;
-    };
-    const auto uploadOne = [this, readUpload, storeFile, share](Call& call, bool withShare) {
-        const std::unique_ptr<std::istream> form = call.request.openBody();
-        std::vector<FormField> fields;
-        QJsonObject data;
-        if (!readUpload(call, *form, fields, data))
-            return refuse("the form needs a file part and a data part");
-        const auto file = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "file"; });
-        if (file == fields.end())
-            return refuse("the form needs a file part and a data part");
-        const QJsonObject info = field(data, "fileInfo").toObject();
+    // Stores the files of the form under one transaction: all of them, or none
+    // (files already renamed go again). `each` adds the rest of a file's records.
+    const auto storeAll = [this, storeFile](UploadForm& upload, const QJsonObject& info, long long owner,
+                                            const std::function<void(long long)>& each) {
+        QJsonArray ids;
         db.execute("BEGIN");
         try {
-            const long long id = storeFile(*form, *file, info, call.userId);
-            const QJsonObject error = field(data, "errorInfo").toObject();
-            if (data.contains("errorInfo"))
+            for (UploadForm::File& file : upload.files) {
+                ids.append(double(storeFile(file, info, owner)));
+                each(static_cast<long long>(ids.last().toDouble()));
+            }
+            db.execute("COMMIT");
+        } catch (...) {
+            db.execute("ROLLBACK");
+            for (const QJsonValue& id : ids)
+                std::remove(filePath(static_cast<long long>(id.toDouble())).c_str());
+            throw;
+        }
+        return ids;
+    };
+    const auto uploadOne = [this, storeAll, share](Call& call, bool withShare) {
+        UploadForm& upload = *call.upload;
+        if (!upload.complete || upload.files.empty())
+            return refuse("the form needs a file part and a data part");
+        // One file: the first (the library sends no more); the others go.
+        for (std::size_t i = 1; i < upload.files.size(); ++i)
+            std::remove(upload.files[i].path.c_str());
+        upload.files.resize(1);
+        const QJsonObject info = field(upload.data, "fileInfo").toObject();
+        const QJsonObject error = field(upload.data, "errorInfo").toObject();
+        const bool withError = upload.data.contains("errorInfo");
+        const QJsonArray ids = storeAll(upload, info, call.userId, [&](long long id) {
+            if (withError)
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
                           "libraryId, errorMessage) VALUES(?,?,?,?,?,?,?,?,?,?)",
                           {double(id), field(error, "isReappear"), field(error, "remark"), field(error, "gridX"),
@@ -469,43 +538,25 @@ void RecordsService::addRoutes()
                            field(error, "libraryId"), field(error, "errorMessage")});
             if (withShare)
                 share(info, id, call.userId);
-            db.execute("COMMIT");
-            return ok(double(id), "imported");
-        } catch (...) {
-            db.execute("ROLLBACK");
-            throw;
-        }
+        });
+        return ok(ids.first(), "imported");
     };
-    const auto uploadMany = [this, readUpload, storeFile, share](Call& call, bool withShare) {
-        const std::unique_ptr<std::istream> form = call.request.openBody();
-        std::vector<FormField> fields;
-        QJsonObject data;
-        if (!readUpload(call, *form, fields, data))
+    const auto uploadMany = [storeAll, share](Call& call, bool withShare) {
+        UploadForm& upload = *call.upload;
+        if (!upload.complete)
             return refuse("the form needs a data part");
-        QJsonArray ids;
-        db.execute("BEGIN");
-        try {
-            for (const FormField& file : fields) {
-                if (file.name != "multipartFiles")
-                    continue;
-                const long long id = storeFile(*form, file, data, call.userId);
-                if (withShare)
-                    share(data, id, call.userId);
-                ids.append(double(id));
-            }
-            db.execute("COMMIT");
-        } catch (...) {
-            db.execute("ROLLBACK");
-            throw;
-        }
+        const QJsonArray ids = storeAll(upload, upload.data, call.userId, [&](long long id) {
+            if (withShare)
+                share(upload.data, id, call.userId);
+        });
         if (ids.isEmpty())
             return refuse("no files in the form");
         return ok(ids, "imported");
     };
-    post("/kvr/originalFile/uploadFile", [uploadOne](Call& call) { return uploadOne(call, false); });
-    post("/kvr/originalFile/insertBrdAndShare", [uploadOne](Call& call) { return uploadOne(call, true); });
-    post("/kvr/originalFile/uploadMultipleFile", [uploadMany](Call& call) { return uploadMany(call, false); });
-    post("/kvr/originalFile/insertBatchBrdAndShare", [uploadMany](Call& call) { return uploadMany(call, true); });
+    upload("/kvr/originalFile/uploadFile", "file", [uploadOne](Call& call) { return uploadOne(call, false); });
+    upload("/kvr/originalFile/insertBrdAndShare", "file", [uploadOne](Call& call) { return uploadOne(call, true); });
+    upload("/kvr/originalFile/uploadMultipleFile", "multipartFiles", [uploadMany](Call& call) { return uploadMany(call, false); });
+    upload("/kvr/originalFile/insertBatchBrdAndShare", "multipartFiles", [uploadMany](Call& call) { return uploadMany(call, true); });
 
     const auto sendFile = [this](long long id, int missingStatus) {
         const QJsonArray rows =

@@ -41,7 +41,15 @@ public:
 
 private:
     struct Call;
+    struct UploadForm;
     using Route = std::function<HttpResponse(Call&)>;
+    struct RouteEntry {
+        std::string method;
+        Route handler;
+        // An upload's part name for its files; its form is staged before the
+        // database is locked. nullptr elsewhere.
+        const char* filePart;
+    };
 
     void addRoutes();
     void seed();
@@ -49,10 +57,13 @@ private:
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);
     long long tokenUser(const std::string& token);
     std::string filePath(long long id) const;
+    // Reads an upload's form and copies out its parts named `filePart`; throws
+    // when a copy fails.
+    void stage(const HttpRequest& request, const std::string& filePart, UploadForm& upload) const;
 
     ServiceOptions options;
     Database db;
-    std::map<std::string, std::pair<std::string, Route>> routes; // path -> (method, handler)
+    std::map<std::string, RouteEntry> routes; // by path
 };
 
 } // namespace norva::service
