@@ -373,6 +373,8 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
         call.object = document.object();
         call.array = document.array();
     }
+    // An upload's files are copied out of the spooled body before the lock:
+    // storing a large file keeps no other request waiting.
     UploadForm upload;
     if (route->second.filePart) {
         stage(request, route->second.filePart, upload);
@@ -498,16 +500,19 @@ void RecordsService::addRoutes()
                   {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
                    double(owner)});
     };
-    // Stores the files of the form under one transaction: all of them, or none
-    // (files already renamed go again). `each` adds the rest of a file's records.
-    const auto storeAll = [this, storeFile](UploadForm& upload, const QJsonObject& info, long long owner,
+    // Stores the staged files [first, last) under one transaction: all of them,
+    // or none (files already renamed go again). `each` adds the rest of a file's
+    // records. Files left out are removed with their form.
+    using StagedFiles = std::vector<UploadForm::File>::iterator;
+    const auto storeAll = [this, storeFile](StagedFiles first, StagedFiles last, const QJsonObject& info, long long owner,
                                             const std::function<void(long long)>& each) {
         QJsonArray ids;
         db.execute("BEGIN");
         try {
-            for (UploadForm::File& file : upload.files) {
-                ids.append(double(storeFile(file, info, owner)));
-                each(static_cast<long long>(ids.last().toDouble()));
+            for (; first != last; ++first) {
+                const long long id = storeFile(*first, info, owner);
+                ids.append(double(id));
+                each(id);
             }
             db.execute("COMMIT");
         } catch (...) {
@@ -522,14 +527,11 @@ void RecordsService::addRoutes()
         UploadForm& upload = *call.upload;
         if (!upload.complete || upload.files.empty())
             return refuse("the form needs a file part and a data part");
-        // One file: the first (the library sends no more); the others go.
-        for (std::size_t i = 1; i < upload.files.size(); ++i)
-            std::remove(upload.files[i].path.c_str());
-        upload.files.resize(1);
         const QJsonObject info = field(upload.data, "fileInfo").toObject();
         const QJsonObject error = field(upload.data, "errorInfo").toObject();
         const bool withError = upload.data.contains("errorInfo");
-        const QJsonArray ids = storeAll(upload, info, call.userId, [&](long long id) {
+        // One file: the first (the library sends no more).
+        const QJsonArray ids = storeAll(upload.files.begin(), upload.files.begin() + 1, info, call.userId, [&](long long id) {
             if (withError)
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
                           "libraryId, errorMessage) VALUES(?,?,?,?,?,?,?,?,?,?)",
@@ -545,7 +547,7 @@ void RecordsService::addRoutes()
         UploadForm& upload = *call.upload;
         if (!upload.complete)
             return refuse("the form needs a data part");
-        const QJsonArray ids = storeAll(upload, upload.data, call.userId, [&](long long id) {
+        const QJsonArray ids = storeAll(upload.files.begin(), upload.files.end(), upload.data, call.userId, [&](long long id) {
             if (withShare)
                 share(upload.data, id, call.userId);
         });
