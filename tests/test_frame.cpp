@@ -174,16 +174,11 @@ void FrameTest::membersWithoutAnApplicationAnswerAtOnce()
 // Whenever the service falls silent, the idle limit ends the call.
 void FrameTest::idleServiceEndsTheWait()
 {
-    const auto silentAfter = [](const QByteArray& bytes) {
-        ScriptedReply reply = ScriptedReply::raw(bytes);
-        reply.stallAfterwards = true;
-        return reply;
-    };
     const ScriptedReply replies[] = {
         ScriptedReply::stall(),
-        silentAfter("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n"),
-        silentAfter("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"code\":"),
-        silentAfter("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n{\"code\":2"),
+        ScriptedReply::rawThenSilent("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n"),
+        ScriptedReply::rawThenSilent("HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\n{\"code\":"),
+        ScriptedReply::rawThenSilent("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n{\"code\":2"),
     };
     NORVA::NORVA_API_QT::setIdleLimit(300);
     for (const ScriptedReply& reply : replies) {

@@ -176,10 +176,9 @@ void NorvaCommandTest::progressOnATerminalOnly()
 // and nothing stored beside the earlier file of that name.
 void NorvaCommandTest::ctrlCCancelsTheCall()
 {
-    ScriptedReply halfBody = ScriptedReply::raw(
+    const ScriptedReply halfBody = ScriptedReply::rawThenSilent(
         "HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=board.brd\r\nContent-Length: 900000\r\n\r\n"
         + boardBytes(300000));
-    halfBody.stallAfterwards = true;
     service.setDefaultReply(halfBody);
     writeFile(home->filePath(QStringLiteral("board.brd")), "earlier");
 

@@ -56,13 +56,11 @@ void ObjectTest::metaObject()
     const QMetaObject& meta = NORVA_HTTP_API::staticMetaObject;
     QCOMPARE(QByteArray(meta.className()), QByteArray("NORVA::NORVA_API_QT::NORVA_HTTP_API"));
     QCOMPARE(meta.superClass(), &QObject::staticMetaObject);
+    // One public slot, and nothing else of its own.
     QCOMPARE(meta.methodCount() - meta.methodOffset(), 1);
     const QMetaMethod slot = meta.method(meta.methodOffset());
     QCOMPARE(slot.methodSignature(), QByteArray("requestFinished(QNetworkReply*)"));
-    QCOMPARE(slot.parameterNames(), QList<QByteArray>{"reply"});
-    QCOMPARE(slot.methodType(), QMetaMethod::Slot);
-    QCOMPARE(slot.access(), QMetaMethod::Public);
-    QCOMPARE(QByteArray(slot.typeName()), QByteArray("void"));
+    QVERIFY(slot.methodType() == QMetaMethod::Slot && slot.access() == QMetaMethod::Public);
     QCOMPARE(meta.propertyCount() + meta.enumeratorCount() + meta.classInfoCount() + meta.constructorCount(),
              meta.propertyOffset() + meta.enumeratorOffset() + meta.classInfoOffset());
 }

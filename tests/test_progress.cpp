@@ -150,10 +150,9 @@ void ProgressTest::observedCalls()
 
 void ProgressTest::cancelledCalls_data()
 {
-    ScriptedReply halfBody = ScriptedReply::raw(
+    const ScriptedReply halfBody = ScriptedReply::rawThenSilent(
         "HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=board.brd\r\nContent-Length: 100000\r\n\r\n"
         + boardBytes(40000));
-    halfBody.stallAfterwards = true;
     std::vector<CancelRow> rows;
     for (const CancelFrom from : {CancelFrom::Observer, CancelFrom::TimerSlot}) {
         const QByteArray by = from == CancelFrom::Observer ? ", from the observer" : ", from a timer slot";

@@ -80,7 +80,7 @@ std::vector<RecordedRequest> TestService::requests() const
 int TestService::requestCount() const
 {
     std::lock_guard<std::mutex> lock(mutex);
-    return requestsSeen;
+    return int(recorded.size());
 }
 
 RecordedRequest TestService::lastRequest() const
@@ -96,7 +96,6 @@ void TestService::reset()
     // off) must not be recorded as a request of the next one.
     stopped.wait_for(lock, std::chrono::seconds(5), [this] { return activeWorkers == 0; });
     recorded.clear();
-    requestsSeen = 0;
     scripted.clear();
     pathReplies.clear();
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
@@ -125,18 +124,16 @@ ScriptedReply TestService::nextReply(const QByteArray& path)
 
 void TestService::serve(norva::service::HttpConnection& connection)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++activeWorkers;
-    }
-    answer(connection);
-    std::lock_guard<std::mutex> lock(mutex);
-    --activeWorkers;
-    stopped.notify_all();
-}
-
-void TestService::answer(norva::service::HttpConnection& connection)
-{
+    struct Active {
+        TestService& service;
+        explicit Active(TestService& s) : service(s) { std::lock_guard<std::mutex> lock(service.mutex); ++service.activeWorkers; }
+        ~Active()
+        {
+            std::lock_guard<std::mutex> lock(service.mutex);
+            --service.activeWorkers;
+            service.stopped.notify_all();
+        }
+    } active(*this);
     norva::service::HttpRequest head;
     std::string raw;
     const auto read = connection.readRequest(head, &raw);
@@ -151,7 +148,6 @@ void TestService::answer(norva::service::HttpConnection& connection)
     request.raw = QByteArray::fromStdString(raw);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        ++requestsSeen;
         recorded.push_back(request);
     }
     const ScriptedReply reply = nextReply(request.path());

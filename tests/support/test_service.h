@@ -60,6 +60,8 @@ struct ScriptedReply {
     // A null `contentDisposition` sends none.
     static ScriptedReply file(const QByteArray& bytes, const QByteArray& contentDisposition);
     static ScriptedReply raw(const QByteArray& bytes) { return {Kind::Raw, 200, 0, false, {}, bytes}; }
+    // `bytes`, then the connection stays open and silent.
+    static ScriptedReply rawThenSilent(const QByteArray& bytes) { return {Kind::Raw, 200, 0, true, {}, bytes}; }
     static ScriptedReply closeWithoutAnswer() { return {Kind::CloseWithoutAnswer, 200, 0, false, {}, {}}; }
     static ScriptedReply stall() { return {Kind::Stall, 200, 0, false, {}, {}}; }
 };
@@ -91,9 +93,9 @@ public:
     void reset(); // forgets requests and script, restores the default reply
 
 private:
-    // One request a connection, on the service's own HTTP layer.
+    // One request a connection, on the service's own HTTP layer: records the
+    // request and sends the reply.
     void serve(norva::service::HttpConnection& connection);
-    void answer(norva::service::HttpConnection& connection); // records the request, sends the reply
     ScriptedReply nextReply(const QByteArray& path);
 
     std::unique_ptr<norva::service::HttpServer> server;
@@ -107,7 +109,6 @@ private:
     ScriptedReply defaultReply;
     std::vector<std::pair<QByteArray, ScriptedReply>> pathReplies;
     std::vector<RecordedRequest> recorded;
-    int requestsSeen = 0;
 };
 
 // A loopback port with nothing listening, for the refused-connection case.
