@@ -2,6 +2,7 @@
 
 #include <sodium.h>
 
+#include <mutex>
 #include <stdexcept>
 
 namespace norva::service {
@@ -10,6 +11,11 @@ namespace {
 
 constexpr unsigned long long passes = 2;
 constexpr std::size_t memoryBytes = std::size_t(19) << 20;
+
+// One hash at a time: each takes `memoryBytes`, and logins that arrive together
+// would otherwise multiply the service's memory. (Callers hash outside the
+// database lock, so only other logins wait for this one.)
+std::mutex hashing;
 
 void initialiseOnce()
 {
@@ -23,6 +29,7 @@ void initialiseOnce()
 std::string hashPassword(const std::string& plain)
 {
     initialiseOnce();
+    const std::lock_guard<std::mutex> oneAtATime(hashing);
     char hash[crypto_pwhash_STRBYTES];
     if (crypto_pwhash_str_alg(hash, plain.data(), plain.size(), passes, memoryBytes, crypto_pwhash_ALG_ARGON2ID13) != 0)
         throw std::runtime_error("out of memory for a password hash");
@@ -32,6 +39,7 @@ std::string hashPassword(const std::string& plain)
 bool passwordMatches(const std::string& hash, const std::string& plain)
 {
     initialiseOnce();
+    const std::lock_guard<std::mutex> oneAtATime(hashing);
     return isPasswordHash(hash) && crypto_pwhash_str_verify(hash.c_str(), plain.data(), plain.size()) == 0;
 }
 
