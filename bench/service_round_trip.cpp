@@ -128,10 +128,9 @@ template <typename Work>
 ProbeWindow probeDuring(const Prober& prober, Work&& work)
 {
     ProbeWindow window;
-    if (::write(prober.control, "g", 1) != 1)
-        return window;
+    const bool started = ::write(prober.control, "g", 1) == 1;
     work();
-    if (::write(prober.control, "s", 1) != 1 || ::read(prober.report, &window, sizeof window) != sizeof window)
+    if (!started || ::write(prober.control, "s", 1) != 1 || ::read(prober.report, &window, sizeof window) != sizeof window)
         std::fprintf(stderr, "the other client reported nothing\n");
     return window;
 }
