@@ -11,57 +11,31 @@
 #include <QJsonDocument>
 #include <QtTest>
 
+#include <functional>
 #include <new>
 #include <stdexcept>
 
 using namespace testing_support;
 
-
 namespace {
 
-// What the fault hook throws, chosen by the test before each call.
-enum class Throw { ParseError, Text, BadAlloc, Runtime };
-Throw nextThrow = Throw::Runtime;
+// What the fault hook throws, and where: set by the test before each call.
+std::function<void()> throwNext;
 norva::seam::FaultPoint throwAt = norva::seam::FaultPoint::ArgumentsParsed;
 
 void throwingHook(norva::seam::FaultPoint point)
 {
-    if (point != throwAt)
-        return;
-    switch (nextThrow) {
-    case Throw::ParseError: {
-        QJsonParseError error;
-        error.error = QJsonParseError::UnterminatedObject;
-        throw error;
-    }
-    case Throw::Text:
-        throw std::string("disk on fire");
-    case Throw::BadAlloc:
-        throw std::bad_alloc();
-    case Throw::Runtime:
-        throw std::runtime_error("runtime trouble");
-    }
+    if (point == throwAt)
+        throwNext();
 }
 
 } // namespace
-
-struct CatchRow {
-    QByteArray name;
-    OperationFunction operation;
-    bool echoes; // the operation prints its result document too
-    Throw kind;
-    norva::seam::FaultPoint point;
-    QString errorText;
-};
-
-Q_DECLARE_METATYPE(CatchRow)
 
 class FrameTest : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void catchClauses_data();
     void catchClauses();
     void repeatedKeysAreRemovedBeforeParsing();
     void membersWithoutAnApplicationAnswerAtOnce();
@@ -70,8 +44,9 @@ private slots:
 };
 
 // Every way an operation can throw, before and after its temporary application
-// is built, for the mall and planner operations (the others have the same frame).
-void FrameTest::catchClauses_data()
+// is built, for the mall and planner operations (the others have the same frame),
+// each of which says whether it also echoes its result document.
+void FrameTest::catchClauses()
 {
     using namespace NORVA::TAVLIN_KVRAPI_QT;
     using norva::seam::FaultPoint;
@@ -91,43 +66,35 @@ void FrameTest::catchClauses_data()
     };
     const struct {
         const char* name;
-        Throw kind;
+        std::function<void()> raise;
         QString text;
     } throws[] = {
-        {"QJsonParseError", Throw::ParseError, QJsonParseError{0, QJsonParseError::UnterminatedObject}.errorString()},
-        {"std::string", Throw::Text, "disk on fire"},
-        {"std::bad_alloc", Throw::BadAlloc, QString::fromLatin1(std::bad_alloc().what())},
-        {"std::runtime_error", Throw::Runtime, "runtime trouble"},
+        {"QJsonParseError", [] { throw QJsonParseError{0, QJsonParseError::UnterminatedObject}; },
+         QJsonParseError{0, QJsonParseError::UnterminatedObject}.errorString()},
+        {"std::string", [] { throw std::string("disk on fire"); }, "disk on fire"},
+        {"std::bad_alloc", [] { throw std::bad_alloc(); }, QString::fromLatin1(std::bad_alloc().what())},
+        {"std::runtime_error", [] { throw std::runtime_error("runtime trouble"); }, "runtime trouble"},
     };
-    std::vector<CatchRow> rows;
+    TestService service;
+    norva::seam::setFaultHook(throwingHook);
     for (const auto& operation : operations) {
         for (const auto& thrown : throws) {
-            for (const auto point : {FaultPoint::ArgumentsParsed, FaultPoint::ApplicationStarted})
-                rows.push_back({QByteArray(operation.name) + ": " + thrown.name
-                                    + (point == FaultPoint::ArgumentsParsed ? " before" : " after") + " the application",
-                                operation.operation, operation.echoes, thrown.kind, point, thrown.text});
+            for (const FaultPoint point : {FaultPoint::ArgumentsParsed, FaultPoint::ApplicationStarted}) {
+                throwNext = thrown.raise;
+                throwAt = point;
+                const CallResult call = callOperation(operation.operation, substitute(R"({"ipconfig":"$ADDR"})", service.address()));
+                const QString expected = QString::fromUtf8(
+                    QJsonDocument(QJsonObject{{"status", 400}, {"error_message", thrown.text}}).toJson(QJsonDocument::Compact));
+                const QStringList lines = operation.echoes ? QStringList{thrown.text, expected} : QStringList{thrown.text};
+                const QByteArray what = QByteArray(operation.name) + ", " + thrown.name
+                                        + (point == FaultPoint::ArgumentsParsed ? " before" : " after") + " the application";
+                QVERIFY2(call.result == expected && call.lines == lines, what + ": " + call.output);
+                // Unwinding ended the temporary application, if one was built.
+                QVERIFY2(!QCoreApplication::instance(), what);
+            }
         }
     }
-    addRows(rows);
-}
-
-void FrameTest::catchClauses()
-{
-    QFETCH(CatchRow, row);
-    nextThrow = row.kind;
-    throwAt = row.point;
-    norva::seam::setFaultHook(throwingHook);
-
-    TestService service;
-    const CallResult call = callOperation(row.operation, substitute(R"({"ipconfig":"$ADDR"})", service.address()));
-
-    const QJsonObject expectedDocument{{"status", 400}, {"error_message", row.errorText}};
-    const QString expected = QString::fromUtf8(QJsonDocument(expectedDocument).toJson(QJsonDocument::Compact));
-    QCOMPARE(call.result, expected);
-    QCOMPARE(call.lines, row.echoes ? (QStringList{row.errorText, expected}) : QStringList{row.errorText});
     QCOMPARE(service.requestCount(), 0);
-    // Unwinding ended the temporary application, if one was built.
-    QCOMPARE(QCoreApplication::instance(), nullptr);
 }
 
 void FrameTest::repeatedKeysAreRemovedBeforeParsing()
