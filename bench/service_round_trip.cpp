@@ -78,6 +78,12 @@ bool sameBytes(const std::string& a, const std::string& b)
     return left.eof() && right.eof();
 }
 
+// A login of the service's first user.
+QJsonObject logIn(const QString& address)
+{
+    return call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+}
+
 // Another client, in a process of its own: in each window ("g" on the control
 // pipe until "s") it asks for the share table again and again, then reports how
 // many answers it had and the slowest one. It ends when the pipe closes.
@@ -101,7 +107,7 @@ Prober startProber(const QString& address)
     if (pid == 0) {
         ::close(control[1]);
         ::close(report[0]);
-        const QJsonObject login = call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+        const QJsonObject login = logIn(address);
         const QJsonObject argument{{"ipconfig", address}, {"token", login["data"].toObject()["token"]}};
         char command;
         while (::read(control[0], &command, 1) == 1 && command == 'g') {
@@ -185,7 +191,7 @@ int main(int argc, char** argv)
 
     // Forked before this process starts any of Qt's threads.
     const Prober prober = startProber(address);
-    const QJsonObject login = call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+    const QJsonObject login = logIn(address);
     const QString token = login["data"].toObject()["token"].toString();
     const int userId = login["data"].toObject()["userId"].toInt();
 
@@ -200,7 +206,7 @@ int main(int argc, char** argv)
     const int logins = 20;
     const ProbeWindow duringLogins = probeDuring(prober, [&] {
         for (int i = 0; i < logins; ++i)
-            call(norva_sdk_login, {{"ipconfig", address}, {"username", "norva"}, {"password", "norva"}});
+            logIn(address);
     });
     ::close(prober.control);
     ::waitpid(prober.pid, nullptr, 0);
