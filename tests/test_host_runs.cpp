@@ -85,6 +85,8 @@ void HostRunTest::callsFromWorkerThreadsFinish()
 {
     service.reset();
     service.setDefaultReply(ScriptedReply::json(R"({"code":200,"data":"w"})"));
+    const QStringList expected{R"({"data":"w","message":"login success","status":200})",
+                               R"({"message":"request cancelled","status":400})"};
     StdoutCapture quiet;
     for (int round = 0; round < 20; ++round) {
         QStringList results;
@@ -111,9 +113,14 @@ void HostRunTest::callsFromWorkerThreadsFinish()
             delete worker;
         }
         results.sort();
-        QCOMPARE(results, (QStringList{R"({"data":"w","message":"login success","status":200})",
-                                       R"({"message":"request cancelled","status":400})"}));
+        QCOMPARE(results, expected);
     }
+    // Both threads echoed their results at once: every line came out whole.
+    QStringList lines = quiet.lines();
+    lines.removeDuplicates();
+    lines.sort();
+    QCOMPARE(lines, expected);
+    QCOMPARE(quiet.lines().size(), 40);
 }
 
 QTEST_GUILESS_MAIN(HostRunTest)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 
 namespace norva {
 
@@ -66,9 +67,14 @@ std::string compactText(const ResultDocument& document)
     return document.text();
 }
 
+// Calls may run on several threads at once: each line goes out whole, and a
+// std::cout that the host redirected to a buffer of its own is never written
+// from two threads at the same time.
 void echoLine(const std::string& text)
 {
-    std::cout << text << std::endl;
+    static std::mutex writing;
+    const std::lock_guard<std::mutex> lock(writing);
+    std::cout.write(text.data(), std::streamsize(text.size())).put('\n').flush();
 }
 
 std::string finishResult(const ResultDocument& document)

@@ -59,7 +59,8 @@ ResultDocument statusDocument(int status, const QString& message);
 
 std::string compactText(const ResultDocument& document);
 
-// Writes the text as one line to standard output and flushes it.
+// Writes the text as one line to standard output and flushes it; lines from
+// calls on several threads never mix.
 void echoLine(const std::string& text);
 
 // compactText and echoLine together: what every operation returns.

@@ -10,8 +10,6 @@
 #include <QHttpMultiPart>
 #include <QJsonDocument>
 
-#include <iostream>
-
 using namespace norva;
 using namespace norva::transfer;
 
@@ -109,7 +107,7 @@ Body folderForm(bool withShare)
         scan_folder_files(folder.toStdString(), files);
         auto form = std::make_unique<QHttpMultiPart>(QHttpMultiPart::FormDataType);
         for (const std::string& file : files) {
-            std::cout << "file path:" << file << std::endl;
+            echoLine("file path:" + file);
             appendFilePart(*form, "multipartFiles", QString::fromStdString(local_to_utf8(file)));
         }
         appendDataPart(*form, recordText);
