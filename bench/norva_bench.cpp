@@ -444,6 +444,7 @@ int main(int argc, char** argv)
                 }
                 std::fclose(f);
             }
+            std::remove(report.c_str());
         }
         const std::string label = "folder of " + std::to_string(folderFiles) + " files of 2 KiB";
         row((label + " (ms)").c_str(), fixed(median(seconds) * 1000), "", "", "");

@@ -10,15 +10,17 @@
 #include "frame/seams.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 
 #include <cstdint>
+#include <filesystem>
 
 namespace {
 
+// Emptied with std::filesystem, not QDir: QDir takes a stored name that starts
+// with ':' for a resource path and leaves the file behind.
 QTemporaryDir* scratch = nullptr;
 norva::ReceivedReply nextReply;
 
@@ -37,7 +39,8 @@ bool staysInScratch(const QString& name)
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     static QCoreApplication application(*argc, *argv);
-    scratch = new QTemporaryDir;
+    static QTemporaryDir folder; // removed at exit
+    scratch = &folder;
     norva::seam::setExchangeStub(answer);
     fuzzing::silenceStandardOutput();
     return 0;
@@ -87,8 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             __builtin_trap();
     }
     // Keep the scratch folder small.
-    QDir folder(scratch->path());
-    for (const QString& entry : folder.entryList(QDir::Files | QDir::Hidden | QDir::System))
-        folder.remove(entry);
+    for (const auto& entry : std::filesystem::directory_iterator(scratch->path().toStdString()))
+        std::filesystem::remove(entry.path());
     return 0;
 }
