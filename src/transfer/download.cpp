@@ -5,6 +5,7 @@
 #include "frame/operation.h"
 #include "frame/qt_line.h"
 #include "frame/result.h"
+#include "transfer/file_path.h"
 #include "transfer/platform.h"
 
 #include <QFileInfo>
@@ -73,8 +74,8 @@ bool DownloadSpool::take(int httpStatus)
         return false;
     // A hidden name of its own in the folder, made only if it is free.
     for (int attempt = 0; attempt < 16 && !created; ++attempt) {
-        file.setFileName(folder + QLatin1Char(pathSeparator) + QStringLiteral(".norva-download-")
-                         + QString::number(QRandomGenerator::global()->generate(), 36));
+        file.setFileName(fileOnDisk(folder + QLatin1Char(pathSeparator) + QStringLiteral(".norva-download-")
+                                    + QString::number(QRandomGenerator::global()->generate(), 36)));
         created = file.open(QIODevice::WriteOnly | QIODevice::NewOnly);
     }
     // Private until it takes the target's name and permissions.
@@ -109,16 +110,17 @@ ResultDocument saveDownload(const QByteArray& bytes, DownloadSpool* spool, const
 {
     const QString fail = QString::fromLatin1(message::downloadFail);
     const QString path = folder + QLatin1Char(pathSeparator) + name.stored;
+    const QString onDisk = fileOnDisk(path);
     // Only a regular file of that name, or none, is replaced: a folder, a link, a
     // device or a pipe is handled as a file that can't be opened, so that nothing
     // is written outside the folder or into something that is no file.
-    const QFileInfo existing(path);
+    const QFileInfo existing(onDisk);
     const bool existed = existing.exists() || existing.isSymLink();
     const bool replaceable = !existing.isSymLink() && (!existed || existing.isFile());
     // Opening the name itself tells whether the folder can hold it. A name that
     // was free holds an empty placeholder until the bytes take its place, and is
     // freed again if they don't.
-    QFile placeholder(path);
+    QFile placeholder(onDisk);
     const bool opened = staysInFolder(name.stored) && replaceable
                         && (existed || placeholder.open(QIODevice::WriteOnly | QIODevice::NewOnly));
     placeholder.close();
@@ -130,7 +132,7 @@ ResultDocument saveDownload(const QByteArray& bytes, DownloadSpool* spool, const
     // target's place only once all of them are written (a spool already is
     // such a file): a failed write leaves no partial file, and an earlier file
     // of that name as it was.
-    QSaveFile file(path);
+    QSaveFile file(onDisk);
     const bool writable = opened && (spool ? !existed || existing.isWritable() : file.open(QIODevice::WriteOnly));
     if (!writable) {
         freeName();
@@ -140,7 +142,7 @@ ResultDocument saveDownload(const QByteArray& bytes, DownloadSpool* spool, const
                                                      : QStringLiteral("File: ") + path + QStringLiteral(" open failed"));
         return document;
     }
-    const bool saved = spool ? spool->finish() && spool->moveTo(path)
+    const bool saved = spool ? spool->finish() && spool->moveTo(onDisk)
                              : file.write(bytes) == bytes.size() && file.commit();
     if (!saved) {
         freeName(); // the unfinished file goes with `file` or the spool

@@ -1,5 +1,7 @@
 #include "transfer/upload_file.h"
 
+#include "transfer/file_path.h"
+
 #include <QFileInfo>
 
 namespace norva::transfer {
@@ -15,7 +17,7 @@ qint64 readableSize(const QString& path)
 } // namespace
 
 UploadFile::UploadFile(const QString& path, QObject* parent)
-    : QIODevice(parent), file(path), fileSize(readableSize(path))
+    : QIODevice(parent), file(fileOnDisk(path)), fileSize(readableSize(fileOnDisk(path)))
 {
     // Unbuffered: the form asks for what it sends, and nothing is held twice.
     QIODevice::open(QIODevice::ReadOnly | QIODevice::Unbuffered);
