@@ -81,6 +81,7 @@ private slots:
         folder.reset(new QTemporaryDir);
         QDir::setCurrent(folder->path()); // for the rows with relative paths
     }
+    void cleanup() { QDir::setCurrent(QDir::tempPath()); } // Windows removes no folder in use
 
     void singleFileForm_data();
     void singleFileForm();
