@@ -390,7 +390,11 @@ bool HttpServer::listen(const std::string& host, int port, std::string& error)
     tcp::acceptor& acceptor = context->acceptor;
     if (!acceptor.open(endpoint.protocol(), ec) && !acceptor.set_option(net::socket_base::reuse_address(true), ec)
         && !acceptor.bind(endpoint, ec) && !acceptor.listen(128, ec)) {
-        boundPort = acceptor.local_endpoint().port();
+        const tcp::endpoint bound = acceptor.local_endpoint();
+        boundPort = bound.port();
+        const std::string ip = bound.address().to_string();
+        boundAddress = (bound.address().is_v6() ? "[" + ip + "]" : ip) + ":" + std::to_string(boundPort);
+        loopback = bound.address().is_loopback();
         return true;
     }
     error = "cannot listen on " + host + ":" + std::to_string(port) + ": " + ec.message();

@@ -98,6 +98,10 @@ public:
     // Binds host:port (port 0 picks a free one); false with `error` set on failure.
     bool listen(const std::string& host, int port, std::string& error);
     int port() const { return boundPort; }
+    // The address bound, as a client writes it ("127.0.0.1:8765", "[::1]:8765").
+    std::string address() const { return boundAddress; }
+    // Whether only this machine can reach it.
+    bool loopbackOnly() const { return loopback; }
     // SIGINT and SIGTERM stop run().
     void stopOnSignals() { handleSignals = true; }
     // Serves every connection with `serve` on a thread of its own until stop();
@@ -111,6 +115,8 @@ private:
     std::unique_ptr<Context> context;
     HttpLimits limits;
     int boundPort = 0;
+    std::string boundAddress;
+    bool loopback = false;
     bool handleSignals = false;
 };
 

@@ -100,10 +100,12 @@ int main(int argc, char** argv)
     if (seeded)
         std::printf("created user %s with password %s\n", norva::service::RecordsService::seededUser,
                     norva::service::RecordsService::seededPassword);
-    if (host.rfind("127.", 0) != 0 && host != "::1" && host != "localhost")
+    // Judged by the address bound, not by the name given: "0.0.0.0", a host
+    // name or a card's address all reach beyond this machine.
+    if (!server.loopbackOnly())
         std::fprintf(stderr, "norva-records-service: warning: serving on %s, beyond this machine; requests, "
-                             "passwords and tokens go over the network in clear text\n", host.c_str());
-    std::printf("listening on %s:%d\n", host.c_str(), server.port());
+                             "passwords and tokens go over the network in clear text\n", server.address().c_str());
+    std::printf("listening on %s\n", server.address().c_str());
     std::fflush(stdout);
 
     server.stopOnSignals();
