@@ -17,7 +17,7 @@ qint64 readableSize(const QString& path)
 } // namespace
 
 UploadFile::UploadFile(const QString& path, QObject* parent)
-    : QIODevice(parent), file(fileOnDisk(path)), fileSize(readableSize(fileOnDisk(path)))
+    : QIODevice(parent), file(fileOnDisk(path)), fileSize(readableSize(file.fileName())) // `file` is declared first
 {
     // Unbuffered: the form asks for what it sends, and nothing is held twice.
     QIODevice::open(QIODevice::ReadOnly | QIODevice::Unbuffered);
