@@ -1,5 +1,4 @@
-// The norva command as a shell user runs it: sessions, key=value words, the
-// progress line on a terminal, and Ctrl-C.
+// The norva command as a shell user runs it: sessions and key=value words.
 #include "support/harness.h"
 
 #include <QDir>
@@ -7,8 +6,6 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
-
-#include <csignal>
 
 using namespace testing_support;
 
@@ -49,8 +46,6 @@ private slots:
     void documentAndSession_data();
     void documentAndSession();
     void loginSavesAndLogoutForgets();
-    void progressOnATerminalOnly();
-    void ctrlCCancelsTheCall();
 
 private:
     QString sessionPath() const { return home->filePath(QStringLiteral("config/norva/session.json")); }
@@ -144,59 +139,6 @@ void NorvaCommandTest::loginSavesAndLogoutForgets()
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(service.lastRequest().body, QByteArray(R"({"id":12})"));
     QVERIFY(!QFile::exists(sessionPath()));
-}
-
-// The progress line goes to standard error on a terminal (a pseudo-terminal
-// made by script(1)), and nowhere when standard error is a pipe.
-void NorvaCommandTest::progressOnATerminalOnly()
-{
-    const QByteArray board = boardBytes(4 << 20);
-    service.setDefaultReply(ScriptedReply::file(board, "attachment;filename=board.brd"));
-    const QStringList download{"download_binary_file", "ipconfig=$ADDR", "file_downloadpath=" + home->path(),
-                               "data.id=1"};
-    const Run piped = norva(download);
-    QCOMPARE(piped.exitCode, 0);
-    QCOMPARE(piped.err, QByteArray());
-
-    QStringList command{QStringLiteral(NORVA_COMMAND_PATH)};
-    for (const QString& argument : download)
-        command << substitute(argument);
-    QProcess script;
-    script.setProcessEnvironment(environment());
-    script.start(QStringLiteral("script"), {"-qec", command.join(QLatin1Char(' ')), "/dev/null"});
-    QVERIFY(script.waitForFinished(20000));
-    const QByteArray screen = script.readAllStandardOutput();
-    QVERIFY2(screen.contains("down [============================] 100% 4.0 MiB of 4.0 MiB"), screen);
-    // The line is wiped before the result, which stands on a clean line.
-    QVERIFY2(screen.contains("\r\033[K{\"filename\":\"board.brd\""), screen);
-    QCOMPARE(QFile(home->filePath(QStringLiteral("board.brd"))).size(), qint64(board.size()));
-}
-
-// Ctrl-C cancels through the library: the cancelled result, exit status 130,
-// and nothing stored beside the earlier file of that name.
-void NorvaCommandTest::ctrlCCancelsTheCall()
-{
-    const ScriptedReply halfBody = ScriptedReply::rawThenSilent(
-        "HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=board.brd\r\nContent-Length: 900000\r\n\r\n"
-        + boardBytes(300000));
-    service.setDefaultReply(halfBody);
-    writeFile(home->filePath(QStringLiteral("board.brd")), "earlier");
-
-    QProcess process;
-    process.setProcessEnvironment(environment());
-    process.start(QStringLiteral(NORVA_COMMAND_PATH),
-                  {"download_binary_file", "ipconfig=" + service.address(), "file_downloadpath=" + home->path(),
-                   "data.id=1"});
-    QVERIFY(process.waitForStarted());
-    QTRY_COMPARE_WITH_TIMEOUT(service.requestCount(), 1, 10000);
-    QTest::qWait(200); // the first part of the body is on its way
-    ::kill(pid_t(process.processId()), SIGINT);
-    QVERIFY(process.waitForFinished(10000));
-    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(process.exitCode(), 130);
-    QCOMPARE(process.readAllStandardOutput(), QByteArray("{\"message\":\"request cancelled\",\"status\":400}\n"));
-    QCOMPARE(QDir(home->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"board.brd"});
-    QCOMPARE(readFile(home->filePath(QStringLiteral("board.brd"))), QByteArray("earlier"));
 }
 
 QTEST_GUILESS_MAIN(NorvaCommandTest)

@@ -1,11 +1,10 @@
-// A host with its own application: NORVA_HTTP_API (its meta-object, its two
-// members with their lines on standard output, the slot for failed replies), and
-// calls made from inside the host's running event loop and from worker threads.
+// A host with its own application: NORVA_HTTP_API (its two members with their
+// lines on standard output, the slot for failed replies), and calls made from
+// inside the host's running event loop and from worker threads.
 #include "support/harness.h"
 
 #include "norva_api_qt_progress.h"
 
-#include <QMetaMethod>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
@@ -43,12 +42,10 @@ class ObjectTest : public QObject
 
 private slots:
     void init() { service.reset(); }
-    void metaObject();
     void constructorIgnoresItsParent();
     void members_data();
     void members();
     void requestFinishedReportsOnlyFailures();
-    void consoleDriverLogsInThroughTheObject();
     void callsInsideTheHostLoop();
     void callsFromWorkerThreadsFinish();
 
@@ -59,20 +56,6 @@ private:
     }
     TestService service;
 };
-
-void ObjectTest::metaObject()
-{
-    const QMetaObject& meta = NORVA_HTTP_API::staticMetaObject;
-    QCOMPARE(QByteArray(meta.className()), QByteArray("NORVA::NORVA_API_QT::NORVA_HTTP_API"));
-    QCOMPARE(meta.superClass(), &QObject::staticMetaObject);
-    // One public slot, and nothing else of its own.
-    QCOMPARE(meta.methodCount() - meta.methodOffset(), 1);
-    const QMetaMethod slot = meta.method(meta.methodOffset());
-    QCOMPARE(slot.methodSignature(), QByteArray("requestFinished(QNetworkReply*)"));
-    QVERIFY(slot.methodType() == QMetaMethod::Slot && slot.access() == QMetaMethod::Public);
-    QCOMPARE(meta.propertyCount() + meta.enumeratorCount() + meta.classInfoCount() + meta.constructorCount(),
-             meta.propertyOffset() + meta.enumeratorOffset() + meta.classInfoOffset());
-}
 
 void ObjectTest::constructorIgnoresItsParent()
 {
@@ -175,22 +158,6 @@ void ObjectTest::requestFinishedReportsOnlyFailures()
     QVERIFY(!good.isNull());
     delete bad;
     delete good;
-}
-
-void ObjectTest::consoleDriverLogsInThroughTheObject()
-{
-    service.script(ScriptedReply::json(R"({"code":200,"data":"tok"})"));
-    QProcess driver;
-    driver.start(QStringLiteral(NORVA_CONSOLE_PATH),
-                 {"--address", service.address(), "--user", "ada", "--password", "pw", "--once"});
-    QVERIFY(driver.waitForFinished(10000));
-    QCOMPARE(driver.exitCode(), 0);
-    const QString result = R"({"data":"tok","message":"login success","status":200})";
-    // The member's own echo, then the driver's line and the asterisks.
-    // (Lines end in CR LF on Windows, where standard output is in text mode.)
-    QCOMPARE(QString::fromUtf8(driver.readAllStandardOutput()).remove(QLatin1Char('\r')).split('\n', Qt::SkipEmptyParts),
-             (QStringList{result, result, "*************************"}));
-    QCOMPARE(service.lastRequest().body, QByteArray(R"({"userName":"ada","userPwd":"pw"})"));
 }
 
 // Calls from inside the host's running loop: a call made from a timer while

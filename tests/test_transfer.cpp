@@ -12,10 +12,6 @@
 
 #include <sstream>
 
-#ifdef Q_OS_UNIX
-#include <csignal>
-#include <sys/resource.h>
-#endif
 
 using namespace testing_support;
 using namespace NORVA::NORVA_API_QT;
@@ -91,8 +87,6 @@ private slots:
     void uploadOutcomes() { runCase(service); }
     void downloads_data();
     void downloads();
-    void stampedDownload();
-    void resourceLimits();
 
 private:
     // "$DIR" is the temporary folder; "$SEP" the separator the library joins
@@ -429,71 +423,6 @@ void TransferTest::downloads()
         if (!row.filesAfter.contains(QStringLiteral("in/old.txt")))
             QCOMPARE(readFile(folder->filePath(QStringLiteral("in/old.txt"))), QByteArray("old content"));
     }
-}
-
-void TransferTest::stampedDownload()
-{
-    service.script(ScriptedReply::file("bytes", "attachment;filename=a.b.gbr"));
-    const QDateTime before = QDateTime::currentDateTime();
-    const auto call = callOperation(norva_sdk_download_binary_file, inFolder(R"({"ipconfig":"$ADDR","file_downloadpath":"$DIR","isTimeStamp":true})"));
-    const QDateTime after = QDateTime::currentDateTime();
-    // The part between the first and the last point is lost: a.b.gbr -> a_T.gbr.
-    QStringList allowed;
-    for (QDateTime t = before.addMSecs(-before.time().msec()); t <= after; t = t.addSecs(1))
-        allowed << QStringLiteral(R"({"filename":"a_%1.gbr","message":"download success","new_name":"","status":200})")
-                       .arg(t.toString(QStringLiteral("yyyyMMddhhmmss")));
-    QVERIFY2(allowed.contains(call.result), qPrintable(call.result));
-    QCOMPARE(readFile(folder->filePath(call.result.section(QLatin1Char('"'), 3, 3))), QByteArray("bytes"));
-}
-
-// Under the process's resource limits: a download that can't be written whole
-// (past a file size limit) stores nothing, neither a partial file nor a change to
-// an earlier file of that name; a folder with more files than the process may
-// open at once uploads whole, since one file is open at a time.
-void TransferTest::resourceLimits()
-{
-#ifndef Q_OS_UNIX
-    QSKIP("needs resource limits (setrlimit)");
-#else
-    const auto limited = [](int resource, rlim_t limit, const std::function<QString()>& call) {
-        rlimit before{};
-        getrlimit(resource, &before);
-        rlimit lowered = before;
-        lowered.rlim_cur = limit;
-        setrlimit(resource, &lowered);
-        const QString result = call();
-        setrlimit(resource, &before);
-        return result;
-    };
-    writeFile(folder->filePath(QStringLiteral("in/old.txt")), "old content");
-    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
-    for (const char* name : {"old.txt", "new.gbr"}) {
-        service.script(ScriptedReply::file(QByteArray(1 << 20, 'b'), QByteArray("filename=") + name));
-        const QString result = limited(RLIMIT_FSIZE, 64 << 10, [this] {
-            return callOperation(norva_sdk_download_binary_file, inFolder(R"({"ipconfig":"$ADDR","file_downloadpath":"$DIR/in"})")).result;
-        });
-        QCOMPARE(result, QStringLiteral(R"({"message":"download fail","status":400})"));
-        QCOMPARE(filesBelow(folder->path()), QStringList{"in/old.txt"});
-        QCOMPARE(readFile(folder->filePath(QStringLiteral("in/old.txt"))), QByteArray("old content"));
-    }
-    std::signal(SIGXFSZ, previousHandler);
-
-    service.reset();
-    const int files = 2000;
-    for (int i = 0; i < files; ++i)
-        writeFile(folder->filePath(QStringLiteral("many/board-%1.gbr").arg(i)), QByteArray::number(i).repeated(1 + i % 7));
-    const QString result = limited(RLIMIT_NOFILE, 256, [this] {
-        return callOperation(norva_sdk_upload_files, inFolder(R"({"ipconfig":"$ADDR","token":"tk","file_uploadpath":"$DIR/many"})")).result;
-    });
-    QCOMPARE(result, QStringLiteral(R"({"message":"import files success","status":200})"));
-    const QList<FormPart> parts = recordedForm("/kvr/originalFile/uploadMultipleFile");
-    QCOMPARE(parts.size(), files + 1);
-    for (int p = 0; p < files; ++p) {
-        const QByteArray disposition = parts[p].disposition;
-        const int i = disposition.mid(disposition.indexOf("board-") + 6).split('.').first().toInt();
-        QCOMPARE(parts[p].body, QByteArray::number(i).repeated(1 + i % 7));
-    }
-#endif
 }
 
 NORVA_TEST_MAIN(TransferTest)
