@@ -1,106 +1,29 @@
-// The library's own pieces, without the public header's view: the catch clauses
-// reached through the internal fault seam, the repeated-key scan, the idle limit,
-// and how a download names what it stores.
+// The library's own pieces, without the public header's view: the repeated-key
+// scan, the idle limit, and how a download names what it stores.
 #include "support/harness.h"
 
 #include "frame/json_text.h"
-#include "frame/seams.h"
 #include "norva_api_qt_progress.h"
 #include "transfer/download.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QJsonDocument>
 #include <QtTest>
 
-#include <functional>
-#include <new>
-#include <stdexcept>
-
 using namespace testing_support;
-
-namespace {
-
-// What the fault hook throws, and where: set by the test before each call.
-std::function<void()> throwNext;
-norva::seam::FaultPoint throwAt = norva::seam::FaultPoint::ArgumentsParsed;
-
-void throwingHook(norva::seam::FaultPoint point)
-{
-    if (point == throwAt)
-        throwNext();
-}
-
-} // namespace
 
 class FrameTest : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void catchClauses();
     void repeatedKeysAreRemovedBeforeParsing();
     void membersWithoutAnApplicationAnswerAtOnce();
     void idleServiceEndsTheWait();
     void downloadNaming();
     void downloadNamesNeverLeaveTheFolder();
-    void cleanup() { norva::seam::setFaultHook(nullptr); }
 };
-
-// Every way an operation can throw, before and after its temporary application
-// is built, for the mall and planner operations (the others have the same frame),
-// each of which says whether it also echoes its result document.
-void FrameTest::catchClauses()
-{
-    using namespace NORVA::TAVLIN_KVRAPI_QT;
-    using norva::seam::FaultPoint;
-    const struct {
-        const char* name;
-        OperationFunction operation;
-        bool echoes;
-    } operations[] = {
-        {"select_order_by_page", norva_tavlin_select_order_by_page, true},
-        {"select_boardid_by_order_num", norva_tavlin_select_boardid_by_order_num, false},
-        {"select_orig_file_by_page", norva_tavlin_select_orig_file_by_page, false},
-        {"get_bid_name_list_by_page", norva_tavlin_get_bid_name_list_by_page, false},
-        {"get_all_model_id", norva_tavlin_get_all_model_id, false},
-        {"get_latest_model_id", norva_tavlin_get_latest_model_id, false},
-        {"get_process_parameters", norva_tavlin_get_process_parameters, false},
-        {"download_binaryfile", norva_tavlin_download_binaryfile, true},
-    };
-    const struct {
-        const char* name;
-        std::function<void()> raise;
-        QString text;
-    } throws[] = {
-        {"QJsonParseError", [] { throw QJsonParseError{0, QJsonParseError::UnterminatedObject}; },
-         QJsonParseError{0, QJsonParseError::UnterminatedObject}.errorString()},
-        {"std::string", [] { throw std::string("disk on fire"); }, "disk on fire"},
-        {"std::bad_alloc", [] { throw std::bad_alloc(); }, QString::fromLatin1(std::bad_alloc().what())},
-        {"std::runtime_error", [] { throw std::runtime_error("runtime trouble"); }, "runtime trouble"},
-    };
-    TestService service;
-    norva::seam::setFaultHook(throwingHook);
-    for (const auto& operation : operations) {
-        for (const auto& thrown : throws) {
-            for (const FaultPoint point : {FaultPoint::ArgumentsParsed, FaultPoint::ApplicationStarted}) {
-                throwNext = thrown.raise;
-                throwAt = point;
-                const CallResult call = callOperation(operation.operation, substitute(R"({"ipconfig":"$ADDR"})", service.address()));
-                const QString expected = QString::fromUtf8(
-                    QJsonDocument(QJsonObject{{"status", 400}, {"error_message", thrown.text}}).toJson(QJsonDocument::Compact));
-                const QStringList lines = operation.echoes ? QStringList{thrown.text, expected} : QStringList{thrown.text};
-                const QByteArray what = QByteArray(operation.name) + ", " + thrown.name
-                                        + (point == FaultPoint::ArgumentsParsed ? " before" : " after") + " the application";
-                QVERIFY2(call.result == expected && call.lines == lines, what + ": " + call.output);
-                // Unwinding ended the temporary application, if one was built.
-                QVERIFY2(!QCoreApplication::instance(), what);
-            }
-        }
-    }
-    QCOMPARE(service.requestCount(), 0);
-}
 
 void FrameTest::repeatedKeysAreRemovedBeforeParsing()
 {

@@ -3,20 +3,8 @@
 namespace norva::seam {
 
 namespace {
-FaultHook currentHook = nullptr;
 ExchangeStub currentStub = nullptr;
 } // namespace
-
-void setFaultHook(FaultHook hook)
-{
-    currentHook = hook;
-}
-
-void reach(FaultPoint point)
-{
-    if (currentHook)
-        currentHook(point);
-}
 
 void setExchangeStub(ExchangeStub stub)
 {

@@ -9,18 +9,6 @@ struct ReceivedReply;
 
 namespace norva::seam {
 
-// Points of a call at which a test may throw, to reach the catch clauses.
-enum class FaultPoint {
-    ArgumentsParsed,    // before any request is built; no temporary application yet
-    ApplicationStarted, // right after a temporary application would be built
-};
-
-using FaultHook = void (*)(FaultPoint);
-
-// Called at each fault point when set. Tests set it and reset it to nullptr.
-void setFaultHook(FaultHook hook);
-void reach(FaultPoint point);
-
 // When set, exchanges do not touch the network: the stub answers each request.
 // Lets fuzzers drive every operation's request building and reply judging.
 using ExchangeStub = ReceivedReply (*)(OutgoingRequest&);

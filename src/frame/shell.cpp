@@ -4,7 +4,6 @@
 #include "frame/json_text.h"
 #include "frame/qt_line.h"
 #include "frame/result.h"
-#include "frame/seams.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
@@ -66,7 +65,6 @@ void Call::startApplication()
         application.emplace(applicationArgc, applicationArgv);
         qt_line::skipPluginSearch();
     }
-    seam::reach(seam::FaultPoint::ApplicationStarted);
 }
 
 void Call::exitTemporaryApplication()
@@ -89,7 +87,6 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
             if (error.error != QJsonParseError::NoError)
                 return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
         }
-        seam::reach(seam::FaultPoint::ArgumentsParsed);
         const Arguments arguments(std::move(text), std::move(flat), document.object());
 
         Call call(needsApplication);
