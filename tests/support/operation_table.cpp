@@ -196,13 +196,18 @@ void runCase(TestService& service)
     }
 #endif
     // Once more with a progress observer: the same request and result, and the
-    // observer hears of one operation, on this thread only.
+    // observer hears of one operation, on this thread only, with figures that
+    // only grow.
     QThread* const caller = QThread::currentThread();
     QSet<QByteArray> operations;
     bool elsewhere = false;
+    bool onlyGrew = true;
+    NORVA::NORVA_API_QT::CallProgress last{nullptr, 0, 0, 0, 0};
     NORVA::NORVA_API_QT::setProgressObserver([&](const NORVA::NORVA_API_QT::CallProgress& progress) {
         operations.insert(progress.operation);
         elsewhere = elsewhere || QThread::currentThread() != caller;
+        onlyGrew = onlyGrew && progress.bytesSent >= last.bytesSent && progress.bytesReceived >= last.bytesReceived;
+        last = progress;
     });
     runOnce(service, row);
     NORVA::NORVA_API_QT::clearProgressObserver();
@@ -215,10 +220,16 @@ void runCase(TestService& service)
     // (Fewer is fine: a connection of an earlier row may close meanwhile.)
     QTRY_VERIFY2_WITH_TIMEOUT(openDescriptors() <= descriptorsBefore, "a descriptor was left open", 5000);
 #endif
-    QVERIFY(!elsewhere);
+    QVERIFY(!elsewhere && onlyGrew);
     QVERIFY(operations.size() <= 1);
     if (!row.wire.method.isEmpty()) // a request went out: its end at least is reported
         QVERIFY(operations.size() == 1 && operations.begin()->startsWith("norva_"));
+    // A whole answer: the last report shows both bodies whole.
+    if (!row.wire.method.isEmpty() && row.reply.kind == ScriptedReply::Kind::Answer) {
+        QCOMPARE(last.bytesSent, last.bytesToSend);
+        QCOMPARE(last.bytesReceived, qint64(row.reply.body.size()));
+        QCOMPARE(last.bytesToReceive, qint64(row.reply.body.size()));
+    }
 }
 
 } // namespace testing_support

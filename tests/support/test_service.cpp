@@ -20,12 +20,6 @@ QByteArray RecordedRequest::header(const QByteArray& name) const
     return QByteArray();
 }
 
-QByteArray RecordedRequest::path() const
-{
-    const int q = target.indexOf('?');
-    return q < 0 ? target : target.left(q);
-}
-
 ScriptedReply ScriptedReply::file(const QByteArray& bytes, const QByteArray& contentDisposition)
 {
     ScriptedReply reply = withStatus(200, bytes);
@@ -97,26 +91,14 @@ void TestService::reset()
     stopped.wait_for(lock, std::chrono::seconds(5), [this] { return activeWorkers == 0; });
     recorded.clear();
     scripted.clear();
-    pathReplies.clear();
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
 }
 
-void TestService::setReplyForPath(const QByteArray& path, const ScriptedReply& reply)
+ScriptedReply TestService::nextReply()
 {
     std::lock_guard<std::mutex> lock(mutex);
-    pathReplies.emplace_back(path, reply);
-}
-
-ScriptedReply TestService::nextReply(const QByteArray& path)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    if (scripted.empty()) {
-        for (const auto& pathReply : pathReplies) {
-            if (pathReply.first == path)
-                return pathReply.second;
-        }
+    if (scripted.empty())
         return defaultReply;
-    }
     ScriptedReply reply = scripted.front();
     scripted.pop_front();
     return reply;
@@ -150,7 +132,7 @@ void TestService::serve(norva::service::HttpConnection& connection)
         std::lock_guard<std::mutex> lock(mutex);
         recorded.push_back(request);
     }
-    const ScriptedReply reply = nextReply(request.path());
+    const ScriptedReply reply = nextReply();
     if (reply.delayMs > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
     if (read == norva::service::HttpConnection::Read::Partial)

@@ -34,7 +34,6 @@ struct RecordedRequest {
     bool hasHeader(const QByteArray& name) const;
     // The first header of that name (case-insensitive); empty when absent.
     QByteArray header(const QByteArray& name) const;
-    QByteArray path() const;  // target without the query
 };
 
 struct ScriptedReply {
@@ -76,13 +75,10 @@ public:
 
     // "127.0.0.1:<port>"
     QString address() const;
-    quint16 port() const { return boundPort; }
 
     // Replies are used in order; once they are used up, the default reply answers.
     void script(const ScriptedReply& reply);
     void setDefaultReply(const ScriptedReply& reply);
-    // Once the script is used up, requests for `path` get this reply.
-    void setReplyForPath(const QByteArray& path, const ScriptedReply& reply);
 
     std::vector<RecordedRequest> requests() const;
     int requestCount() const;
@@ -96,7 +92,7 @@ private:
     // One request a connection, on the service's own HTTP layer: records the
     // request and sends the reply.
     void serve(norva::service::HttpConnection& connection);
-    ScriptedReply nextReply(const QByteArray& path);
+    ScriptedReply nextReply();
 
     std::unique_ptr<norva::service::HttpServer> server;
     std::uint16_t boundPort = 0;
@@ -107,7 +103,6 @@ private:
     std::condition_variable stopped;
     std::deque<ScriptedReply> scripted;
     ScriptedReply defaultReply;
-    std::vector<std::pair<QByteArray, ScriptedReply>> pathReplies;
     std::vector<RecordedRequest> recorded;
 };
 
