@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <mutex>
 
@@ -182,7 +183,7 @@ struct RecordsService::UploadForm {
     };
     bool complete = false; // a whole form with a data part
     QJsonObject data;
-    std::vector<File> files; // the parts of the route's file part name, in form order
+    std::vector<File> files; // the route's first file parts, in form order
 
     UploadForm() = default;
     UploadForm(const UploadForm&) = delete;
@@ -392,7 +393,7 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
     // storing a large file keeps no other request waiting.
     UploadForm upload;
     if (route->second.filePart) {
-        stage(request, route->second.filePart, upload);
+        stage(request, route->second, upload);
         call.upload = &upload;
     }
     std::unique_lock<std::mutex> lock(db.lock());
@@ -400,7 +401,7 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
     return route->second.handler(call);
 }
 
-void RecordsService::stage(const HttpRequest& request, const std::string& filePart, UploadForm& upload) const
+void RecordsService::stage(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const
 {
     const std::unique_ptr<std::istream> form = request.openBody();
     std::vector<FormField> fields;
@@ -412,7 +413,9 @@ void RecordsService::stage(const HttpRequest& request, const std::string& filePa
         return;
     upload.data = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
     for (const FormField& field : fields) {
-        if (field.name != filePart)
+        if (upload.files.size() == route.maxFiles)
+            break;
+        if (field.name != route.filePart)
             continue;
         // Beside the spooled bodies, on the file system of the stored files, so
         // that a record takes its file by renaming it.
@@ -426,10 +429,10 @@ void RecordsService::stage(const HttpRequest& request, const std::string& filePa
 
 void RecordsService::addRoutes()
 {
-    const auto post = [this](const char* path, Route route) { routes[path] = {"POST", std::move(route), nullptr}; };
-    const auto get = [this](const char* path, Route route) { routes[path] = {"GET", std::move(route), nullptr}; };
-    const auto upload = [this](const char* path, const char* filePart, Route route) {
-        routes[path] = {"POST", std::move(route), filePart};
+    const auto post = [this](const char* path, Route route) { routes[path] = {"POST", std::move(route), nullptr, 0}; };
+    const auto get = [this](const char* path, Route route) { routes[path] = {"GET", std::move(route), nullptr, 0}; };
+    const auto upload = [this](const char* path, const char* filePart, std::size_t maxFiles, Route route) {
+        routes[path] = {"POST", std::move(route), filePart, maxFiles};
     };
 
     // Lists a table, whole or by page, with the filters' WHERE clause.
@@ -548,8 +551,7 @@ void RecordsService::addRoutes()
         const QJsonObject info = field(upload.data, "fileInfo").toObject();
         const QJsonObject error = field(upload.data, "errorInfo").toObject();
         const bool withError = upload.data.contains("errorInfo");
-        // One file: the first (the library sends no more).
-        const QJsonArray ids = storeAll(upload.files.begin(), upload.files.begin() + 1, info, call.userId, [&](long long id) {
+        const QJsonArray ids = storeAll(upload.files.begin(), upload.files.end(), info, call.userId, [&](long long id) {
             if (withError)
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
                           "libraryId, errorMessage) VALUES(?,?,?,?,?,?,?,?,?,?)",
@@ -573,10 +575,12 @@ void RecordsService::addRoutes()
             return refuse("no files in the form");
         return ok(ids, "imported");
     };
-    upload("/kvr/originalFile/uploadFile", "file", [uploadOne](Call& call) { return uploadOne(call, false); });
-    upload("/kvr/originalFile/insertBrdAndShare", "file", [uploadOne](Call& call) { return uploadOne(call, true); });
-    upload("/kvr/originalFile/uploadMultipleFile", "multipartFiles", [uploadMany](Call& call) { return uploadMany(call, false); });
-    upload("/kvr/originalFile/insertBatchBrdAndShare", "multipartFiles", [uploadMany](Call& call) { return uploadMany(call, true); });
+    // A single upload stores the form's first file part; the library sends no more.
+    const std::size_t anyNumber = std::numeric_limits<std::size_t>::max();
+    upload("/kvr/originalFile/uploadFile", "file", 1, [uploadOne](Call& call) { return uploadOne(call, false); });
+    upload("/kvr/originalFile/insertBrdAndShare", "file", 1, [uploadOne](Call& call) { return uploadOne(call, true); });
+    upload("/kvr/originalFile/uploadMultipleFile", "multipartFiles", anyNumber, [uploadMany](Call& call) { return uploadMany(call, false); });
+    upload("/kvr/originalFile/insertBatchBrdAndShare", "multipartFiles", anyNumber, [uploadMany](Call& call) { return uploadMany(call, true); });
 
     const auto sendFile = [this](long long id, int missingStatus) {
         const QJsonArray rows =

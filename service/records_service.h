@@ -49,6 +49,8 @@ private:
         // An upload's part name for its files; its form is staged before the
         // database is locked. nullptr elsewhere.
         const char* filePart;
+        // How many of those parts an upload stores; later ones are not staged.
+        std::size_t maxFiles;
     };
 
     void addRoutes();
@@ -57,9 +59,9 @@ private:
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);
     long long tokenUser(const std::string& token);
     std::string filePath(long long id) const;
-    // Reads an upload's form and copies out its parts named `filePart`; throws
-    // when a copy fails.
-    void stage(const HttpRequest& request, const std::string& filePart, UploadForm& upload) const;
+    // Reads an upload's form and copies out its first `maxFiles` parts named
+    // `filePart`; throws when a copy fails.
+    void stage(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const;
 
     ServiceOptions options;
     Database db;
