@@ -9,15 +9,14 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace {
 
-int usage(int code)
+int usage()
 {
     std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]\n"
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
@@ -31,7 +30,39 @@ int usage(int code)
                 "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status (the first N times; else always)\n"
                 "  --drop PATH[xN]           close the connection without an answer for PATH\n"
                 "  --expire-tokens           every token counts as expired (HTTP 402)\n");
-    return code;
+    return 0;
+}
+
+// Says which argument was not understood; a service that silently took "5s"
+// as 0 would test something else than its user meant.
+int misuse(const std::string& what)
+{
+    std::fprintf(stderr, "norva-records-service: %s (see --help)\n", what.c_str());
+    return 2;
+}
+
+// A whole number from least to most, digits only; nullopt for anything else.
+std::optional<long long> wholeNumber(const std::string& text, long long least, long long most)
+{
+    if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos)
+        return std::nullopt;
+    const long long value = std::stoll(text);
+    return value >= least && value <= most ? std::optional<long long>(value) : std::nullopt;
+}
+
+// "host:port", "[v6]:port"; the port from 0 (any free one) to 65535.
+bool readAddress(const std::string& text, std::string& host, int& port)
+{
+    const std::size_t colon = text.rfind(':');
+    const std::optional<long long> number =
+        colon == std::string::npos ? std::nullopt : wholeNumber(text.substr(colon + 1), 0, 65535);
+    if (!number || colon == 0)
+        return false;
+    host = text.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    port = int(*number);
+    return true;
 }
 
 } // namespace
@@ -41,41 +72,56 @@ int main(int argc, char** argv)
     norva::service::ServiceOptions options;
     norva::service::FaultInjection faults;
     norva::service::HttpLimits limits;
-    std::string listen = "127.0.0.1:8765";
+    std::string host = "127.0.0.1";
+    int port = 8765;
     std::vector<std::string> newUsers;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h")
-            return usage(0);
-        if (arg == "--listen" && i + 1 < argc)
-            listen = argv[++i];
-        else if (arg == "--token-ttl" && i + 1 < argc)
-            options.tokenLifetimeSeconds = std::atoll(argv[++i]);
-        else if (arg == "--max-body-mb" && i + 1 < argc && std::atoll(argv[i + 1]) > 0)
-            limits.bodyBytes = std::uint64_t(std::atoll(argv[++i])) << 20;
-        else if (arg == "--idle-seconds" && i + 1 < argc && std::atoi(argv[i + 1]) > 0)
-            limits.idle = std::chrono::seconds(std::atoi(argv[++i]));
-        else if (arg == "--delay-ms" && i + 1 < argc)
-            faults.setDelayMs(std::atoi(argv[++i]));
-        else if (arg == "--fail" && i + 1 < argc && faults.addFailure(argv[i + 1]))
-            ++i;
-        else if (arg == "--drop" && i + 1 < argc && faults.addDrop(argv[i + 1]))
-            ++i;
-        else if (arg == "--add-user" && i + 1 < argc && std::strchr(argv[i + 1], ':'))
-            newUsers.push_back(argv[++i]);
-        else if (arg == "--expire-tokens")
+            return usage();
+        if (arg == "--expire-tokens") {
             options.expireTokens = true;
-        else if (!arg.empty() && arg[0] != '-')
+            continue;
+        }
+        if (arg.empty() || arg[0] != '-') {
             options.dataFolder = arg;
-        else
-            return usage(2);
+            continue;
+        }
+        const bool hasValue = i + 1 < argc;
+        const std::string value = hasValue ? argv[++i] : ""; // "" is no option's value
+        // Takes a whole number from least to most into `set`.
+        const auto number = [&value](long long least, long long most, const std::function<void(long long)>& set) {
+            const std::optional<long long> n = wholeNumber(value, least, most);
+            if (n)
+                set(*n);
+            return n.has_value();
+        };
+        bool understood = false;
+        if (arg == "--listen")
+            understood = readAddress(value, host, port);
+        else if (arg == "--token-ttl")
+            understood = number(0, 10LL * 366 * 86400, [&](long long n) { options.tokenLifetimeSeconds = n; });
+        else if (arg == "--max-body-mb")
+            understood = number(1, 1 << 20, [&](long long n) { limits.bodyBytes = std::uint64_t(n) << 20; });
+        else if (arg == "--idle-seconds")
+            understood = number(1, 86400, [&](long long n) { limits.idle = std::chrono::seconds(n); });
+        else if (arg == "--delay-ms")
+            understood = number(0, 3600 * 1000, [&](long long n) { faults.setDelayMs(int(n)); });
+        else if (arg == "--fail")
+            understood = faults.addFailure(value);
+        else if (arg == "--drop")
+            understood = faults.addDrop(value);
+        else if (arg == "--add-user") {
+            // NAME:PASSWORD, neither empty; the password may hold colons.
+            const std::size_t colon = value.find(':');
+            understood = colon != std::string::npos && colon > 0 && colon + 1 < value.size();
+            if (understood)
+                newUsers.push_back(value);
+        } else
+            return misuse("unknown option " + arg);
+        if (!understood)
+            return misuse(hasValue ? "cannot use " + arg + " " + value : arg + " needs a value");
     }
-    const auto colon = listen.rfind(':');
-    if (colon == std::string::npos)
-        return usage(2);
-    std::string host = listen.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
 
     norva::service::RecordsService service(options);
     std::string error;
@@ -92,7 +138,7 @@ int main(int argc, char** argv)
     }
     limits.spoolFolder = service.spoolFolder();
     norva::service::HttpServer server(limits);
-    if (!server.listen(host, std::atoi(listen.c_str() + colon + 1), error)) {
+    if (!server.listen(host, port, error)) {
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
         return 1;
     }

@@ -92,6 +92,7 @@ private slots:
     void aWholeSession();
     void faults_data();
     void faults();
+    void unusableOptionsStopTheService();
     void eachTokenActsForItsOwnUser();
     void plainPasswordsAreConvertedOnOpen();
     void badRequests();
@@ -204,6 +205,22 @@ void EndToEndTest::faults()
         results << call(norva_sdk_select_share, {}, service.address, token)["message"].toString();
     NORVA::NORVA_API_QT::setIdleLimit(120000);
     QCOMPARE(results, row.messages);
+}
+
+// A value the service cannot use stops it at once, naming the value, rather
+// than leaving it to serve something its user did not ask for.
+void EndToEndTest::unusableOptionsStopTheService()
+{
+    const QStringList refused[] = {{"--delay-ms", "5s"}, {"--token-ttl", "-1"}, {"--fail", "/kvr/a=500x0"},
+                                   {"--drop", "kvr/a"}, {"--listen", "127.0.0.1:65536"}, {"--add-user", "ada:"},
+                                   {"--idle-seconds", "0"}, {"--bogus", "1"}};
+    for (const QStringList& options : refused) {
+        LocalService service;
+        QVERIFY2(!service.start(folder.filePath("data-refused"), options), qPrintable(options.join(' ')));
+        QVERIFY(service.process.state() == QProcess::NotRunning || service.process.waitForFinished(5000));
+        QCOMPARE(service.process.exitCode(), 2);
+        QVERIFY2(service.process.readAllStandardError().contains(options.first().toUtf8()), qPrintable(options.join(' ')));
+    }
 }
 
 // Records can be changed and removed only by the user who added them, and a
