@@ -43,7 +43,8 @@ bool FaultInjection::addFailure(const std::string& text)
         return false;
     const auto [statusText, count] = withCount(text.substr(equals + 1));
     const int status = positive(statusText);
-    return status >= 100 && status <= 599 && add(text.substr(0, equals), count, status);
+    // A 1xx is no final answer: the client would wait for the one after it.
+    return status >= 200 && status <= 599 && add(text.substr(0, equals), count, status);
 }
 
 bool FaultInjection::addDrop(const std::string& text)

@@ -17,8 +17,9 @@ class FaultInjection
 public:
     // --delay-ms N: wait N ms before every answer.
     void setDelayMs(int milliseconds) { delayMs = milliseconds; }
-    // --fail PATH=STATUS[xCOUNT]: answer PATH with that HTTP status (the first
-    // COUNT times, else always). False when the text is not of that form.
+    // --fail PATH=STATUS[xCOUNT]: answer PATH with that HTTP status, 200 to
+    // 599 (the first COUNT times, else always). False when the text is not of
+    // that form.
     bool addFailure(const std::string& text);
     // --drop PATH[xCOUNT]: close the connection of a request for PATH without
     // an answer (the first COUNT times, else always).

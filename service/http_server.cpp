@@ -180,7 +180,9 @@ public:
     {
         if (response.bodyFile.empty()) {
             http::response<http::string_body> message;
-            message.body() = response.status == 204 ? std::string() : response.body;
+            // 204 and 304 carry no body in HTTP; Beast would refuse to send one.
+            const bool bodiless = response.status == 204 || response.status == 304;
+            message.body() = bodiless ? std::string() : response.body;
             return send(message, response, keepAlive);
         }
         http::response<http::file_body> message;

@@ -27,7 +27,7 @@ int usage()
                 "  --add-user NAME:PASSWORD  add a user when the data folder has none of that name (repeatable)\n"
                 "faults, for testing a host's error paths:\n"
                 "  --delay-ms N              wait N ms before every answer\n"
-                "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status (the first N times; else always)\n"
+                "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status, 200-599 (the first N times; else always)\n"
                 "  --drop PATH[xN]           close the connection without an answer for PATH\n"
                 "  --expire-tokens           every token counts as expired (HTTP 402)\n");
     return 0;

@@ -186,6 +186,7 @@ void EndToEndTest::faults_data()
         {"--expire-tokens", {"--expire-tokens"}, "", 120000, {"token expired"}},
         {"--fail once", {"--fail", "/kvr/share/selectShare=500x1"}, "", 120000, {"request fail", ok}},
         {"--fail 402", {"--fail", "/kvr/share/selectShare=402"}, "", 120000, {"token expired", "token expired"}},
+        {"--fail 304, which has no body", {"--fail", "/kvr/share/selectShare=304x1"}, "", 120000, {"request fail", ok}},
         {"--drop", {"--drop", "/kvr/share/selectShare"}, "", 120000, {"Server shuts down"}},
         {"--delay-ms beyond the idle limit", {"--delay-ms", "1500"}, "", 300, {"Server shuts down"}},
         {"--delay-ms within it", {"--delay-ms", "100"}, "", 120000, {ok}},
@@ -212,8 +213,8 @@ void EndToEndTest::faults()
 void EndToEndTest::unusableOptionsStopTheService()
 {
     const QStringList refused[] = {{"--delay-ms", "5s"}, {"--token-ttl", "-1"}, {"--fail", "/kvr/a=500x0"},
-                                   {"--drop", "kvr/a"}, {"--listen", "127.0.0.1:65536"}, {"--add-user", "ada:"},
-                                   {"--idle-seconds", "0"}, {"--bogus", "1"}};
+                                   {"--fail", "/kvr/a=101"}, {"--drop", "kvr/a"}, {"--listen", "127.0.0.1:65536"},
+                                   {"--add-user", "ada:"}, {"--idle-seconds", "0"}, {"--bogus", "1"}};
     for (const QStringList& options : refused) {
         LocalService service;
         QVERIFY2(!service.start(folder.filePath("data-refused"), options), qPrintable(options.join(' ')));
