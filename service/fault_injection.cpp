@@ -1,38 +1,34 @@
 #include "fault_injection.h"
+#include "whole_number.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <thread>
 
 namespace norva::service {
 
 namespace {
 
-// "123" as a whole positive number; 0 when it is anything else.
-int positive(const std::string& text)
-{
-    char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    return !text.empty() && *end == '\0' && value > 0 && value < 1000000 ? int(value) : 0;
-}
+// The most times a fault can be asked for; more is as good as always.
+constexpr long long mostCount = 999999;
 
-// Splits "TEXTxCOUNT" at its last "x" when a count follows it.
-std::pair<std::string, std::string> withCount(const std::string& text)
+// Splits "TEXTxCOUNT" at its last "x" when a count follows it; the count is -1
+// (every time) when none does.
+std::pair<std::string, int> withCount(const std::string& text)
 {
     const std::size_t x = text.rfind('x');
-    if (x != std::string::npos && positive(text.substr(x + 1)))
-        return {text.substr(0, x), text.substr(x + 1)};
-    return {text, std::string()};
+    const std::optional<long long> count =
+        x == std::string::npos ? std::nullopt : wholeNumber(text.substr(x + 1), 1, mostCount);
+    return count ? std::pair(text.substr(0, x), int(*count)) : std::pair(text, -1);
 }
 
 } // namespace
 
-bool FaultInjection::add(const std::string& path, const std::string& count, int status)
+bool FaultInjection::add(const std::string& path, int remaining, int status)
 {
     if (path.empty() || path[0] != '/')
         return false;
     std::lock_guard<std::mutex> lock(mutex);
-    faults[path] = Fault{status, count.empty() ? -1 : positive(count)};
+    faults[path] = Fault{status, remaining};
     return true;
 }
 
@@ -42,9 +38,9 @@ bool FaultInjection::addFailure(const std::string& text)
     if (equals == std::string::npos)
         return false;
     const auto [statusText, count] = withCount(text.substr(equals + 1));
-    const int status = positive(statusText);
     // A 1xx is no final answer: the client would wait for the one after it.
-    return status >= 200 && status <= 599 && add(text.substr(0, equals), count, status);
+    const std::optional<long long> status = wholeNumber(statusText, 200, 599);
+    return status && add(text.substr(0, equals), count, int(*status));
 }
 
 bool FaultInjection::addDrop(const std::string& text)

@@ -34,7 +34,7 @@ private:
         int status = 0; // 0: drop the connection
         int remaining = -1; // -1: every time
     };
-    bool add(const std::string& path, const std::string& count, int status);
+    bool add(const std::string& path, int remaining, int status);
 
     int delayMs = 0;
     std::mutex mutex;

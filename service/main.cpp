@@ -5,6 +5,7 @@
 #include "fault_injection.h"
 #include "http_server.h"
 #include "records_service.h"
+#include "whole_number.h"
 
 #include <chrono>
 #include <cstdint>
@@ -13,6 +14,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+using norva::service::wholeNumber;
 
 namespace {
 
@@ -39,15 +42,6 @@ int misuse(const std::string& what)
 {
     std::fprintf(stderr, "norva-records-service: %s (see --help)\n", what.c_str());
     return 2;
-}
-
-// A whole number from least to most, digits only; nullopt for anything else.
-std::optional<long long> wholeNumber(const std::string& text, long long least, long long most)
-{
-    if (text.empty() || text.size() > 18 || text.find_first_not_of("0123456789") != std::string::npos)
-        return std::nullopt;
-    const long long value = std::stoll(text);
-    return value >= least && value <= most ? std::optional<long long>(value) : std::nullopt;
 }
 
 // "host:port", "[v6]:port"; the port from 0 (any free one) to 65535.
