@@ -26,7 +26,8 @@
 namespace NORVA {
 namespace NORVA_API_QT {
 
-// Where one call's exchange stands. A total that is not known (yet) is -1.
+// Where one call's exchange stands. No figure ever goes back, and a total that
+// is not known (yet) is -1: a reply's length stays -1 when no reply came.
 struct CallProgress {
     const char* operation; // the operation's name, as "norva_sdk_upload_file"
     qint64 bytesSent;      // request body bytes sent so far
@@ -38,9 +39,10 @@ struct CallProgress {
 using ProgressObserver = std::function<void(const CallProgress& progress)>;
 
 // Sets the observer of the calling thread's calls, in place of an earlier one.
-// It is called from inside each call's wait, on this thread: when Qt reports
-// progress, at most about 30 times a second with the latest figures, and once
-// more when the exchange is over. It may call cancelCall(), and may make calls
+// It is called from inside each call's wait, on this thread: as bytes move,
+// at most about 30 times a second with the latest figures (bytes that arrive
+// within 33 ms of a report are reported when those 33 ms are up, also when
+// nothing follows them), and once more when the exchange is over. It may call cancelCall(), and may make calls
 // of its own (they are observed too). Exceptions it throws are dropped. A call
 // that started before the observer was set is not observed.
 NORVA_API_QT_EXPORT void setProgressObserver(ProgressObserver observer);

@@ -1,4 +1,5 @@
-// The norva command as a shell user runs it: sessions and key=value words.
+// The norva command as a shell user runs it: sessions, key=value words, and
+// Ctrl-C.
 #include "support/harness.h"
 
 #include <QDir>
@@ -6,6 +7,8 @@
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <csignal>
 
 using namespace testing_support;
 
@@ -46,6 +49,7 @@ private slots:
     void documentAndSession_data();
     void documentAndSession();
     void loginSavesAndLogoutForgets();
+    void ctrlCCancelsTheCall();
 
 private:
     QString sessionPath() const { return home->filePath(QStringLiteral("config/norva/session.json")); }
@@ -139,6 +143,31 @@ void NorvaCommandTest::loginSavesAndLogoutForgets()
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(service.lastRequest().body, QByteArray(R"({"id":12})"));
     QVERIFY(!QFile::exists(sessionPath()));
+}
+
+// Ctrl-C cancels through the library: the cancelled result, exit status 130,
+// and nothing stored beside the earlier file of that name.
+void NorvaCommandTest::ctrlCCancelsTheCall()
+{
+    service.setDefaultReply(ScriptedReply::rawThenSilent(
+        "HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=board.brd\r\nContent-Length: 900000\r\n\r\n"
+        + boardBytes(300000)));
+    writeFile(home->filePath(QStringLiteral("board.brd")), "earlier");
+
+    QProcess process;
+    process.setProcessEnvironment(environment());
+    process.start(QStringLiteral(NORVA_COMMAND_PATH), {"download_binary_file", "ipconfig=" + service.address(),
+                                                       "file_downloadpath=" + home->path(), "data.id=1"});
+    QVERIFY(process.waitForStarted());
+    QTRY_COMPARE_WITH_TIMEOUT(service.requestCount(), 1, 10000);
+    QTest::qWait(200); // the first part of the body is on its way
+    ::kill(pid_t(process.processId()), SIGINT);
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 130);
+    QCOMPARE(process.readAllStandardOutput(), QByteArray("{\"message\":\"request cancelled\",\"status\":400}\n"));
+    QCOMPARE(QDir(home->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"board.brd"});
+    QCOMPARE(readFile(home->filePath(QStringLiteral("board.brd"))), QByteArray("earlier"));
 }
 
 QTEST_GUILESS_MAIN(NorvaCommandTest)

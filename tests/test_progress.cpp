@@ -1,13 +1,18 @@
-// Stopping calls: what a cancelled call returns and leaves behind. (What the
-// progress observer hears is checked on every row of the operation tables.)
+// Stopping calls: what a cancelled call returns and leaves behind; and reports
+// that keep up with bytes which come in a burst and then stop. (The rest of
+// what the progress observer hears is checked on every row of the operation
+// tables.)
 #include "support/harness.h"
 #include "support/test_main.h"
 
 #include "norva_api_qt_progress.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <boost/asio.hpp>
 
 using namespace testing_support;
 using namespace NORVA::NORVA_API_QT;
@@ -20,6 +25,37 @@ const QString cancelled = QStringLiteral(R"({"message":"request cancelled","stat
 struct ObserverScope {
     explicit ObserverScope(ProgressObserver observer) { setProgressObserver(std::move(observer)); }
     ~ObserverScope() { clearProgressObserver(); }
+};
+
+// A service that takes connections and reads nothing: the system holds what
+// fits into its buffers, and an upload stalls there. Afterwards it tells how
+// many bytes reached it.
+class DeafService
+{
+public:
+    DeafService()
+    {
+        using boost::asio::ip::tcp;
+        acceptor.open(tcp::v4());
+        acceptor.bind(tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
+        acceptor.listen();
+    }
+    QString address() const { return QStringLiteral("127.0.0.1:%1").arg(acceptor.local_endpoint().port()); }
+    // Everything sent on the first connection, once the client has closed it.
+    qint64 bytesReceived()
+    {
+        boost::asio::ip::tcp::socket connection = acceptor.accept();
+        std::vector<char> buffer(1 << 20);
+        qint64 total = 0;
+        boost::system::error_code error;
+        while (!error)
+            total += qint64(connection.read_some(boost::asio::buffer(buffer), error));
+        return total;
+    }
+
+private:
+    boost::asio::io_context io;
+    boost::asio::ip::tcp::acceptor acceptor{io};
 };
 
 enum class CancelFrom { Observer, TimerSlot };
@@ -51,6 +87,8 @@ private slots:
     void cancelledCalls_data();
     void cancelledCalls();
     void cancelReachesTheInnermostCall();
+    void reportsKeepUpWithABurst_data();
+    void reportsKeepUpWithABurst();
 
 private:
     QString argument(QString text) const
@@ -130,6 +168,54 @@ void ProgressTest::cancelReachesTheInnermostCall()
     QCOMPARE(inner, cancelled);
     QCOMPARE(outer.result, cancelled);
     QCOMPARE(outer.lines, (QStringList{cancelled, cancelled}));
+}
+
+void ProgressTest::reportsKeepUpWithABurst_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::newRow("a download's service sends 1 MiB, then nothing") << false;
+    QTest::newRow("an upload's service stops reading") << true;
+}
+
+// Bytes that come in a burst and then stop are reported within the interval,
+// not when the stall ends: Qt itself passes on no later progress signal.
+void ProgressTest::reportsKeepUpWithABurst()
+{
+    QFETCH(bool, upload);
+    constexpr int stallMs = 4000;
+    setIdleLimit(stallMs);
+    const QByteArray burst = boardBytes(1 << 20);
+    DeafService deaf;
+    QString call;
+    if (upload) {
+        writeFile(folder->filePath(QStringLiteral("big.brd")), QByteArray(64 << 20, 'b'));
+        call = QStringLiteral(R"({"ipconfig":"%1","file_uploadpath":"$DIR/big.brd"})").arg(deaf.address());
+    } else {
+        service.setDefaultReply(ScriptedReply::rawThenSilent("HTTP/1.1 200 OK\r\nContent-Length: 100000000\r\n\r\n" + burst));
+        call = QStringLiteral(R"({"ipconfig":"$ADDR","file_downloadpath":"$DIR","data":{"id":1}})");
+    }
+
+    QElapsedTimer clock;
+    std::vector<std::pair<qint64, CallProgress>> reports;
+    const ObserverScope observer([&](const CallProgress& progress) { reports.emplace_back(clock.elapsed(), progress); });
+    clock.start();
+    const CallResult result = callOperation(upload ? norva_sdk_upload_file : norva_sdk_download_binary_file, argument(call));
+    QCOMPARE(result.result, QStringLiteral(R"({"message":"Server shuts down","status":400})"));
+    QVERIFY(!reports.empty());
+
+    const auto moved = [upload](const CallProgress& p) { return upload ? p.bytesSent : p.bytesReceived; };
+    const qint64 last = moved(reports.back().second);
+    if (upload) {
+        // Near what reached the service: the system keeps some of what was
+        // handed to it, and what was not sent yet goes with the connection.
+        const qint64 reached = deaf.bytesReceived();
+        QVERIFY2(last > reached / 2, qPrintable(QStringLiteral("%1 of %2").arg(last).arg(reached)));
+    } else {
+        QCOMPARE(last, qint64(burst.size()));
+        QCOMPARE(reports.back().second.bytesToReceive, qint64(100000000));
+    }
+    const auto firstWithLast = std::find_if(reports.begin(), reports.end(), [&](const auto& r) { return moved(r.second) == last; });
+    QVERIFY2(firstWithLast->first < stallMs / 2, qPrintable(QString::number(firstWithLast->first)));
 }
 
 NORVA_TEST_MAIN(ProgressTest)

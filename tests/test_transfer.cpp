@@ -12,6 +12,10 @@
 
 #include <sstream>
 
+#ifdef Q_OS_UNIX
+#include <csignal>
+#include <sys/resource.h>
+#endif
 
 using namespace testing_support;
 using namespace NORVA::NORVA_API_QT;
@@ -87,6 +91,7 @@ private slots:
     void uploadOutcomes() { runCase(service); }
     void downloads_data();
     void downloads();
+    void downloadPastAFileSizeLimit();
 
 private:
     // "$DIR" is the temporary folder; "$SEP" the separator the library joins
@@ -423,6 +428,33 @@ void TransferTest::downloads()
         if (!row.filesAfter.contains(QStringLiteral("in/old.txt")))
             QCOMPARE(readFile(folder->filePath(QStringLiteral("in/old.txt"))), QByteArray("old content"));
     }
+}
+
+// A download that can't be written whole (past the process's file size limit)
+// stores nothing: neither a partial file nor a change to an earlier file.
+void TransferTest::downloadPastAFileSizeLimit()
+{
+#ifndef Q_OS_UNIX
+    QSKIP("needs setrlimit");
+#else
+    writeFile(folder->filePath(QStringLiteral("in/old.txt")), "old content");
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    for (const char* name : {"old.txt", "new.gbr"}) {
+        service.script(ScriptedReply::file(QByteArray(1 << 20, 'b'), QByteArray("filename=") + name));
+        rlimit lowered = before;
+        lowered.rlim_cur = 64 << 10;
+        setrlimit(RLIMIT_FSIZE, &lowered);
+        const QString result =
+            callOperation(norva_sdk_download_binary_file, inFolder(R"({"ipconfig":"$ADDR","file_downloadpath":"$DIR/in"})")).result;
+        setrlimit(RLIMIT_FSIZE, &before);
+        QCOMPARE(result, QStringLiteral(R"({"message":"download fail","status":400})"));
+        QCOMPARE(filesBelow(folder->path()), QStringList{"in/old.txt"});
+        QCOMPARE(readFile(folder->filePath(QStringLiteral("in/old.txt"))), QByteArray("old content"));
+    }
+    std::signal(SIGXFSZ, previousHandler);
+#endif
 }
 
 NORVA_TEST_MAIN(TransferTest)

@@ -3,16 +3,11 @@
 // exchanges under way (the innermost one is what cancelCall() ends).
 #pragma once
 
+#include "frame/progress_pacer.h"
 #include "norva_api_qt_progress.h"
 
-#include <QElapsedTimer>
-#include <QTimer>
-
+#include <functional>
 #include <optional>
-
-QT_BEGIN_NAMESPACE
-class QNetworkReply;
-QT_END_NAMESPACE
 
 namespace norva {
 
@@ -30,16 +25,23 @@ private:
     const char* const outer;
 };
 
-// One exchange under way on the calling thread, from the moment its reply
-// exists until the wait is over.
+// One exchange under way on the calling thread, from the moment its request
+// goes out until the wait is over.
 class ExchangeWatch
 {
 public:
-    // `bytesToSend` is the body's size when known before sending, else -1.
-    ExchangeWatch(QNetworkReply& reply, qint64 bytesToSend);
+    // `abort` ends the exchange at once. `bytesToSend` is the body's size when
+    // known before sending, else -1.
+    ExchangeWatch(std::function<void()> abort, qint64 bytesToSend);
     ~ExchangeWatch();
     ExchangeWatch(const ExchangeWatch&) = delete;
     ExchangeWatch& operator=(const ExchangeWatch&) = delete;
+
+    // Whether the thread's observer hears of this exchange.
+    static bool observed();
+    // What the exchange has moved so far; see ProgressPacer.
+    void sent(qint64 done, qint64 total);
+    void received(qint64 done, qint64 announced);
 
     // The wait is over: the exchange leaves the stack (a cancel now reaches the
     // call around it, if any), and the observer hears the last figures.
@@ -50,21 +52,13 @@ public:
     static bool cancelInnermost();
 
 private:
-    void sent(qint64 done, qint64 total);
-    void received(qint64 done, qint64 total);
-    void report();
-    void notify();
-
-    QNetworkReply& reply;
+    const std::function<void()> abort;
     ExchangeWatch* const outer;
     bool onStack = true;
     bool cancelRequested = false;
-    // Only when the thread has an observer: its copy (an observer may replace
-    // itself) and the timer that holds back reports coming too fast.
-    NORVA::NORVA_API_QT::ProgressObserver observer;
-    NORVA::NORVA_API_QT::CallProgress progress{};
-    QElapsedTimer sinceReport;
-    std::optional<QTimer> heldReport;
+    // Only when the thread has an observer, which it reports to (a copy: an
+    // observer may replace itself).
+    std::optional<ProgressPacer> pacer;
 };
 
 // The calling thread's idle limit in milliseconds.

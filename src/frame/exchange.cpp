@@ -33,6 +33,10 @@ bool isTransferError(QNetworkReply::NetworkError error)
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
     qt_line::pinRequestBehaviour(outgoing.request);
+    // Qt passes on at most one upload progress signal in 100 ms unless asked
+    // for all: an observer would not hear of the last bytes before a stall.
+    if (ExchangeWatch::observed())
+        outgoing.request.setAttribute(QNetworkRequest::EmitAllUploadProgressSignalsAttribute, true);
     qt_line::askForBodyInPlace(outgoing.request, !outgoing.bodySink);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
@@ -58,6 +62,14 @@ bool hasAnnouncedLength(const QNetworkReply& reply, qint64 received)
     if (!encoding.isEmpty() && encoding != "identity")
         return true;
     return announced.toLongLong() == received;
+}
+
+// The body length the reply's head announced; -1 when it announced none (or
+// no head came).
+qint64 announcedLength(const QNetworkReply& reply)
+{
+    const QVariant announced = reply.header(QNetworkRequest::ContentLengthHeader);
+    return announced.isValid() ? announced.toLongLong() : -1;
 }
 
 // Collects a body that Qt does not write in place, as it arrives: into the
@@ -88,6 +100,12 @@ public:
             passToSink(available);
         else
             appendToBody(available);
+    }
+
+    // The body bytes that arrived so far, wherever they are.
+    qint64 received() const
+    {
+        return qt_line::bodyStorage(reply).isNull() || !reply.isOpen() ? size : reply.bytesAvailable();
     }
 
     QByteArray body;
@@ -171,12 +189,22 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     const auto restart = [&sinceProgress] { sinceProgress.restart(); };
 
     const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
-    ExchangeWatch watch(*reply, bytesToSend);
+    ExchangeWatch watch([reply] { reply->abort(); }, bytesToSend);
     BodyCollector collector(*reply, outgoing.bodySink);
-    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, [&collector] { collector.readAvailable(); });
-    QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, restart);
+    const auto bodyArrived = [&] {
+        collector.readAvailable();
+        watch.received(collector.received(), announcedLength(*reply));
+    };
+    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, bodyArrived);
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [&] {
+        restart();
+        watch.received(0, announcedLength(*reply));
+    });
+    QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, [&](qint64 done, qint64 total) {
+        restart();
+        watch.sent(done, total);
+    });
     QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, restart);
     idleTimer.start(limitMs);
 
     while (!reply->isFinished()) {
@@ -188,6 +216,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
             loop.processEvents(QEventLoop::WaitForMoreEvents);
     }
     idleTimer.stop();
+    bodyArrived(); // what the last readyRead left, and the figures it makes
     watch.finish();
     reply->deleteLater();
 
@@ -198,7 +227,6 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
         received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
         received.bodySize = received.body.size();
     } else {
-        collector.readAvailable();
         received.body = std::move(collector.body);
         received.bodySize = collector.size;
         received.bodyInSink = collector.inSink;
