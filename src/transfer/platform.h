@@ -19,13 +19,21 @@ extern const char pathSeparator;
 // which names a drive or a file's stream).
 extern const char* const pathBreakingCharacters;
 
-// Appends folder + separator + name for each file directly in `folder` (UTF-8),
-// in the order the system lists them: hidden (and on Windows system) files
-// included, sub-folders and "." and ".." skipped, nothing sorted. Each path is
-// narrow text of the system's encoding (on Windows its code page, where a
-// character the code page can't spell becomes "?"). A folder that can't be read
-// adds nothing.
-void scan_folder_files(const std::string& folder, std::vector<std::string>& files);
+// A file that the folder scan found, as folder + separator + name, spelled
+// twice: as narrow text of the system's encoding (on Windows its code page,
+// where a character the code page can't spell becomes "?"), which is what the
+// system shows, and as UTF-8 made from the system's own name, which opens the
+// file whatever the code page can spell.
+struct FoundFile {
+    std::string narrow;
+    std::string utf8;
+};
+
+// Appends each file directly in `folder` (UTF-8), in the order the system
+// lists them: hidden (and on Windows system) files included, sub-folders and
+// "." and ".." skipped, nothing sorted. A folder that can't be read adds
+// nothing.
+void scan_folder_files(const std::string& folder, std::vector<FoundFile>& files);
 
 // Narrow text of the system's encoding, as UTF-8. Where narrow text already is
 // UTF-8 (Linux), this is the text itself.

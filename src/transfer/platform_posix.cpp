@@ -32,7 +32,7 @@ bool isFolder(const std::string& path, const dirent& entry)
 
 } // namespace
 
-void scan_folder_files(const std::string& folder, std::vector<std::string>& files)
+void scan_folder_files(const std::string& folder, std::vector<FoundFile>& files)
 {
     const std::unique_ptr<DIR, DirCloser> dir(::opendir(folder.c_str()));
     if (!dir)
@@ -40,7 +40,7 @@ void scan_folder_files(const std::string& folder, std::vector<std::string>& file
     while (const dirent* entry = ::readdir(dir.get())) {
         const std::string path = folder + pathSeparator + entry->d_name;
         if (!isFolder(path, *entry))
-            files.push_back(path);
+            files.push_back({path, local_to_utf8(path)});
     }
 }
 

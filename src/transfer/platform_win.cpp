@@ -55,9 +55,10 @@ private:
 } // namespace
 
 // The folder arrives as UTF-8, which the narrow search would read in the code
-// page: the wide member of the same family finds a folder of any name. The
-// paths then go out in the code page, as all narrow text on Windows.
-void scan_folder_files(const std::string& folder, std::vector<std::string>& files)
+// page: the wide member of the same family finds a folder of any name. Each
+// path is then shown in the code page, as all narrow text on Windows, and
+// opened by its wide name (as UTF-8), which the code page may not spell.
+void scan_folder_files(const std::string& folder, std::vector<FoundFile>& files)
 {
     const std::wstring wideFolder = widen(folder, CP_UTF8);
     _wfinddata64i32_t entry;
@@ -65,8 +66,10 @@ void scan_folder_files(const std::string& folder, std::vector<std::string>& file
     if (!search.valid())
         return;
     do {
-        if (!(entry.attrib & _A_SUBDIR))
-            files.push_back(narrow(wideFolder + L'\\' + entry.name, CP_ACP));
+        if (!(entry.attrib & _A_SUBDIR)) {
+            const std::wstring path = wideFolder + L'\\' + entry.name;
+            files.push_back({narrow(path, CP_ACP), narrow(path, CP_UTF8)});
+        }
     } while (_wfindnext64i32(search.get(), &entry) == 0);
 }
 

@@ -103,12 +103,12 @@ Body folderForm(bool withShare)
         const QJsonObject data = readObject(arguments, QStringLiteral("data"));
         const QByteArray recordText = compact(mapKeys(data, fileRecord(withShare)));
 
-        std::vector<std::string> files;
+        std::vector<FoundFile> files;
         scan_folder_files(folder.toStdString(), files);
         auto form = std::make_unique<QHttpMultiPart>(QHttpMultiPart::FormDataType);
-        for (const std::string& file : files) {
-            echoLine("file path:" + file);
-            appendFilePart(*form, "multipartFiles", QString::fromStdString(local_to_utf8(file)));
+        for (const FoundFile& file : files) {
+            echoLine("file path:" + file.narrow);
+            appendFilePart(*form, "multipartFiles", QString::fromStdString(file.utf8));
         }
         appendDataPart(*form, recordText);
         return formPost(url, std::move(form), recordText);
