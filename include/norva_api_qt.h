@@ -30,16 +30,17 @@
 //    (or what setIdleLimit() set) ends the exchange as if no reply had come
 //    ("Server shuts down").
 //  * Downloads store whole files only. A body that breaks off (fewer bytes than
-//    its Content-Length, a transfer error after the status) is not stored:
-//    {"message":"download fail","status":400}. The bytes go, as they arrive, to
-//    a hidden file ".norva-download-<random>" in the download folder (in memory
-//    only where no such file can be made), which takes the target's place only
-//    when all are written: a large file is never held in memory, and a write
-//    that fails (disk full, size limit) also says "download fail", leaves no
-//    partial file and leaves an earlier file of that name as it was. One case
-//    remains: Qt finishes a chunked body that breaks off at a closed connection
-//    as if it were whole, and shows nothing of the chunks it saw, so such a body
-//    is stored.
+//    its Content-Length, a chunked body without its last chunk, a compressed
+//    body whose coding does not end, a transfer error after the status) is not
+//    stored: {"message":"download fail","status":400}. The bytes go, as they
+//    arrive, to a hidden file ".norva-download-<random>" in the download folder
+//    (in memory only where no such file can be made), which takes the target's
+//    place only when all are written: a large file is never held in memory, and
+//    a write that fails (disk full, size limit) also says "download fail",
+//    leaves no partial file and leaves an earlier file of that name as it was.
+//    (A download's reply is read by the library itself rather than by Qt's
+//    network manager, which can't tell a chunked body cut off by a closed
+//    connection from a whole one; the request bytes are the manager's own.)
 //  * Download names cannot leave their folder: a name that is "." or "..", or
 //    holds a "/" or a NUL byte (a NUL ends the name), and a name that stands for
 //    something other than a regular file (a folder, a link, a device), is handled

@@ -2,6 +2,7 @@
 // scan, the idle limit, and how a download names what it stores.
 #include "support/harness.h"
 
+#include "frame/exchange.h"
 #include "frame/json_text.h"
 #include "norva_api_qt_progress.h"
 #include "transfer/download.h"
@@ -23,6 +24,7 @@ private slots:
     void idleServiceEndsTheWait();
     void downloadNaming();
     void downloadNamesNeverLeaveTheFolder();
+    void aDownloadSendsWhatTheManagerSends();
 };
 
 void FrameTest::repeatedKeysAreRemovedBeforeParsing()
@@ -141,6 +143,45 @@ void FrameTest::downloadNamesNeverLeaveTheFolder()
     };
     for (const auto& row : rows)
         QVERIFY2(norva::transfer::staysInFolder(row.name) == row.stays, qPrintable(row.name));
+}
+
+// A download is read on a socket of the library's own; its request must be
+// the one Qt's manager sends, byte for byte.
+void FrameTest::aDownloadSendsWhatTheManagerSends()
+{
+    struct NoSink final : norva::BodySink {
+        bool take(int) override { return false; }
+        void write(const char*, qint64) override {}
+    } sink;
+    int argc = 1;
+    char name[] = "test_frame";
+    char* argv[] = {name, nullptr};
+    const QCoreApplication application(argc, argv);
+    TestService service;
+    const struct {
+        const char* path;
+        QByteArray form;
+        QString token; // null: none sent
+    } rows[] = {
+        {"/kvr/originalFile/downloadFile", "id=5&userId=3", QStringLiteral("tk")},
+        {"/mall/originalFile/downloadFile", "id=12", QString()},
+        {"/a%20b/../c?q=1", "", QString::fromUtf8("\xc3\xa9")},
+    };
+    for (const auto& row : rows) {
+        QByteArray raw[2];
+        for (const bool throughSocket : {false, true}) {
+            norva::OutgoingRequest outgoing =
+                norva::formTextPost(norva::serviceUrlText(service.address(), QString::fromLatin1(row.path)), row.form);
+            if (!row.token.isNull())
+                norva::setTokenHeader(outgoing, row.token);
+            if (throughSocket)
+                outgoing.bodySink = &sink;
+            service.reset();
+            QCOMPARE(norva::runExchange(outgoing).httpStatus, 200);
+            raw[throughSocket] = service.lastRequest().raw;
+        }
+        QCOMPARE(raw[true], raw[false]);
+    }
 }
 
 QTEST_APPLESS_MAIN(FrameTest)

@@ -3,6 +3,7 @@
 #include "frame/call_watch.h"
 #include "frame/qt_line.h"
 #include "frame/seams.h"
+#include "frame/socket_exchange.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -11,6 +12,7 @@
 #include <QNetworkAccessManager>
 #include <QTimer>
 
+#include <functional>
 #include <memory>
 
 namespace norva {
@@ -142,6 +144,82 @@ private:
     QByteArray chunk;
 };
 
+// A service that stops sending must not hold the caller for ever: the exchange
+// is abandoned once the idle limit passes without any progress. Progress only
+// notes its time; the one timer looks at it when it fires and waits on for what
+// is left. (Restarting a timer on every progress costs a system timer each
+// time, which on Windows is a round trip through the window system.)
+class IdleLimit
+{
+public:
+    explicit IdleLimit(std::function<void()> abandon) : abandon(std::move(abandon))
+    {
+        sinceProgress.start();
+        timer.setSingleShot(true);
+        QObject::connect(&timer, &QTimer::timeout, &timer, [this] {
+            const qint64 quietMs = sinceProgress.elapsed();
+            if (quietMs < limitMs) {
+                timer.start(int(limitMs - quietMs));
+                return;
+            }
+            passedAlready = true;
+            this->abandon();
+        });
+        timer.start(limitMs);
+    }
+
+    void noteProgress() { sinceProgress.restart(); }
+    void stop() { timer.stop(); }
+    bool passed() const { return passedAlready; }
+
+private:
+    const int limitMs = idleLimitMs();
+    const std::function<void()> abandon;
+    QElapsedTimer sinceProgress;
+    QTimer timer;
+    bool passedAlready = false;
+};
+
+// Serves the calling thread's events until `finished()`. Someone else's exit()
+// on this thread ends exec() early, and can leave the thread marked as quitting
+// so that exec() returns at once; the wait goes on all the same, without
+// spinning.
+template <typename Finished>
+void serveEventsUntil(QEventLoop& loop, const Finished& finished)
+{
+    while (!finished()) {
+        loop.exec();
+        if (!finished())
+            loop.processEvents(QEventLoop::WaitForMoreEvents);
+    }
+}
+
+// A download: read on a socket of the exchange's own, which knows whether the
+// body came whole.
+ReceivedReply runSocketExchange(OutgoingRequest& outgoing)
+{
+    QEventLoop loop;
+    SocketExchange exchange(outgoing);
+    IdleLimit idle([&exchange] { exchange.abort(); });
+    ExchangeWatch watch([&exchange] { exchange.abort(); }, outgoing.body.size());
+    exchange.onActivity = [&idle] { idle.noteProgress(); };
+    exchange.onSent = [&watch](qint64 done, qint64 total) { watch.sent(done, total); };
+    exchange.onReceived = [&watch](qint64 done, qint64 announced) { watch.received(done, announced); };
+    exchange.onFinished = [&loop] { loop.quit(); };
+    exchange.start();
+    serveEventsUntil(loop, [&exchange] { return exchange.isFinished(); });
+    idle.stop();
+    watch.finish();
+
+    ReceivedReply received = exchange.takeReply();
+    received.cancelled = watch.cancelled();
+    if (idle.passed()) {
+        received.httpStatus = 0;
+        received.complete = false;
+    }
+    return received;
+}
+
 } // namespace
 
 ReceivedReply runExchange(OutgoingRequest& outgoing)
@@ -157,6 +235,9 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     if (!QCoreApplication::instance())
         return ReceivedReply();
 
+    if (outgoing.bodySink)
+        return runSocketExchange(outgoing);
+
     QEventLoop loop;
     const auto manager = std::make_unique<QNetworkAccessManager>();
     QNetworkReply* const reply = send(*manager, outgoing);
@@ -165,28 +246,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     reply->setReadBufferSize(readBufferBytes);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
 
-    // A service that stops sending must not hold the caller for ever: the
-    // exchange is abandoned once the idle limit passes without any progress.
-    // Progress only notes its time; the one timer looks at it when it fires and
-    // waits on for what is left. (Restarting a timer on every progress costs a
-    // system timer each time, which on Windows is a round trip through the
-    // window system.)
-    bool idle = false;
-    const int limitMs = idleLimitMs();
-    QElapsedTimer sinceProgress;
-    sinceProgress.start();
-    QTimer idleTimer;
-    idleTimer.setSingleShot(true);
-    QObject::connect(&idleTimer, &QTimer::timeout, reply, [&] {
-        const qint64 quietMs = sinceProgress.elapsed();
-        if (quietMs < limitMs) {
-            idleTimer.start(int(limitMs - quietMs));
-            return;
-        }
-        idle = true;
-        reply->abort();
-    });
-    const auto restart = [&sinceProgress] { sinceProgress.restart(); };
+    IdleLimit idle([reply] { reply->abort(); });
+    const auto restart = [&idle] { idle.noteProgress(); };
 
     const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
     ExchangeWatch watch([reply] { reply->abort(); }, bytesToSend);
@@ -195,27 +256,22 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
         collector.readAvailable();
         watch.received(collector.received(), announcedLength(*reply));
     };
-    QObject::connect(reply, &QNetworkReply::readyRead, &idleTimer, bodyArrived);
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, &idleTimer, [&] {
+    // The reply outlives this function (it goes later): what it signals only
+    // reaches these locals while they live.
+    const QObject listening;
+    QObject::connect(reply, &QNetworkReply::readyRead, &listening, bodyArrived);
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, &listening, [&] {
         restart();
         watch.received(0, announcedLength(*reply));
     });
-    QObject::connect(reply, &QNetworkReply::uploadProgress, &idleTimer, [&](qint64 done, qint64 total) {
+    QObject::connect(reply, &QNetworkReply::uploadProgress, &listening, [&](qint64 done, qint64 total) {
         restart();
         watch.sent(done, total);
     });
-    QObject::connect(reply, &QNetworkReply::downloadProgress, &idleTimer, restart);
-    idleTimer.start(limitMs);
+    QObject::connect(reply, &QNetworkReply::downloadProgress, &listening, restart);
 
-    while (!reply->isFinished()) {
-        loop.exec();
-        // Someone else's exit() on this thread ends exec() early, and can leave
-        // the thread marked as quitting so that exec() returns at once; keep
-        // waiting for this reply all the same, without spinning.
-        if (!reply->isFinished())
-            loop.processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    idleTimer.stop();
+    serveEventsUntil(loop, [reply] { return reply->isFinished(); });
+    idle.stop();
     bodyArrived(); // what the last readyRead left, and the figures it makes
     watch.finish();
     reply->deleteLater();
@@ -232,7 +288,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
         received.bodyInSink = collector.inSink;
     }
     received.cancelled = watch.cancelled();
-    received.httpStatus = idle ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    received.httpStatus = idle.passed() ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
     received.networkError = reply->error();
     received.errorString = reply->errorString();

@@ -25,9 +25,10 @@ struct ReceivedReply {
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
     QString errorString;
     // Whether `body` is the whole body the service announced: a status, no
-    // transfer error, and as many bytes as Content-Length said. (A chunked body
-    // cut off by a close can't be told from a whole one: Qt ends both alike.)
-    // Only a download looks at it: it stores nothing incomplete.
+    // transfer error, and as many bytes as Content-Length said. Only a download
+    // looks at it, and stores nothing incomplete; its reply is read on a socket
+    // of the exchange's own, where a chunked body is whole only once its last
+    // chunk came (socket_exchange.h).
     bool complete = false;
     // The host cancelled the call while it waited: nothing else here counts.
     bool cancelled = false;
@@ -45,8 +46,9 @@ public:
     virtual void write(const char* data, qint64 size) = 0;
 };
 
-// Sends the request with a manager of its own and serves the calling thread's
-// events until the reply has finished, then releases manager, reply and form.
+// Sends the request with a manager of its own (a request with a body sink: on a
+// socket of its own) and serves the calling thread's events until the reply has
+// finished, then releases manager, reply and form.
 // Needs a QCoreApplication (the host's or the call's temporary one).
 ReceivedReply runExchange(OutgoingRequest& outgoing);
 

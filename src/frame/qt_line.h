@@ -7,6 +7,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <QList>
+#include <QPair>
 #include <QSharedPointer>
 
 QT_BEGIN_NAMESPACE
@@ -29,6 +31,10 @@ void pinRequestBehaviour(QNetworkRequest& request);
 void askForBodyInPlace(QNetworkRequest& request, bool inPlace);
 // The storage Qt wrote the body into; null when it did not write in place.
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply);
+
+// The request's own header fields in the order the manager writes them: Qt 5
+// writes Content-Length behind the others, Qt 6 where it was set.
+QList<QPair<QByteArray, QByteArray>> headerFieldsAsSent(const QNetworkRequest& request);
 
 // Keeps a temporary application from searching Qt's plugin folders, which Qt 5
 // does again for every new application (for bearer plugins, which serve roaming

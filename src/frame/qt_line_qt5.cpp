@@ -26,6 +26,21 @@ QSharedPointer<char> bodyStorage(const QNetworkReply& reply)
     return reply.attribute(QNetworkRequest::DownloadBufferAttribute).value<QSharedPointer<char>>();
 }
 
+QList<QPair<QByteArray, QByteArray>> headerFieldsAsSent(const QNetworkRequest& request)
+{
+    QList<QPair<QByteArray, QByteArray>> fields;
+    QByteArray length;
+    for (const QByteArray& name : request.rawHeaderList()) {
+        if (name.compare("Content-Length", Qt::CaseInsensitive) == 0)
+            length = request.rawHeader(name);
+        else
+            fields.append({name, request.rawHeader(name)});
+    }
+    if (!length.isNull())
+        fields.append({QByteArrayLiteral("Content-Length"), length});
+    return fields;
+}
+
 void skipPluginSearch()
 {
     QCoreApplication::setLibraryPaths(QStringList());

@@ -21,6 +21,14 @@ QSharedPointer<char> bodyStorage(const QNetworkReply&)
     return {};
 }
 
+QList<QPair<QByteArray, QByteArray>> headerFieldsAsSent(const QNetworkRequest& request)
+{
+    QList<QPair<QByteArray, QByteArray>> fields;
+    for (const QByteArray& name : request.rawHeaderList())
+        fields.append({name, request.rawHeader(name)});
+    return fields;
+}
+
 void skipPluginSearch()
 {
 }

@@ -103,7 +103,7 @@ std::vector<std::pair<QString, ScriptedReply>> cutShortReplies(int status, const
 
 int runsOf(const ScriptedReply& reply)
 {
-    return reply.kind == ScriptedReply::Kind::Raw && !reply.stallAfterwards ? 20 : 1;
+    return reply.kind == ScriptedReply::Kind::Raw && !reply.stallAfterwards ? 50 : 1;
 }
 
 namespace {

@@ -67,7 +67,7 @@ CaseList argumentFailureCases(const QString& name, OperationFunction operation,
 // is an incomplete JSON text in every case. Each comes with the name of its cut.
 std::vector<std::pair<QString, ScriptedReply>> cutShortReplies(int status, const QByteArray& headers = {});
 
-// How often a row runs: a reply that breaks off runs 20 times, since the same
+// How often a row runs: a reply that breaks off runs 50 times, since the same
 // bytes must give the same result every time.
 int runsOf(const ScriptedReply& reply);
 

@@ -1,0 +1,259 @@
+// Beast first: on Windows, Asio's headers must see winsock2.h before anything
+// brings in windows.h.
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/basic_parser.hpp>
+
+#include "frame/socket_exchange.h"
+
+#include "frame/content_decoder.h"
+#include "frame/request_head.h"
+
+#include <QUrl>
+
+#include <limits>
+
+namespace norva {
+
+namespace http = boost::beast::http;
+using boost::beast::error_code;
+using boost::beast::string_view;
+
+// A head larger than this is no reply the call can use (a download's name
+// is in it, and no name is this long).
+constexpr std::uint32_t headLimit = 4u << 20;
+
+// Hands on what the exchange keeps of a reply: its status, the two fields a
+// download reads, the announced length, and the body bytes as they come.
+class ReplyParser final : public http::basic_parser<false>
+{
+public:
+    ReplyParser()
+    {
+        header_limit(headLimit);
+        // A download's size is the service's to decide. (Not boost::none: this
+        // Boost's parser compares a Content-Length with an empty limit and
+        // refuses every body that has one.)
+        body_limit(std::numeric_limits<std::uint64_t>::max());
+        eager(true);
+    }
+
+    int status = 0;
+    qint64 announced = -1; // the Content-Length field, as Qt's manager reports it
+    QByteArray contentDisposition;
+    QByteArray contentEncoding;
+    std::function<void()> onHead;
+    std::function<void(const char*, qint64)> onBody;
+
+private:
+    // A field sent more than once reads as its values joined by ", ", as the
+    // manager joins them.
+    static void join(QByteArray& field, string_view value)
+    {
+        const QByteArray text(value.data(), int(value.size()));
+        field = field.isNull() ? (text.isNull() ? QByteArray("") : text) : field + ", " + text;
+    }
+
+    void on_request_impl(http::verb, string_view, string_view, int, error_code&) override {}
+    void on_response_impl(int code, string_view, int, error_code&) override { status = code; }
+    void on_field_impl(http::field name, string_view, string_view value, error_code&) override
+    {
+        if (name == http::field::content_disposition)
+            join(contentDisposition, value);
+        else if (name == http::field::content_encoding)
+            join(contentEncoding, value);
+        else if (name == http::field::content_length)
+            announced = QByteArray(value.data(), int(value.size())).toLongLong();
+    }
+    void on_header_impl(error_code&) override { onHead(); }
+    void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
+    std::size_t on_body_impl(string_view body, error_code&) override
+    {
+        onBody(body.data(), qint64(body.size()));
+        return body.size();
+    }
+    void on_chunk_header_impl(std::uint64_t, string_view, error_code&) override {}
+    std::size_t on_chunk_body_impl(std::uint64_t, string_view body, error_code&) override
+    {
+        onBody(body.data(), qint64(body.size()));
+        return body.size();
+    }
+    void on_finish_impl(error_code&) override {}
+};
+
+namespace {
+
+QByteArray verbName(Verb verb)
+{
+    return verb == Verb::Get ? QByteArrayLiteral("GET") : QByteArrayLiteral("POST");
+}
+
+} // namespace
+
+SocketExchange::SocketExchange(OutgoingRequest& outgoing)
+    : outgoing(outgoing),
+      requestBytes(requestHead(verbName(outgoing.verb), outgoing.request) + outgoing.body),
+      headSize(requestBytes.size() - outgoing.body.size())
+{
+    connect(&socket, &QTcpSocket::connected, this, [this] {
+        connectedThisAttempt = true;
+        onActivity();
+        socket.write(requestBytes);
+    });
+    connect(&socket, &QTcpSocket::bytesWritten, this, &SocketExchange::written);
+    connect(&socket, &QTcpSocket::readyRead, this, &SocketExchange::readArrived);
+    // A close comes as an error, as a disconnect, or both, in either order; it
+    // is looked at once the socket has settled.
+    const auto closeSoon = [this] { QMetaObject::invokeMethod(this, &SocketExchange::closed, Qt::QueuedConnection); };
+    connect(&socket, &QTcpSocket::disconnected, this, closeSoon);
+    connect(&socket, &QTcpSocket::errorOccurred, this, closeSoon);
+}
+
+SocketExchange::~SocketExchange() = default;
+
+void SocketExchange::start()
+{
+    connectSocket();
+}
+
+void SocketExchange::connectSocket()
+{
+    parser = std::make_unique<ReplyParser>();
+    parser->onHead = [this] { headArrived(); };
+    parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
+    connectedThisAttempt = false;
+    writtenBytes = 0;
+    const QUrl url = outgoing.request.url();
+    socket.connectToHost(url.host(), quint16(url.port(80)));
+}
+
+void SocketExchange::abort()
+{
+    if (finishedAlready)
+        return;
+    aborted = true;
+    finish();
+}
+
+void SocketExchange::written(qint64 bytes)
+{
+    writtenBytes += bytes;
+    onActivity();
+    onSent(qMax<qint64>(0, writtenBytes - headSize), outgoing.body.size());
+}
+
+void SocketExchange::readArrived()
+{
+    if (finishedAlready)
+        return;
+    const QByteArray data = socket.readAll();
+    if (data.isEmpty())
+        return;
+    replyStarted = true;
+    onActivity();
+    unparsed += data;
+    if (!parse() || parser->is_done())
+        finish();
+}
+
+bool SocketExchange::parse()
+{
+    while (!unparsed.isEmpty()) {
+        error_code error;
+        const std::size_t used = parser->put(boost::asio::const_buffer(unparsed.constData(), std::size_t(unparsed.size())), error);
+        unparsed.remove(0, int(used));
+        if (error == http::error::need_more)
+            return true;
+        if (error)
+            return false;
+        if (parser->is_done()) {
+            if (parser->status != 100)
+                return true;
+            // "100 Continue" is no answer: the reply follows it.
+            parser = std::make_unique<ReplyParser>();
+            parser->onHead = [this] { headArrived(); };
+            parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
+        }
+        if (used == 0)
+            return true;
+    }
+    return true;
+}
+
+void SocketExchange::headArrived()
+{
+    if (parser->status == 100)
+        return;
+    headSeen = true;
+    decoder = decoderFor(parser->contentEncoding);
+    onReceived(0, parser->announced);
+}
+
+void SocketExchange::body(const char* data, qint64 size)
+{
+    if (!bodyValid)
+        return;
+    if (decoder) {
+        decodedRun.clear();
+        bodyValid = decoder->decode(data, size, decodedRun);
+        data = decodedRun.constData();
+        size = decodedRun.size();
+    }
+    if (size == 0)
+        return;
+    if (!sinkAsked) {
+        sinkAsked = true;
+        bodyInSink = outgoing.bodySink && outgoing.bodySink->take(parser->status);
+    }
+    if (bodyInSink)
+        outgoing.bodySink->write(data, size);
+    else
+        reply.body.append(data, int(size));
+    reply.bodySize += size;
+    onReceived(reply.bodySize, parser->announced);
+}
+
+void SocketExchange::closed()
+{
+    if (finishedAlready || socket.state() != QAbstractSocket::UnconnectedState)
+        return;
+    readArrived();
+    if (finishedAlready)
+        return;
+    // A connection closed before any of a reply came is tried again, as the
+    // manager does: the service may have dropped it unread.
+    if (!replyStarted && connectedThisAttempt && attemptsLeft > 0) {
+        --attemptsLeft;
+        connectSocket();
+        return;
+    }
+    // A body that runs to the close ends there, if its framing says so.
+    if (headSeen && !parser->is_done()) {
+        error_code error;
+        parser->put_eof(error);
+    }
+    finish();
+}
+
+void SocketExchange::finish()
+{
+    if (finishedAlready)
+        return;
+    finishedAlready = true;
+    socket.abort();
+    reply.httpStatus = headSeen ? parser->status : 0;
+    reply.contentDisposition = parser->contentDisposition;
+    reply.bodyInSink = bodyInSink;
+    reply.complete = headSeen && !aborted && parser->is_done() && bodyValid && (!decoder || decoder->ended());
+    // Downloads judge a reply by its status and whether it came whole; the
+    // error is only there to say what ended it.
+    reply.networkError = reply.complete ? QNetworkReply::NoError : QNetworkReply::RemoteHostClosedError;
+    reply.errorString = socket.errorString();
+    onFinished();
+}
+
+ReceivedReply SocketExchange::takeReply()
+{
+    return std::move(reply);
+}
+
+} // namespace norva
