@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace norva {
 
@@ -144,83 +145,107 @@ private:
     QByteArray chunk;
 };
 
-// A service that stops sending must not hold the caller for ever: the exchange
-// is abandoned once the idle limit passes without any progress. Progress only
-// notes its time; the one timer looks at it when it fires and waits on for what
-// is left. (Restarting a timer on every progress costs a system timer each
-// time, which on Windows is a round trip through the window system.)
-class IdleLimit
+// An exchange on Qt's network manager.
+class ManagerExchange final : public ExchangeInFlight
 {
 public:
-    explicit IdleLimit(std::function<void()> abandon) : abandon(std::move(abandon))
+    ManagerExchange(OutgoingRequest& outgoing, QNetworkAccessManager& manager) : outgoing(outgoing), manager(manager) {}
+    ~ManagerExchange() override
     {
-        sinceProgress.start();
-        timer.setSingleShot(true);
-        QObject::connect(&timer, &QTimer::timeout, &timer, [this] {
-            const qint64 quietMs = sinceProgress.elapsed();
-            if (quietMs < limitMs) {
-                timer.start(int(limitMs - quietMs));
-                return;
-            }
-            passedAlready = true;
-            this->abandon();
-        });
-        timer.start(limitMs);
+        if (reply)
+            reply->deleteLater(); // it may be in the middle of a signal
     }
 
-    void noteProgress() { sinceProgress.restart(); }
-    void stop() { timer.stop(); }
-    bool passed() const { return passedAlready; }
+    void start() override
+    {
+        reply = send(manager, outgoing);
+        // Qt 5's HTTP thread waits while this much is unread, so a large reply
+        // is not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
+        reply->setReadBufferSize(readBufferBytes);
+        collector.emplace(*reply, outgoing.bodySink);
+        connect(reply, &QNetworkReply::readyRead, this, &ManagerExchange::bodyArrived);
+        connect(reply, &QNetworkReply::metaDataChanged, this, [this] {
+            onActivity();
+            onReceived(0, announcedLength(*reply));
+        });
+        connect(reply, &QNetworkReply::uploadProgress, this, [this](qint64 done, qint64 total) {
+            onActivity();
+            onSent(done, total);
+        });
+        connect(reply, &QNetworkReply::downloadProgress, this, [this] { onActivity(); });
+        connect(reply, &QNetworkReply::finished, this, [this] {
+            bodyArrived(); // what the last readyRead left, and the figures it makes
+            onFinished();
+        });
+    }
+
+    void abort() override
+    {
+        if (reply && !reply->isFinished())
+            reply->abort(); // finishes it at once
+    }
+
+    bool isFinished() const override { return reply && reply->isFinished(); }
+
+    ReceivedReply takeReply() override
+    {
+        ReceivedReply received;
+        received.bodyStorage = qt_line::bodyStorage(*reply);
+        if (!received.bodyStorage.isNull()) {
+            // Qt wrote the reply in place; the bytes not read yet are all of it.
+            received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
+            received.bodySize = received.body.size();
+        } else {
+            received.body = std::move(collector->body);
+            received.bodySize = collector->size;
+            received.bodyInSink = collector->inSink;
+        }
+        received.httpStatus = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
+        received.networkError = reply->error();
+        received.errorString = reply->errorString();
+        received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
+                            && hasAnnouncedLength(*reply, received.bodySize);
+        return received;
+    }
 
 private:
-    const int limitMs = idleLimitMs();
-    const std::function<void()> abandon;
-    QElapsedTimer sinceProgress;
-    QTimer timer;
-    bool passedAlready = false;
+    void bodyArrived()
+    {
+        collector->readAvailable();
+        onReceived(collector->received(), announcedLength(*reply));
+    }
+
+    OutgoingRequest& outgoing;
+    QNetworkAccessManager& manager;
+    QNetworkReply* reply = nullptr; // the manager's child
+    std::optional<BodyCollector> collector;
 };
 
-// Serves the calling thread's events until `finished()`. Someone else's exit()
-// on this thread ends exec() early, and can leave the thread marked as quitting
-// so that exec() returns at once; the wait goes on all the same, without
-// spinning.
-template <typename Finished>
-void serveEventsUntil(QEventLoop& loop, const Finished& finished)
-{
-    while (!finished()) {
-        loop.exec();
-        if (!finished())
-            loop.processEvents(QEventLoop::WaitForMoreEvents);
-    }
-}
-
-// A download: read on a socket of the exchange's own, which knows whether the
-// body came whole.
-ReceivedReply runSocketExchange(OutgoingRequest& outgoing)
-{
-    QEventLoop loop;
-    SocketExchange exchange(outgoing);
-    IdleLimit idle([&exchange] { exchange.abort(); });
-    ExchangeWatch watch([&exchange] { exchange.abort(); }, outgoing.body.size());
-    exchange.onActivity = [&idle] { idle.noteProgress(); };
-    exchange.onSent = [&watch](qint64 done, qint64 total) { watch.sent(done, total); };
-    exchange.onReceived = [&watch](qint64 done, qint64 announced) { watch.received(done, announced); };
-    exchange.onFinished = [&loop] { loop.quit(); };
-    exchange.start();
-    serveEventsUntil(loop, [&exchange] { return exchange.isFinished(); });
-    idle.stop();
-    watch.finish();
-
-    ReceivedReply received = exchange.takeReply();
-    received.cancelled = watch.cancelled();
-    if (idle.passed()) {
-        received.httpStatus = 0;
-        received.complete = false;
-    }
-    return received;
-}
-
 } // namespace
+
+std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager)
+{
+    if (outgoing.bodySink)
+        return std::make_unique<SocketExchange>(outgoing);
+    return std::make_unique<ManagerExchange>(outgoing, *manager);
+}
+
+IdleLimit::IdleLimit(int limitMs, std::function<void()> abandon) : limitMs(limitMs), abandon(std::move(abandon))
+{
+    sinceProgress.start();
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, &timer, [this] {
+        const qint64 quietMs = sinceProgress.elapsed();
+        if (quietMs < this->limitMs) {
+            timer.start(int(this->limitMs - quietMs));
+            return;
+        }
+        passedAlready = true;
+        this->abandon();
+    });
+    timer.start(limitMs);
+}
 
 ReceivedReply runExchange(OutgoingRequest& outgoing)
 {
@@ -235,65 +260,37 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     if (!QCoreApplication::instance())
         return ReceivedReply();
 
-    if (outgoing.bodySink)
-        return runSocketExchange(outgoing);
-
     QEventLoop loop;
-    const auto manager = std::make_unique<QNetworkAccessManager>();
-    QNetworkReply* const reply = send(*manager, outgoing);
-    // Qt 5's HTTP thread waits while this much is unread, so a large reply is
-    // not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
-    reply->setReadBufferSize(readBufferBytes);
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-
-    IdleLimit idle([reply] { reply->abort(); });
-    const auto restart = [&idle] { idle.noteProgress(); };
-
+    std::optional<QNetworkAccessManager> manager;
+    if (!outgoing.bodySink)
+        manager.emplace();
+    const std::unique_ptr<ExchangeInFlight> exchange = makeExchange(outgoing, manager ? &*manager : nullptr);
+    IdleLimit idle(idleLimitMs(), [&exchange] { exchange->abort(); });
     const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
-    ExchangeWatch watch([reply] { reply->abort(); }, bytesToSend);
-    BodyCollector collector(*reply, outgoing.bodySink);
-    const auto bodyArrived = [&] {
-        collector.readAvailable();
-        watch.received(collector.received(), announcedLength(*reply));
-    };
-    // The reply outlives this function (it goes later): what it signals only
-    // reaches these locals while they live.
-    const QObject listening;
-    QObject::connect(reply, &QNetworkReply::readyRead, &listening, bodyArrived);
-    QObject::connect(reply, &QNetworkReply::metaDataChanged, &listening, [&] {
-        restart();
-        watch.received(0, announcedLength(*reply));
-    });
-    QObject::connect(reply, &QNetworkReply::uploadProgress, &listening, [&](qint64 done, qint64 total) {
-        restart();
-        watch.sent(done, total);
-    });
-    QObject::connect(reply, &QNetworkReply::downloadProgress, &listening, restart);
+    ExchangeWatch watch([&exchange] { exchange->abort(); }, bytesToSend);
+    exchange->onActivity = [&idle] { idle.noteProgress(); };
+    exchange->onSent = [&watch](qint64 done, qint64 total) { watch.sent(done, total); };
+    exchange->onReceived = [&watch](qint64 done, qint64 announced) { watch.received(done, announced); };
+    exchange->onFinished = [&loop] { loop.quit(); };
+    exchange->start();
 
-    serveEventsUntil(loop, [reply] { return reply->isFinished(); });
-    idle.stop();
-    bodyArrived(); // what the last readyRead left, and the figures it makes
-    watch.finish();
-    reply->deleteLater();
-
-    ReceivedReply received;
-    received.bodyStorage = qt_line::bodyStorage(*reply);
-    if (!received.bodyStorage.isNull()) {
-        // Qt wrote the reply in place; the bytes not read yet are all of it.
-        received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
-        received.bodySize = received.body.size();
-    } else {
-        received.body = std::move(collector.body);
-        received.bodySize = collector.size;
-        received.bodyInSink = collector.inSink;
+    // Someone else's exit() on this thread ends exec() early, and can leave the
+    // thread marked as quitting so that exec() returns at once; the wait goes
+    // on all the same, without spinning.
+    while (!exchange->isFinished()) {
+        loop.exec();
+        if (!exchange->isFinished())
+            loop.processEvents(QEventLoop::WaitForMoreEvents);
     }
+    idle.stop();
+    watch.finish();
+
+    ReceivedReply received = exchange->takeReply();
     received.cancelled = watch.cancelled();
-    received.httpStatus = idle.passed() ? 0 : reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
-    received.networkError = reply->error();
-    received.errorString = reply->errorString();
-    received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
-                        && hasAnnouncedLength(*reply, received.bodySize);
+    if (idle.passed()) {
+        received.httpStatus = 0;
+        received.complete = false;
+    }
     return received;
 }
 

@@ -4,9 +4,18 @@
 #include "frame/request.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QNetworkReply>
 #include <QSharedPointer>
 #include <QString>
+#include <QTimer>
+
+#include <functional>
+#include <memory>
+
+QT_BEGIN_NAMESPACE
+class QNetworkAccessManager;
+QT_END_NAMESPACE
 
 namespace norva {
 
@@ -46,10 +55,64 @@ public:
     virtual void write(const char* data, qint64 size) = 0;
 };
 
+// One exchange under way, driven by the events of the thread it was made on.
+// Both faces use it: the blocking one serves the thread's events until it
+// finished, the asynchronous one carries on when it does.
+class ExchangeInFlight : public QObject
+{
+public:
+    // Sends the request. `outgoing` must outlive the exchange.
+    virtual void start() = 0;
+    // Ends the exchange now; onFinished follows at once.
+    virtual void abort() = 0;
+    virtual bool isFinished() const = 0;
+    // The reply, once finished (once).
+    virtual ReceivedReply takeReply() = 0;
+
+    // Any progress either way (for an idle limit).
+    std::function<void()> onActivity;
+    // The request body's bytes handed on so far, and their total.
+    std::function<void(qint64 done, qint64 total)> onSent;
+    // The reply body bytes received so far, and the length the head announced
+    // (-1 when none, or no head yet).
+    std::function<void(qint64 done, qint64 announced)> onReceived;
+    // Called once; the exchange may be deleted only later (deleteLater).
+    std::function<void()> onFinished;
+};
+
+// The exchange of `outgoing`: on `manager` (which keeps connections), or, for a
+// request whose body goes to a sink, on a socket of its own (socket_exchange.h;
+// `manager` may then be null).
+std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager);
+
+// A service that stops sending must not hold the caller for ever: `abandon` is
+// called once the limit passes without any progress. Progress only notes its
+// time; the one timer looks at it when it fires and waits on for what is left.
+// (Restarting a timer on every progress costs a system timer each time, which
+// on Windows is a round trip through the window system.)
+class IdleLimit
+{
+public:
+    IdleLimit(int limitMs, std::function<void()> abandon);
+    IdleLimit(const IdleLimit&) = delete;
+    IdleLimit& operator=(const IdleLimit&) = delete;
+
+    void noteProgress() { sinceProgress.restart(); }
+    void stop() { timer.stop(); }
+    bool passed() const { return passedAlready; }
+
+private:
+    const int limitMs;
+    const std::function<void()> abandon;
+    QElapsedTimer sinceProgress;
+    QTimer timer;
+    bool passedAlready = false;
+};
+
 // Sends the request with a manager of its own (a request with a body sink: on a
 // socket of its own) and serves the calling thread's events until the reply has
-// finished, then releases manager, reply and form.
-// Needs a QCoreApplication (the host's or the call's temporary one).
+// finished, then releases manager, reply and form. Needs a QCoreApplication
+// (the host's or the call's temporary one).
 ReceivedReply runExchange(OutgoingRequest& outgoing);
 
 } // namespace norva

@@ -11,10 +11,8 @@
 
 #include "frame/exchange.h"
 
-#include <QObject>
 #include <QTcpSocket>
 
-#include <functional>
 #include <memory>
 
 namespace norva {
@@ -22,7 +20,7 @@ namespace norva {
 class ReplyParser;
 class ContentDecoder;
 
-class SocketExchange final : public QObject
+class SocketExchange final : public ExchangeInFlight
 {
 public:
     // Sends `outgoing` (its verb, URL, fields and text body) once start() is
@@ -30,21 +28,11 @@ public:
     explicit SocketExchange(OutgoingRequest& outgoing);
     ~SocketExchange() override;
 
-    void start();
-    // Ends the exchange now: what came so far stays, and it is incomplete.
-    void abort();
-    bool isFinished() const { return finishedAlready; }
-    // The reply, once finished.
-    ReceivedReply takeReply();
-
-    // Any bytes moved either way (for an idle limit).
-    std::function<void()> onActivity;
-    // The request body's bytes written so far, and their total.
-    std::function<void(qint64 done, qint64 total)> onSent;
-    // The body bytes received so far, and the length the head announced (-1
-    // when none, or no head yet).
-    std::function<void(qint64 done, qint64 announced)> onReceived;
-    std::function<void()> onFinished;
+    void start() override;
+    // What came so far stays, and it is incomplete.
+    void abort() override;
+    bool isFinished() const override { return finishedAlready; }
+    ReceivedReply takeReply() override;
 
 private:
     void connectSocket();
