@@ -405,7 +405,10 @@ void TransferTest::downloads()
     if (!expectedFiles.contains(QStringLiteral("in/old.txt")))
         expectedFiles << QStringLiteral("in/old.txt");
     expectedFiles.sort();
-    for (int run = runsOf(row.reply); run > 0 && !QTest::currentTestFailed(); --run) {
+    // Both faces where the host has an application, each run alike.
+    const int runs = runsOf(row.reply);
+    for (int run = QCoreApplication::instance() ? 2 * runs : runs; run > 0 && !QTest::currentTestFailed(); --run) {
+        const FaceScope scope(run > runs ? Face::Async : Face::Blocking);
         service.reset();
         service.script(row.reply);
         if (row.reply.kind == ScriptedReply::Kind::CloseWithoutAnswer || row.reply.kind == ScriptedReply::Kind::Raw)
@@ -418,7 +421,7 @@ void TransferTest::downloads()
 
         const auto call = callOperation(operation, inFolder(argument));
         QCOMPARE(call.result, expected);
-        QCOMPARE(call.lines, QStringList{expected});
+        QCOMPARE(call.lines, currentFace() == Face::Async ? QStringList() : QStringList{expected});
         if (row.sentForm.isNull()) {
             QCOMPARE(service.requestCount(), 0);
         } else {

@@ -10,6 +10,7 @@
 #include <QEventLoop>
 #include <QHttpMultiPart>
 #include <QNetworkAccessManager>
+#include <QPointer>
 #include <QTimer>
 
 #include <functional>
@@ -153,7 +154,7 @@ public:
     ~ManagerExchange() override
     {
         if (reply)
-            reply->deleteLater(); // it may be in the middle of a signal
+            reply->deleteLater(); // this may run inside one of its signals
     }
 
     void start() override
@@ -218,7 +219,8 @@ private:
 
     OutgoingRequest& outgoing;
     QNetworkAccessManager& manager;
-    QNetworkReply* reply = nullptr; // the manager's child
+    // The manager's child: gone with the manager, which may go first.
+    QPointer<QNetworkReply> reply;
     std::optional<BodyCollector> collector;
 };
 

@@ -1,5 +1,6 @@
 #include "frame/operation.h"
 
+#include "frame/deferred_call.h"
 #include "frame/result.h"
 
 #include <QJsonArray>
@@ -57,11 +58,8 @@ QString keyValueText(const QJsonObject& source, const KeyList& keys)
     return text;
 }
 
-ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
-                     const ReplyJudge& judge)
+ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& classes, const ReplyJudge& judge)
 {
-    call.startApplication();
-    const ReceivedReply reply = runExchange(outgoing);
     if (reply.cancelled)
         return statusDocument(400, QString::fromLatin1(message::requestCancelled));
     const int status = reply.httpStatus;
@@ -71,6 +69,17 @@ ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses
     if (httpClass == HttpClass::NoReply && !classes.withNoReplyClass)
         return httpClassDocument(HttpClass::Other);
     return httpClassDocument(httpClass);
+}
+
+ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
+                     const ReplyJudge& judge)
+{
+    if (call.deferredTo) {
+        call.deferredTo->defer(std::move(outgoing), classes, judge);
+        return {};
+    }
+    call.startApplication();
+    return judgeExchange(runExchange(outgoing), classes, judge);
 }
 
 std::optional<OutgoingRequest> Operation::request(const Arguments& arguments) const
@@ -139,8 +148,8 @@ std::string Operation::call(std::string argument, const char* name) const
             return statusDocument(400, QString::fromLatin1(message::jsonParametersError));
         HttpClasses classes;
         classes.with402Branch = access == Access::Token;
-        const SentText sentText = outgoing->sentText;
-        return exchange(call, *outgoing, classes, [this, &sentText](const ReceivedReply& reply) {
+        // The judge may run after this returns (a deferred call): it keeps what it reads.
+        return exchange(call, *outgoing, classes, [this, sentText = outgoing->sentText](const ReceivedReply& reply) {
             return judgeServiceReply(reply.body, outcomes, sentText);
         });
     });

@@ -73,8 +73,13 @@ struct HttpClasses {
 
 using ReplyJudge = std::function<ResultDocument(const ReceivedReply& reply)>;
 
-// Starts the temporary application if needed, runs the exchange, and sorts the
-// reply into its HTTP class; 200 (and `alsoJudged`) go to `judge`.
+// Sorts a reply into its HTTP class; 200 (and `alsoJudged`) go to `judge`.
+ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& classes, const ReplyJudge& judge);
+
+// Starts the temporary application if needed, runs the exchange, and judges
+// its reply. A deferred call's exchange is left to it instead (the document is
+// then empty): `judge` may run after the flow returned, and must own what it
+// reads.
 ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
                      const ReplyJudge& judge);
 

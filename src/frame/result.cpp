@@ -70,8 +70,26 @@ std::string compactText(const ResultDocument& document)
 // Calls may run on several threads at once: each line goes out whole, and a
 // std::cout that the host redirected to a buffer of its own is never written
 // from two threads at the same time.
+namespace {
+
+thread_local int silences = 0;
+
+} // namespace
+
+ConsoleSilence::ConsoleSilence()
+{
+    ++silences;
+}
+
+ConsoleSilence::~ConsoleSilence()
+{
+    --silences;
+}
+
 void echoLine(const std::string& text)
 {
+    if (silences > 0)
+        return;
     static std::mutex writing;
     const std::lock_guard<std::mutex> lock(writing);
     std::cout.write(text.data(), std::streamsize(text.size())).put('\n').flush();

@@ -60,8 +60,20 @@ ResultDocument statusDocument(int status, const QString& message);
 std::string compactText(const ResultDocument& document);
 
 // Writes the text as one line to standard output and flushes it; lines from
-// calls on several threads never mix.
+// calls on several threads never mix. Nothing while a ConsoleSilence lives on
+// the calling thread.
 void echoLine(const std::string& text);
+
+// The asynchronous face writes nothing to standard output: its calls run
+// under one of these.
+class ConsoleSilence
+{
+public:
+    ConsoleSilence();
+    ~ConsoleSilence();
+    ConsoleSilence(const ConsoleSilence&) = delete;
+    ConsoleSilence& operator=(const ConsoleSilence&) = delete;
+};
 
 // compactText and echoLine together: what every operation returns.
 std::string finishResult(const ResultDocument& document);

@@ -1,6 +1,7 @@
 #include "frame/shell.h"
 
 #include "frame/call_watch.h"
+#include "frame/deferred_call.h"
 #include "frame/json_text.h"
 #include "frame/qt_line.h"
 #include "frame/result.h"
@@ -73,11 +74,25 @@ void Call::exitTemporaryApplication()
         QCoreApplication::exit(0);
 }
 
+std::string guardedResult(const ShellOptions& options, const std::function<std::string()>& produce)
+{
+    try {
+        return produce();
+    } catch (const QJsonParseError& error) {
+        return caught(error.errorString(), options);
+    } catch (const std::string& text) {
+        return caught(QString::fromStdString(text), options);
+    } catch (const std::exception& exception) {
+        return caught(QString::fromLocal8Bit(exception.what()), options);
+    }
+}
+
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow)
 {
-    const bool needsApplication = options.mayBuildApplication && QCoreApplication::startingUp();
+    DeferredCall* const deferred = DeferredCall::current();
+    const bool needsApplication = !deferred && options.mayBuildApplication && QCoreApplication::startingUp();
     const OperationScope scope(options.operation);
-    try {
+    return guardedResult(options, [&] {
         QByteArray text = argumentText(argument);
         std::optional<FlatMembers> flat = readFlatObject(text);
         QJsonDocument document;
@@ -87,19 +102,19 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
             if (error.error != QJsonParseError::NoError)
                 return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
         }
-        const Arguments arguments(std::move(text), std::move(flat), document.object());
-
-        Call call(needsApplication);
-        std::string result = finishResult(flow(arguments, call));
-        call.exitTemporaryApplication();
-        return result;
-    } catch (const QJsonParseError& error) {
-        return caught(error.errorString(), options);
-    } catch (const std::string& text) {
-        return caught(QString::fromStdString(text), options);
-    } catch (const std::exception& exception) {
-        return caught(QString::fromLocal8Bit(exception.what()), options);
-    }
+        // Shared: a deferred call keeps them until its reply came.
+        const auto arguments = std::make_shared<const Arguments>(std::move(text), std::move(flat), document.object());
+        const auto call = std::make_shared<Call>(needsApplication);
+        call->deferredTo = deferred;
+        ResultDocument result = flow(*arguments, *call);
+        if (deferred && deferred->hasExchange()) {
+            deferred->keep(arguments, call, options);
+            return std::string();
+        }
+        std::string resultText = finishResult(result);
+        call->exitTemporaryApplication();
+        return resultText;
+    });
 }
 
 } // namespace norva

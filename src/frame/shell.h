@@ -17,6 +17,8 @@
 
 namespace norva {
 
+class DeferredCall;
+
 struct ShellOptions {
     // The operation's public name, for a progress observer.
     const char* operation = "";
@@ -44,6 +46,9 @@ public:
     // QCoreApplication::exit(0) on the temporary application, if there is one.
     void exitTemporaryApplication();
 
+    // The deferred call this one's exchange goes to; null for a blocking call.
+    DeferredCall* deferredTo = nullptr;
+
 private:
     const bool needsApplication;
     std::optional<QCoreApplication> application;
@@ -70,6 +75,13 @@ private:
 // A flow reads the arguments, exchanges, and returns the result document.
 using Flow = std::function<ResultDocument(const Arguments& arguments, Call& call)>;
 
+// Parses the argument and runs the flow: the result text, echoed. When the
+// thread is capturing a deferred call (deferred_call.h), the flow defers its
+// exchange to it and the text is empty.
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow);
+
+// `produce`'s text, or, when it throws, the error line and document of the
+// operation's catch clauses.
+std::string guardedResult(const ShellOptions& options, const std::function<std::string()>& produce);
 
 } // namespace norva

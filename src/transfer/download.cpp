@@ -170,8 +170,9 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
         OutgoingRequest outgoing = *request.request(arguments);
 
         const QString folder = readText(arguments, QStringLiteral("file_downloadpath"));
-        DownloadSpool spool(folder);
-        outgoing.bodySink = &spool;
+        // Shared with the judge, which may run after this returns (a deferred call).
+        const auto spool = std::make_shared<DownloadSpool>(folder);
+        outgoing.bodySink = spool.get();
         const QString reName = readOptionalText(arguments, QStringLiteral("reName"));
         const QString stampKey = QStringLiteral("isTimeStamp");
         const bool timeStamp = arguments.contains(stampKey) && arguments.value(stampKey) == QJsonValue(true);
@@ -180,7 +181,9 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
         classes.with402Branch = variant.sendsToken;
         classes.withNoReplyClass = variant.withNoReplyClass;
         classes.alsoJudged = variant.answers204 ? 204 : -1;
-        return exchange(call, outgoing, classes, [&](const ReceivedReply& reply) {
+        const Call* const callOfJudge = &call; // kept as long as its judge
+        return exchange(call, outgoing, classes, [&variant, arguments, spool, folder, reName, timeStamp,
+                                                  callOfJudge](const ReceivedReply& reply) {
             if (reply.httpStatus == 204) {
                 ResultDocument document = statusDocument(400, QStringLiteral("Can not find this file"));
                 const QJsonValue boardId = readRaw(readObject(arguments, QStringLiteral("data")), QStringLiteral("id"));
@@ -196,8 +199,8 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
             const DownloadName name =
                 deriveDownloadName(reply.contentDisposition, reName, timeStamp, QDateTime::currentDateTime(),
                                    QString::fromLatin1(variant.stampFormat));
-            const bool spaced = variant.spacedOpenFailureWithHostApplication && !call.hasTemporaryApplication();
-            return saveDownload(reply.body, reply.bodyInSink ? &spool : nullptr, folder, name,
+            const bool spaced = variant.spacedOpenFailureWithHostApplication && !callOfJudge->hasTemporaryApplication();
+            return saveDownload(reply.body, reply.bodyInSink ? spool.get() : nullptr, folder, name,
                                 spaced ? OpenFailureText::Spaced : OpenFailureText::Compact);
         });
     });

@@ -1,11 +1,15 @@
 #include "support/harness.h"
 
+#include "norva_api_qt_async.h"
+
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 
 #include <iostream>
+#include <memory>
 
 namespace testing_support {
 
@@ -31,12 +35,52 @@ QString substitute(QString text, const QString& address)
     return text.replace(QStringLiteral("$ADDR"), address);
 }
 
+namespace {
+
+thread_local Face face = Face::Blocking;
+
+std::string callThroughClient(OperationFunction operation, const std::string& argument)
+{
+    std::string result = "finished at once"; // finished() never comes before call() returned
+    {
+        NORVA::NORVA_API_QT::Client client;
+        const std::unique_ptr<NORVA::NORVA_API_QT::CallReply> reply(client.call(operation, argument));
+        if (!reply->isFinished()) {
+            QEventLoop loop;
+            QObject::connect(reply.get(), &NORVA::NORVA_API_QT::CallReply::finished, &loop, &QEventLoop::quit);
+            loop.exec();
+            result = reply->result();
+        }
+    }
+    // What the client let go of later goes now, before the next call counts objects.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    return result;
+}
+
+} // namespace
+
+Face currentFace()
+{
+    return face;
+}
+
+FaceScope::FaceScope(Face chosen) : outer(face)
+{
+    face = chosen;
+}
+
+FaceScope::~FaceScope()
+{
+    face = outer;
+}
+
 CallResult callOperation(OperationFunction operation, const QString& argument)
 {
     StdoutCapture capture;
     CallResult call;
     call.applicationBefore = QCoreApplication::instance();
-    call.result = QString::fromStdString(operation(argument.toStdString()));
+    call.result = QString::fromStdString(face == Face::Async ? callThroughClient(operation, argument.toStdString())
+                                                             : operation(argument.toStdString()));
     call.lines = capture.lines();
     call.output = QByteArray::fromStdString(capture.text());
     call.applicationAfter = QCoreApplication::instance();

@@ -46,7 +46,24 @@ struct CallResult {
 // loopback port where nothing listens.
 QString substitute(QString text, const QString& address);
 
+// Through the face in use on this thread: the blocking function, or the
+// asynchronous face (a client of its own, waited for here) while a FaceScope
+// of Face::Async lives.
 CallResult callOperation(OperationFunction operation, const QString& argument);
+
+enum class Face { Blocking, Async };
+Face currentFace();
+class FaceScope
+{
+public:
+    explicit FaceScope(Face face);
+    ~FaceScope();
+    FaceScope(const FaceScope&) = delete;
+    FaceScope& operator=(const FaceScope&) = delete;
+
+private:
+    const Face outer;
+};
 
 // Files: `writeFile` makes the folder too and fails the test when it can't write;
 // `readFile` gives "<missing>" for a file it can't read; `filesBelow` lists every

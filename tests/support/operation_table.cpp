@@ -127,7 +127,8 @@ void runOnce(TestService& service, const OperationCase& row)
     QStringList lines;
     for (const QString& line : row.linesBefore)
         lines << substitute(line, address);
-    QCOMPARE(call.lines, lines << expected);
+    // The asynchronous face writes nothing to standard output.
+    QCOMPARE(call.lines, currentFace() == Face::Async ? QStringList() : lines << expected);
     QCOMPARE(call.applicationAfter, call.applicationBefore);
 
     if (row.wire.method.isEmpty()) {
@@ -177,10 +178,17 @@ int openDescriptors()
 void runCase(TestService& service)
 {
     QFETCH(OperationCase, row);
-    for (int run = runsOf(row.reply); run > 0; --run) {
-        runOnce(service, row);
-        if (QTest::currentTestFailed())
-            return;
+    // Both faces, where the host has an application (the asynchronous one
+    // needs its event loop): the same request, the same result.
+    for (const Face face : {Face::Blocking, Face::Async}) {
+        if (face == Face::Async && !QCoreApplication::instance())
+            break;
+        const FaceScope scope(face);
+        for (int run = runsOf(row.reply); run > 0; --run) {
+            runOnce(service, row);
+            if (QTest::currentTestFailed())
+                return;
+        }
     }
 #ifdef Q_OS_LINUX
     // The runs above made Qt's one-time allocations: the next one must leave no

@@ -1,0 +1,119 @@
+// norva-api-qt: the asynchronous face.
+//
+// For hosts with a running event loop (a GUI thread, a worker thread's loop).
+// A Client starts a call and returns at once; the call's CallReply says when it
+// finished and holds its result document, the very text the blocking function
+// of that operation returns for the same reply, letter for letter. Nothing here
+// runs a nested event loop, and nothing is written to standard output: a host
+// that wants the console line prints result().
+//
+// A host without an event loop keeps the blocking functions of norva_api_qt.h.
+//
+//     Client client;                       // on the GUI thread
+//     CallReply* reply = client.call("select_share", argument);
+//     QObject::connect(reply, &CallReply::finished, [reply] {
+//         show(reply->result());
+//         reply->deleteLater();
+//     });
+#ifndef NORVA_API_QT_ASYNC_H
+#define NORVA_API_QT_ASYNC_H
+
+#include "norva_api_qt.h"
+#include "norva_api_qt_progress.h"
+
+#include <QtCore/QMetaType>
+#include <QtCore/QObject>
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+#include <QtCore/QFuture>
+#endif
+
+#include <memory>
+#include <string>
+
+namespace NORVA {
+namespace NORVA_API_QT {
+
+class Client;
+struct CallDriver; // the library's own
+
+// One call of a Client, owned by the caller (like a QNetworkReply). Deleting a
+// reply that has not finished cancels its call, without finished().
+class NORVA_API_QT_EXPORT CallReply : public QObject
+{
+    Q_OBJECT
+
+public:
+    ~CallReply() override;
+
+    bool isFinished() const;
+    // The result document once finished(); empty before.
+    std::string result() const;
+    // Ends the call with {"message":"request cancelled","status":400} (unless
+    // it already finished); finished() follows.
+    void cancel();
+
+Q_SIGNALS:
+    // The figures of the call's exchange, paced as the progress observer's.
+    void progress(const NORVA::NORVA_API_QT::CallProgress& progress);
+    // Once for every call, whatever the outcome, and never before call()
+    // returned.
+    void finished();
+
+private:
+    friend class Client;
+    friend struct CallDriver;
+    struct State;
+    explicit CallReply(std::unique_ptr<State> state);
+    std::unique_ptr<State> d;
+};
+
+// Makes calls from the thread it lives on, with one network manager: its
+// connections are kept between calls.
+class NORVA_API_QT_EXPORT Client : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Client(QObject* parent = nullptr);
+    // Calls still waiting or in flight finish with "request cancelled".
+    ~Client() override;
+
+    // Starts the operation of that name ("norva_sdk_select_share", or
+    // "select_share" without the prefix; any of the free functions of
+    // norva_api_qt.h) with the argument text its blocking function takes.
+    // Returns at once. An unknown name, or a call from a thread other than
+    // the client's, sends nothing: its reply finishes with a document that
+    // says so.
+    CallReply* call(const std::string& operation, const std::string& argument);
+    // The same, naming the operation by its function: client.call(norva_sdk_select_share, argument).
+    using OperationFunction = std::string (*)(std::string);
+    CallReply* call(OperationFunction operation, const std::string& argument);
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    // The same call as a future of its result document.
+    QFuture<std::string> callFuture(const std::string& operation, const std::string& argument);
+#endif
+
+    // A call whose service sends nothing, nor takes anything, for this long
+    // ends as if no reply had come. 120000 ms unless set.
+    void setIdleLimit(int milliseconds);
+    int idleLimit() const;
+    // How many calls are in flight at once (6 unless set: Qt's own number of
+    // connections per host); the others wait their turn in order.
+    void setMaxCallsInFlight(int calls);
+    int maxCallsInFlight() const;
+
+private:
+    friend class CallReply;
+    friend struct CallDriver;
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace NORVA_API_QT
+} // namespace NORVA
+
+Q_DECLARE_METATYPE(NORVA::NORVA_API_QT::CallProgress)
+
+#endif // NORVA_API_QT_ASYNC_H

@@ -1,0 +1,276 @@
+// The asynchronous face: an operation's own function runs up to its exchange
+// (deferred_call.h), the exchange runs on the client's manager, and the reply
+// goes back to the operation's judge. No event loop is run here.
+#include "norva_api_qt_async.h"
+
+#include "async/operation_names.h"
+#include "frame/deferred_call.h"
+#include "frame/exchange.h"
+#include "frame/progress_pacer.h"
+#include "frame/result.h"
+
+#include <QNetworkAccessManager>
+#include <QPointer>
+#include <QThread>
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+#include <vector>
+
+namespace NORVA::NORVA_API_QT {
+
+using namespace norva;
+
+struct CallReply::State {
+    QPointer<Client> client;
+    const char* operation = "";
+    std::unique_ptr<DeferredCall> deferred = std::make_unique<DeferredCall>();
+    std::unique_ptr<ExchangeInFlight> exchange;
+    std::optional<IdleLimit> idle;
+    std::optional<ProgressPacer> pacer;
+    std::string result;
+    bool finished = false;
+    bool cancelled = false;
+};
+
+struct Client::Private {
+    QNetworkAccessManager manager;
+    std::deque<QPointer<CallReply>> waiting;
+    std::vector<CallReply*> inFlight;
+    int idleLimitMs = 120 * 1000;
+    int maxInFlight = 6;
+};
+
+struct CallDriver {
+    // Delivers `result` once call() has returned.
+    static void finishSoon(CallReply* reply, std::string result)
+    {
+        reply->d->result = std::move(result);
+        QMetaObject::invokeMethod(
+            reply,
+            [reply] {
+                reply->d->finished = true;
+                emit reply->finished();
+            },
+            Qt::QueuedConnection);
+    }
+
+    static void pump(Client& client)
+    {
+        Client::Private& c = *client.d;
+        while (int(c.inFlight.size()) < c.maxInFlight && !c.waiting.empty()) {
+            const QPointer<CallReply> next = c.waiting.front();
+            c.waiting.pop_front();
+            if (next)
+                start(client, next);
+        }
+    }
+
+    static void start(Client& client, CallReply* reply)
+    {
+        CallReply::State& s = *reply->d;
+        client.d->inFlight.push_back(reply);
+        OutgoingRequest& outgoing = s.deferred->outgoing();
+        s.exchange = makeExchange(outgoing, &client.d->manager);
+        ExchangeInFlight& exchange = *s.exchange;
+        s.idle.emplace(client.d->idleLimitMs, [&exchange] { exchange.abort(); });
+        const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
+        s.pacer.emplace(s.operation, bytesToSend, [reply](const CallProgress& progress) { emit reply->progress(progress); });
+        exchange.onActivity = [&s] { s.idle->noteProgress(); };
+        exchange.onSent = [&s](qint64 done, qint64 total) { s.pacer->sent(done, total); };
+        exchange.onReceived = [&s](qint64 done, qint64 announced) { s.pacer->received(done, announced); };
+        // Judged from the event loop, never inside the exchange's own signal.
+        exchange.onFinished = [reply] {
+            QMetaObject::invokeMethod(reply, [reply] { complete(reply); }, Qt::QueuedConnection);
+        };
+        exchange.start();
+    }
+
+    static void complete(CallReply* reply)
+    {
+        CallReply::State& s = *reply->d;
+        if (s.finished || !s.exchange)
+            return;
+        s.idle->stop();
+        s.pacer->finish();
+        ReceivedReply received = s.exchange->takeReply();
+        received.cancelled = s.cancelled;
+        if (s.idle->passed()) {
+            received.httpStatus = 0;
+            received.complete = false;
+        }
+        s.result = s.deferred->finish(received);
+        release(reply);
+        s.finished = true;
+        emit reply->finished();
+    }
+
+    // Lets go of the exchange and of the client's slot. The exchange goes
+    // later, since this may run inside one of its signals, and the call's
+    // request and sink go with it.
+    static void release(CallReply* reply)
+    {
+        CallReply::State& s = *reply->d;
+        if (s.exchange) {
+            ExchangeInFlight* const exchange = s.exchange.release();
+            exchange->onActivity = [] {};
+            exchange->onSent = [](qint64, qint64) {};
+            exchange->onReceived = [](qint64, qint64) {};
+            exchange->onFinished = [] {};
+            exchange->abort();
+            const std::shared_ptr<DeferredCall> request(std::move(s.deferred));
+            QObject::connect(exchange, &QObject::destroyed, [request] {});
+            exchange->deleteLater();
+        }
+        s.idle.reset();
+        s.pacer.reset();
+        if (!s.client)
+            return;
+        Client::Private& c = *s.client->d;
+        c.waiting.erase(std::remove(c.waiting.begin(), c.waiting.end(), reply), c.waiting.end());
+        const auto found = std::find(c.inFlight.begin(), c.inFlight.end(), reply);
+        if (found != c.inFlight.end()) {
+            c.inFlight.erase(found);
+            // Not from here: this may run inside a caller's slot or a destructor.
+            QMetaObject::invokeMethod(s.client, [client = s.client] { pump(*client); }, Qt::QueuedConnection);
+        }
+    }
+
+    static std::string cancelledText()
+    {
+        return compactText(statusDocument(400, QString::fromLatin1(message::requestCancelled)));
+    }
+
+    // Ends a call that has not finished: in flight, its exchange is aborted and
+    // judged as cancelled; waiting, it is cancelled without being sent.
+    static void cancel(CallReply* reply, bool announce)
+    {
+        CallReply::State& s = *reply->d;
+        if (s.finished)
+            return;
+        s.cancelled = true;
+        if (s.exchange && announce) {
+            s.exchange->abort(); // complete() follows from the event loop
+            return;
+        }
+        release(reply);
+        s.result = cancelledText();
+        s.finished = true;
+        if (announce)
+            emit reply->finished();
+    }
+};
+
+CallReply::CallReply(std::unique_ptr<State> state) : d(std::move(state)) {}
+
+CallReply::~CallReply()
+{
+    CallDriver::cancel(this, false);
+}
+
+bool CallReply::isFinished() const
+{
+    return d->finished;
+}
+
+std::string CallReply::result() const
+{
+    return d->finished ? d->result : std::string();
+}
+
+void CallReply::cancel()
+{
+    CallDriver::cancel(this, true);
+}
+
+Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>()) {}
+
+Client::~Client()
+{
+    const std::vector<CallReply*> inFlight = d->inFlight;
+    std::vector<QPointer<CallReply>> all(d->waiting.begin(), d->waiting.end());
+    all.insert(all.end(), inFlight.begin(), inFlight.end());
+    for (const QPointer<CallReply>& reply : all) {
+        if (reply) {
+            reply->d->client = nullptr;
+            reply->d->cancelled = true;
+            CallDriver::release(reply);
+            reply->d->result = CallDriver::cancelledText();
+            reply->d->finished = true;
+        }
+    }
+    for (const QPointer<CallReply>& reply : all) {
+        if (reply)
+            emit reply->finished();
+    }
+}
+
+CallReply* Client::call(const std::string& operation, const std::string& argument)
+{
+    const async::OperationFunction function = async::findOperation(operation);
+    if (!function) {
+        auto state = std::make_unique<CallReply::State>();
+        state->client = this;
+        CallReply* const reply = new CallReply(std::move(state));
+        ResultDocument document = statusDocument(400, QStringLiteral("unknown operation"));
+        document.insert("operation", QString::fromStdString(operation));
+        CallDriver::finishSoon(reply, compactText(document));
+        return reply;
+    }
+    return call(function, argument);
+}
+
+CallReply* Client::call(OperationFunction function, const std::string& argument)
+{
+    auto state = std::make_unique<CallReply::State>();
+    state->client = this;
+    CallReply* const reply = new CallReply(std::move(state));
+    CallReply::State& s = *reply->d;
+    if (QThread::currentThread() != thread()) {
+        CallDriver::finishSoon(reply, compactText(statusDocument(400, QStringLiteral("called from a thread other than the client's"))));
+        return reply;
+    }
+    // Only the library's own operations defer their exchange; anything else
+    // would block.
+    if (!async::isNamedOperation(function)) {
+        CallDriver::finishSoon(reply, compactText(statusDocument(400, QStringLiteral("unknown operation"))));
+        return reply;
+    }
+    std::string immediate;
+    {
+        const DeferredCall::Capture capture(*s.deferred);
+        immediate = function(argument);
+    }
+    if (!s.deferred->hasExchange()) {
+        CallDriver::finishSoon(reply, std::move(immediate));
+        return reply;
+    }
+    s.operation = s.deferred->operationName();
+    d->waiting.push_back(reply);
+    CallDriver::pump(*this);
+    return reply;
+}
+
+void Client::setIdleLimit(int milliseconds)
+{
+    d->idleLimitMs = qMax(1, milliseconds);
+}
+
+int Client::idleLimit() const
+{
+    return d->idleLimitMs;
+}
+
+void Client::setMaxCallsInFlight(int calls)
+{
+    d->maxInFlight = qMax(1, calls);
+    CallDriver::pump(*this);
+}
+
+int Client::maxCallsInFlight() const
+{
+    return d->maxInFlight;
+}
+
+} // namespace NORVA::NORVA_API_QT

@@ -1,0 +1,1 @@
+// Qt 5 has no QPromise: its client offers no futures (see norva_api_qt_async.h).

@@ -1,0 +1,49 @@
+#include "frame/deferred_call.h"
+
+#include "frame/operation.h"
+
+namespace norva {
+
+namespace {
+
+thread_local DeferredCall* capturing = nullptr;
+
+} // namespace
+
+DeferredCall::Capture::Capture(DeferredCall& call) : outer(capturing)
+{
+    capturing = &call;
+}
+
+DeferredCall::Capture::~Capture()
+{
+    capturing = outer;
+}
+
+DeferredCall* DeferredCall::current()
+{
+    return capturing;
+}
+
+void DeferredCall::keep(std::shared_ptr<const Arguments> keptArguments, std::shared_ptr<Call> keptCall,
+                        const ShellOptions& keptOptions)
+{
+    arguments = std::move(keptArguments);
+    call = std::move(keptCall);
+    options = keptOptions;
+}
+
+void DeferredCall::defer(OutgoingRequest outgoing, const HttpClasses& classes, ReplyJudge judge)
+{
+    exchange.emplace(Exchange{std::move(outgoing), [classes, judge = std::move(judge)](const ReceivedReply& reply) {
+                                  return judgeExchange(reply, classes, judge);
+                              }});
+}
+
+std::string DeferredCall::finish(const ReceivedReply& reply)
+{
+    const ConsoleSilence quiet;
+    return guardedResult(options, [&] { return compactText(exchange->judged(reply)); });
+}
+
+} // namespace norva
