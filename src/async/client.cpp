@@ -228,6 +228,8 @@ CallReply* Client::call(OperationFunction function, const std::string& argument)
     CallReply* const reply = new CallReply(std::move(state));
     CallReply::State& s = *reply->d;
     if (QThread::currentThread() != thread()) {
+        // Its finished() comes from the client's thread, which has a loop.
+        reply->moveToThread(thread());
         CallDriver::finishSoon(reply, compactText(statusDocument(400, QStringLiteral("called from a thread other than the client's"))));
         return reply;
     }

@@ -1,5 +1,9 @@
 #include "support/test_service.h"
 
+#include <QHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
@@ -133,8 +137,11 @@ void TestService::serve(norva::service::HttpConnection& connection)
         recorded.push_back(request);
     }
     const ScriptedReply reply = nextReply();
-    if (reply.delayMs > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
+    const int delayMs = reply.kind != ScriptedReply::Kind::Echo ? reply.delayMs
+                        : reply.delayMs > 0                   ? int(qHash(request.body) % uint(reply.delayMs + 1))
+                                                              : 0;
+    if (delayMs > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     if (read == norva::service::HttpConnection::Read::Partial)
         return;
     constexpr std::chrono::seconds silence(30);
@@ -153,6 +160,15 @@ void TestService::serve(norva::service::HttpConnection& connection)
         if (reply.stallAfterwards)
             connection.waitForPeerToClose(silence);
         break;
+    case ScriptedReply::Kind::Echo: {
+        norva::service::HttpResponse answer;
+        answer.status = 200;
+        answer.headers.emplace_back("Content-Type", "application/json");
+        const QJsonObject echoed{{"code", 200}, {"msg", "ok"}, {"data", QString::fromUtf8(request.body)}};
+        answer.body = QJsonDocument(echoed).toJson(QJsonDocument::Compact).toStdString();
+        connection.write(answer, false);
+        break;
+    }
     case ScriptedReply::Kind::CloseWithoutAnswer:
         break;
     case ScriptedReply::Kind::Stall:

@@ -42,6 +42,10 @@ struct ScriptedReply {
         Raw,                // `body` written as it is, then the connection closes
         CloseWithoutAnswer, // accept the request and close
         Stall,              // accept the request and send nothing until stopped
+        // {"code":200,"msg":"ok","data":<the request body as a string>}, after
+        // a wait between 0 and `delayMs` that the body decides: replies to
+        // calls in flight together come back in another order.
+        Echo,
     };
 
     Kind kind = Kind::Answer;
@@ -63,6 +67,7 @@ struct ScriptedReply {
     static ScriptedReply rawThenSilent(const QByteArray& bytes) { return {Kind::Raw, 200, 0, true, {}, bytes}; }
     static ScriptedReply closeWithoutAnswer() { return {Kind::CloseWithoutAnswer, 200, 0, false, {}, {}}; }
     static ScriptedReply stall() { return {Kind::Stall, 200, 0, false, {}, {}}; }
+    static ScriptedReply echo(int maxDelayMs) { return {Kind::Echo, 200, maxDelayMs, false, {}, {}}; }
 };
 
 class TestService

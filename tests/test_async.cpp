@@ -1,0 +1,237 @@
+// The asynchronous face beyond what the operation tables show through it: many
+// calls at once, cancelling, a client that goes first, names and threads.
+#include "support/harness.h"
+
+#include "norva_api_qt_async.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEventLoop>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+#include <QtTest>
+
+#include <functional>
+#include <memory>
+#include <thread>
+
+using namespace NORVA::NORVA_API_QT;
+using namespace testing_support;
+
+namespace {
+
+std::string shareQuery(const TestService& service, int user)
+{
+    return substitute(R"({"ipconfig":"$ADDR","token":"tk","currentUserId":)" + QString::number(user) + "}", service.address())
+        .toStdString();
+}
+
+// Serves events until every reply finished, for at most 20 s.
+void waitForAll(const std::vector<CallReply*>& replies)
+{
+    QEventLoop loop;
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (std::all_of(replies.begin(), replies.end(), [](const CallReply* reply) { return reply->isFinished(); }))
+            loop.quit();
+    });
+    check.start(5);
+    QTimer::singleShot(20000, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+const std::string cancelled = R"({"message":"request cancelled","status":400})";
+
+} // namespace
+
+class AsyncTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init() { service.reset(); }
+    void namesAndThreads();
+    void manyInFlightEachReachTheirOwnCall();
+    void cancelOrDeleteInFlightOrWaiting();
+    void aClientGoneFinishesItsCalls();
+    void downloadsOfOneNameNeverMix();
+
+private:
+    TestService service;
+};
+
+// Any free operation by its name, with or without its prefix, gives what its
+// blocking function gives; an unknown name and a call from another thread send
+// nothing, and every reply finishes only after call() returned.
+void AsyncTest::namesAndThreads()
+{
+    Client client;
+    const std::string argument = shareQuery(service, 7);
+    const struct {
+        std::string name;
+        OperationFunction blocking; // nullptr: nothing is sent
+        std::string result;
+    } rows[] = {
+        {"select_share", norva_sdk_select_share, ""},
+        {"norva_sdk_select_share", norva_sdk_select_share, ""},
+        {"get_all_model_id", NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_get_all_model_id, ""},
+        {"norva_tavlin_get_all_model_id", NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_get_all_model_id, ""},
+        {"sdk_select_share", nullptr, R"({"message":"unknown operation","operation":"sdk_select_share","status":400})"},
+    };
+    for (const auto& row : rows) {
+        service.reset();
+        const std::unique_ptr<CallReply> reply(client.call(row.name, argument));
+        QVERIFY(!reply->isFinished());
+        waitForAll({reply.get()});
+        const std::string expected = row.blocking ? callOperation(row.blocking, QString::fromStdString(argument)).result.toStdString() : row.result;
+        QCOMPARE(reply->result(), expected);
+        QCOMPARE(service.requestCount(), row.blocking ? 2 : 0);
+    }
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    service.reset();
+    QFuture<std::string> future = client.callFuture("select_share", argument);
+    QTRY_VERIFY(future.isFinished());
+    QCOMPARE(future.result(), callOperation(norva_sdk_select_share, QString::fromStdString(argument)).result.toStdString());
+#endif
+
+    service.reset();
+    CallReply* fromElsewhere = nullptr;
+    std::thread([&] { fromElsewhere = client.call("select_share", argument); }).join();
+    const std::unique_ptr<CallReply> owned(fromElsewhere);
+    waitForAll({fromElsewhere});
+    QCOMPARE(fromElsewhere->result(), std::string("{\"message\":\"called from a thread other than the client's\",\"status\":400}"));
+    QCOMPARE(service.requestCount(), 0);
+}
+
+// 200 calls at once against a service that answers in another order, each
+// with its own request's body: every reply carries its own call's body. Calls
+// made from the slots run without a nested event loop.
+void AsyncTest::manyInFlightEachReachTheirOwnCall()
+{
+    service.setDefaultReply(ScriptedReply::echo(20));
+    Client client;
+    client.setMaxCallsInFlight(200);
+    std::vector<std::unique_ptr<CallReply>> replies;
+    std::vector<int> finishOrder;
+    std::vector<int> loopLevels;
+    std::function<void(int)> start;
+    start = [&](int user) {
+        replies.emplace_back(client.call(norva_sdk_select_share, shareQuery(service, user)));
+        QObject::connect(replies.back().get(), &CallReply::finished, [&, user] {
+            finishOrder.push_back(user);
+            loopLevels.push_back(QThread::currentThread()->loopLevel());
+            if (user < 20) // a call from a slot
+                start(1000 + user);
+        });
+    };
+    for (int user = 0; user < 200; ++user)
+        start(user);
+    QEventLoop loop;
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (finishOrder.size() == 220)
+            loop.quit();
+    });
+    check.start(5);
+    QTimer::singleShot(30000, &loop, &QEventLoop::quit);
+    loop.exec();
+
+    QCOMPARE(int(finishOrder.size()), 220);
+    QCOMPARE(loopLevels, std::vector<int>(220, 1));
+    std::vector<int> sorted = finishOrder;
+    std::sort(sorted.begin(), sorted.end());
+    QVERIFY(sorted != finishOrder); // the service did answer out of order
+    for (int user = 0; user < 200; ++user) {
+        const QJsonObject result = QJsonDocument::fromJson(QByteArray::fromStdString(replies[user]->result())).object();
+        const QJsonObject sent = QJsonDocument::fromJson(result.value("data").toString().toUtf8()).object();
+        QCOMPARE(result.value("status").toInt(), 200);
+        QCOMPARE(sent.value("currentUserId").toInt(), user);
+    }
+}
+
+// With one call in flight and two waiting: a waiting call cancelled is never
+// sent, a call deleted in flight lets the next one go, and a call cancelled
+// in flight finishes as cancelled.
+void AsyncTest::cancelOrDeleteInFlightOrWaiting()
+{
+    service.setDefaultReply(ScriptedReply::stall());
+    Client client;
+    client.setMaxCallsInFlight(1);
+    auto first = std::make_unique<CallReply*>(client.call("select_share", shareQuery(service, 1)));
+    const std::unique_ptr<CallReply> second(client.call("select_share", shareQuery(service, 2)));
+    const std::unique_ptr<CallReply> third(client.call("select_share", shareQuery(service, 3)));
+    int finishedSignals = 0;
+    for (CallReply* reply : {*first, second.get(), third.get()})
+        QObject::connect(reply, &CallReply::finished, [&] { ++finishedSignals; });
+    QTRY_COMPARE(service.requestCount(), 1);
+
+    second->cancel();
+    QVERIFY(second->isFinished());
+    QCOMPARE(second->result(), cancelled);
+    delete *first; // in flight: no finished(), and the third goes
+    QTRY_COMPARE(service.requestCount(), 2);
+    QVERIFY(service.lastRequest().body.contains(R"("currentUserId":3,)"));
+    third->cancel();
+    waitForAll({third.get()});
+    QCOMPARE(third->result(), cancelled);
+    QCOMPARE(finishedSignals, 2);
+}
+
+// A client destroyed with calls in flight and waiting: each finishes, once, as
+// cancelled.
+void AsyncTest::aClientGoneFinishesItsCalls()
+{
+    service.setDefaultReply(ScriptedReply::stall());
+    auto client = std::make_unique<Client>();
+    client->setMaxCallsInFlight(2);
+    std::vector<std::unique_ptr<CallReply>> replies;
+    int finishedSignals = 0;
+    for (int user = 0; user < 3; ++user) {
+        replies.emplace_back(client->call("select_share", shareQuery(service, user)));
+        QObject::connect(replies.back().get(), &CallReply::finished, [&] { ++finishedSignals; });
+    }
+    QTRY_COMPARE(service.requestCount(), 2);
+    client.reset();
+    QCOMPARE(finishedSignals, 3);
+    for (const auto& reply : replies)
+        QCOMPARE(reply->result(), cancelled);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QCoreApplication::processEvents();
+    QCOMPARE(finishedSignals, 3);
+}
+
+// Eight downloads of one name at once: the file is one whole body, and nothing
+// else is left in the folder.
+void AsyncTest::downloadsOfOneNameNeverMix()
+{
+    QTemporaryDir folder;
+    std::vector<QByteArray> bodies;
+    for (int i = 0; i < 8; ++i) {
+        bodies.push_back(QByteArray(256 * 1024, char('a' + i)));
+        service.script(ScriptedReply::file(bodies.back(), "filename=board.gbr"));
+    }
+    Client client;
+    client.setMaxCallsInFlight(8);
+    const std::string argument =
+        substitute(R"({"ipconfig":"$ADDR","token":"tk","file_downloadpath":")" + folder.path() + R"(","data":{"id":1}})",
+                   service.address()).toStdString();
+    std::vector<std::unique_ptr<CallReply>> replies;
+    for (int i = 0; i < 8; ++i)
+        replies.emplace_back(client.call("download_binary_file", argument));
+    std::vector<CallReply*> waiting;
+    for (const auto& reply : replies)
+        waiting.push_back(reply.get());
+    waitForAll(waiting);
+    for (const auto& reply : replies)
+        QCOMPARE(reply->result(), std::string(R"({"filename":"board.gbr","message":"download success","new_name":"","status":200})"));
+    QCOMPARE(filesBelow(folder.path()), QStringList{"board.gbr"});
+    const QByteArray stored = readFile(folder.filePath("board.gbr"));
+    QVERIFY(std::find(bodies.begin(), bodies.end(), stored) != bodies.end());
+}
+
+QTEST_GUILESS_MAIN(AsyncTest)
+#include "test_async.moc"
