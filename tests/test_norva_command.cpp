@@ -4,6 +4,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -50,6 +52,7 @@ private slots:
     void documentAndSession();
     void loginSavesAndLogoutForgets();
     void ctrlCCancelsTheCall();
+    void batchKeepsTheOrderOfItsLines();
 
 private:
     QString sessionPath() const { return home->filePath(QStringLiteral("config/norva/session.json")); }
@@ -168,6 +171,53 @@ void NorvaCommandTest::ctrlCCancelsTheCall()
     QCOMPARE(process.readAllStandardOutput(), QByteArray("{\"message\":\"request cancelled\",\"status\":400}\n"));
     QCOMPARE(QDir(home->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"board.brd"});
     QCOMPARE(readFile(home->filePath(QStringLiteral("board.brd"))), QByteArray("earlier"));
+}
+
+// A batch prints one result a line in the order of its input, whatever order
+// the replies came in; one failing line makes the exit status 1.
+void NorvaCommandTest::batchKeepsTheOrderOfItsLines()
+{
+    service.setDefaultReply(ScriptedReply::echo(30));
+    const auto line = [](int user) {
+        return QStringLiteral(R"({"operation":"select_share","argument":{"currentUserId":%1}})").arg(user);
+    };
+    QStringList good;
+    for (int user = 0; user < 12; ++user)
+        good << line(user);
+    const QString file = home->filePath(QStringLiteral("batch.jsonl"));
+    const struct {
+        QStringList lines;
+        int exitCode;
+        int requests;
+    } rows[] = {
+        {good, 0, 12},
+        {QStringList{line(1), R"({"operation":"no_such_thing","argument":{}})", "", "not json", line(2)}, 1, 2},
+    };
+    for (const auto& row : rows) {
+        service.reset();
+        service.setDefaultReply(ScriptedReply::echo(30));
+        writeFile(file, row.lines.join(QLatin1Char('\n')).toUtf8());
+        const Run run = norva({"batch", "--jobs", "4", file}, {"NORVA_IPCONFIG=$ADDR", "NORVA_TOKEN=tk"});
+        QCOMPARE(run.exitCode, row.exitCode);
+        QCOMPARE(service.requestCount(), row.requests);
+        const QList<QByteArray> results = run.out.trimmed().split('\n');
+        QStringList expected;
+        for (const QString& sent : row.lines) {
+            if (sent.isEmpty())
+                continue;
+            const int user = sent.contains("currentUserId") ? sent.section(':', -1).remove('}').toInt() : -1;
+            expected << (user >= 0 ? QStringLiteral("status 200 user %1").arg(user) : QStringLiteral("status 400"));
+        }
+        QStringList seen;
+        for (const QByteArray& result : results) {
+            const QJsonObject document = QJsonDocument::fromJson(result).object();
+            const QJsonObject sent = QJsonDocument::fromJson(document.value("data").toString().toUtf8()).object();
+            seen << (document.value("status").toInt() == 200
+                         ? QStringLiteral("status 200 user %1").arg(sent.value("currentUserId").toInt())
+                         : QStringLiteral("status %1").arg(document.value("status").toInt()));
+        }
+        QCOMPARE(seen, expected);
+    }
 }
 
 QTEST_GUILESS_MAIN(NorvaCommandTest)

@@ -8,6 +8,7 @@
 // The result document is the library's own console line (indented instead with
 // --pretty). Exit status 0 when its "status" is 200 or 206, 1 otherwise, 2 for
 // a usage error, 130 when Ctrl-C cancelled the call.
+#include "batch_run.h"
 #include "command_document.h"
 #include "command_line.h"
 #include "interrupt_to_cancel.h"
@@ -22,6 +23,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -41,6 +43,7 @@ struct Options {
     bool save = false;
     bool help = false;
     bool list = false;
+    int jobs = 6; // norva batch
 };
 
 void usage(std::FILE* to)
@@ -50,7 +53,8 @@ void usage(std::FILE* to)
                  "       norva [options] <operation> -              the document on standard input\n"
                  "       norva [options] <operation> key=value ...  the document as pairs\n"
                  "       norva --list                               the operations\n"
-                 "       norva <operation> --help                   the keys of one operation\n\n"
+                 "       norva <operation> --help                   the keys of one operation\n"
+                 "       norva batch [--jobs N] FILE|-              one call a line, N at once (6)\n\n"
                  "Calls one operation of norva-api-qt and prints its result document. The\n"
                  "\"norva_sdk_\" or \"norva_tavlin_\" prefix may be left out. In key=value pairs a\n"
                  "value that is JSON (5, true, null, [1,2], {\"a\":1}, \"text\") is taken as JSON,\n"
@@ -63,7 +67,10 @@ void usage(std::FILE* to)
                  "Later calls fill \"ipconfig\" and \"token\" in when the document lacks them, from\n"
                  "NORVA_IPCONFIG and NORVA_TOKEN if set, else from the saved session.\n"
                  "Uploads and downloads show their progress on a terminal; Ctrl-C cancels.\n"
-                 "Exit status: 0 when the result's status is 200 or 206, 1 otherwise, 2 for a\n"
+                 "A batch line is {\"operation\":\"add2share\",\"argument\":{...}}; the results come\n"
+                 "one a line in the order of the input, the count of those done on a terminal.\n"
+                 "Exit status: 0 when the result's status (every one, for a batch) is 200 or\n"
+                 "206, 1 otherwise, 2 for a\n"
                  "usage error, 130 when cancelled.\n\n"
                  "example: norva login ipconfig=127.0.0.1:8765 username=norva password=norva --save\n"
                  "         norva add2share boardid=4 sharewith_id=2 sharetype=1\n",
@@ -158,6 +165,14 @@ int main(int argc, char** argv)
             options.help = true;
         else if (word == "--list" && i == 0)
             options.list = true;
+        else if (word == "--jobs" && i + 1 < arguments.size()) {
+            const std::string& count = arguments[++i];
+            char* end = nullptr;
+            const long jobs = std::strtol(count.c_str(), &end, 10);
+            if (count.empty() || *end != '\0' || jobs < 1 || jobs > 1000)
+                return fail("--jobs takes a whole number from 1 to 1000, not '" + count + "'");
+            options.jobs = int(jobs);
+        }
         else if (word.size() > 1 && word[0] == '-' && word[1] == '-')
             return fail("no option " + word + " (see norva --help)");
         else
@@ -171,6 +186,20 @@ int main(int argc, char** argv)
     if (words.empty()) {
         usage(options.help ? stdout : stderr);
         return options.help ? 0 : 2;
+    }
+    if (words.front() == "batch") {
+        if (words.size() != 2)
+            return fail("batch takes one FILE, or - for standard input");
+        std::ifstream file;
+        if (words[1] != "-") {
+            file.open(words[1]);
+            if (!file)
+                return fail("cannot read " + words[1]);
+        }
+        std::optional<Session> session;
+        if (!options.noSession)
+            session = currentSession();
+        return runBatch(words[1] == "-" ? std::cin : file, options.jobs, session);
     }
     const OperationEntry* const entry = findOperation(words.front());
     if (!entry)
