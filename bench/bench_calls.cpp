@@ -4,6 +4,9 @@
 //
 //   bench_calls ADDRESS library|bare|library-host|bare-host CALLS   (us per call)
 //   bench_calls ADDRESS upload-library|upload-bare FILE             (MB/s)
+//   bench_calls ADDRESS async-N|manager-N CALLS      (us per call, N in flight:
+//                                                     the asynchronous face, or
+//                                                     bare Qt with one manager)
 //
 // The figure goes to standard error: standard output takes the library's
 // console echo, which the caller sends to a file, so that the echo costs its
@@ -36,15 +39,19 @@ int main(int argc, char** argv)
         return ok ? 0 : 1;
     }
     const int calls = std::atoi(argv[3]);
-    const bool host = mode == "library-host" || mode == "bare-host";
+    const bool inFlight = mode.rfind("async-", 0) == 0 || mode.rfind("manager-", 0) == 0;
+    const bool host = mode == "library-host" || mode == "bare-host" || inFlight;
     static int appArgc = 1;
     static char appName[] = "bench_calls";
     static char* appArgv[] = {appName, nullptr};
     std::unique_ptr<QCoreApplication> application;
     if (host)
         application = std::make_unique<QCoreApplication>(appArgc, appArgv);
-    const double micros = mode.rfind("library", 0) == 0 ? bench::libraryMicrosPerCall(address, calls)
-                                                        : bench::bareQtMicrosPerCall(address, calls, !host);
+    const int atOnce = inFlight ? std::atoi(mode.c_str() + mode.find('-') + 1) : 1;
+    const double micros = mode.rfind("async-", 0) == 0     ? bench::asyncMicrosPerCall(address, calls, atOnce)
+                          : mode.rfind("manager-", 0) == 0 ? bench::reusedManagerMicrosPerCall(address, calls, atOnce)
+                          : mode.rfind("library", 0) == 0  ? bench::libraryMicrosPerCall(address, calls)
+                                                           : bench::bareQtMicrosPerCall(address, calls, !host);
     std::fprintf(stderr, "%.0f\n", micros);
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "call_runs.h"
 
 #include "norva_api_qt.h"
+#include "norva_api_qt_async.h"
 
 #include "frame/qt_line.h"
 
@@ -13,7 +14,9 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 
+#include <algorithm>
 #include <chrono>
+#include <functional>
 #include <memory>
 
 namespace bench {
@@ -71,6 +74,63 @@ double bareQtMicrosPerCall(const std::string& address, int calls, bool freshAppl
         reply->readAll();
     }
     return microsSince(start, calls);
+}
+
+namespace {
+
+// Keeps `inFlight` calls going until `calls` have finished; `start(i, done)`
+// starts call i and calls `done` when it finished.
+double keepInFlight(int calls, int inFlight, const std::function<void(int, std::function<void()>)>& start)
+{
+    QEventLoop loop;
+    int started = 0;
+    int finished = 0;
+    std::function<void()> next;
+    next = [&] {
+        if (++finished == calls)
+            loop.quit();
+        else if (started < calls)
+            start(started++, next);
+    };
+    const auto begin = Clock::now();
+    while (started < std::min(calls, inFlight))
+        start(started++, next);
+    loop.exec();
+    return microsSince(begin, calls);
+}
+
+} // namespace
+
+double asyncMicrosPerCall(const std::string& address, int calls, int inFlight)
+{
+    NORVA::NORVA_API_QT::Client client;
+    client.setMaxCallsInFlight(inFlight);
+    const std::string select =
+        R"({"ipconfig":")" + address + R"(","token":"bench-token","userid":1,"boardname":"top"})";
+    return keepInFlight(calls, inFlight, [&](int, std::function<void()> done) {
+        NORVA::NORVA_API_QT::CallReply* const reply = client.call(NORVA::NORVA_API_QT::norva_sdk_select_share, select);
+        QObject::connect(reply, &NORVA::NORVA_API_QT::CallReply::finished, reply, [reply, done] {
+            reply->deleteLater();
+            done();
+        });
+    });
+}
+
+double reusedManagerMicrosPerCall(const std::string& address, int calls, int inFlight)
+{
+    QNetworkAccessManager manager;
+    const QByteArray selectBody = R"({"brdName":"top","currentUserId":0,"endTime":null,"startTime":null,"userId":1})";
+    QNetworkRequest request(QUrl(QString::fromStdString("http://" + address + "/kvr/share/selectShare")));
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray("application/json"));
+    request.setRawHeader("token", "bench-token");
+    return keepInFlight(calls, inFlight, [&](int, std::function<void()> done) {
+        QNetworkReply* const reply = manager.post(request, selectBody);
+        QObject::connect(reply, &QNetworkReply::finished, reply, [reply, done] {
+            reply->readAll();
+            reply->deleteLater();
+            done();
+        });
+    });
 }
 
 bool libraryUpload(const std::string& address, const std::string& path)

@@ -16,6 +16,13 @@ double libraryMicrosPerCall(const std::string& address, int calls);
 // unless told not to.
 double bareQtMicrosPerCall(const std::string& address, int calls, bool freshApplication, bool plugins = false);
 
+// Microseconds per call of `calls` share queries with `inFlight` at once from
+// one thread with a running event loop (needs an application): through the
+// library's asynchronous face (one Client), and in bare Qt with one reused
+// manager.
+double asyncMicrosPerCall(const std::string& address, int calls, int inFlight);
+double reusedManagerMicrosPerCall(const std::string& address, int calls, int inFlight);
+
 // One upload of the file at `path`: by the library, and the same form in bare
 // Qt (a file part and a data part, one manager). True when the sink said 200.
 bool libraryUpload(const std::string& address, const std::string& path);

@@ -185,19 +185,22 @@ void NorvaCommandTest::batchKeepsTheOrderOfItsLines()
     for (int user = 0; user < 12; ++user)
         good << line(user);
     const QString file = home->filePath(QStringLiteral("batch.jsonl"));
+    const QStringList mixed{line(1), R"({"operation":"no_such_thing","argument":{}})", "", "not json", line(2)};
     const struct {
         QStringList lines;
+        QStringList options;
         int exitCode;
         int requests;
     } rows[] = {
-        {good, 0, 12},
-        {QStringList{line(1), R"({"operation":"no_such_thing","argument":{}})", "", "not json", line(2)}, 1, 2},
+        {good, {"--jobs", "4"}, 0, 12},
+        {mixed, {"--jobs", "4"}, 1, 2},
+        {mixed, {"--blocking"}, 1, 2}, // the same lines from the blocking functions
     };
     for (const auto& row : rows) {
         service.reset();
         service.setDefaultReply(ScriptedReply::echo(30));
         writeFile(file, row.lines.join(QLatin1Char('\n')).toUtf8());
-        const Run run = norva({"batch", "--jobs", "4", file}, {"NORVA_IPCONFIG=$ADDR", "NORVA_TOKEN=tk"});
+        const Run run = norva(QStringList{"batch"} + row.options + QStringList{file}, {"NORVA_IPCONFIG=$ADDR", "NORVA_TOKEN=tk"});
         QCOMPARE(run.exitCode, row.exitCode);
         QCOMPARE(service.requestCount(), row.requests);
         const QList<QByteArray> results = run.out.trimmed().split('\n');

@@ -1,6 +1,7 @@
 #include "batch_run.h"
 
 #include "command_document.h"
+#include "operation_list.h"
 
 #include "norva_api_qt_async.h"
 
@@ -22,9 +23,35 @@ namespace {
 using NORVA::NORVA_API_QT::CallReply;
 using NORVA::NORVA_API_QT::Client;
 
+std::string compact(const QJsonObject& object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
+}
+
 std::string refusal(const char* message)
 {
-    return std::string(R"({"message":")") + message + R"(","status":400})";
+    return compact(QJsonObject{{QStringLiteral("message"), QString::fromLatin1(message)}, {QStringLiteral("status"), 400}});
+}
+
+// A line's call: the operation's name and its argument text, or the refusal
+// of a line that is no call.
+struct ReadLine {
+    std::string operation;
+    std::string argument;
+    std::string refused;
+};
+
+ReadLine readLine(const std::string& text, const std::optional<Session>& session)
+{
+    const QJsonObject line = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
+    const QJsonValue operation = line.value(QStringLiteral("operation"));
+    const QJsonValue argument = line.value(QStringLiteral("argument"));
+    if (!operation.isString() || !argument.isObject())
+        return {{}, {}, refusal("a line needs \"operation\" (text) and \"argument\" (an object)")};
+    std::string document = compact(argument.toObject());
+    if (session)
+        document = withSession(document, *session, false);
+    return {operation.toString().toStdString(), document, {}};
 }
 
 bool succeeded(const std::string& result)
@@ -35,8 +62,37 @@ bool succeeded(const std::string& result)
 
 } // namespace
 
-int runBatch(std::istream& input, int jobs, const std::optional<Session>& session)
+namespace {
+
+std::string unknownOperation(const std::string& name)
 {
+    return compact(QJsonObject{{QStringLiteral("message"), QStringLiteral("unknown operation")},
+                               {QStringLiteral("operation"), QString::fromStdString(name)},
+                               {QStringLiteral("status"), 400}});
+}
+
+} // namespace
+
+int runBatch(std::istream& input, int jobs, const std::optional<Session>& session, bool blocking)
+{
+    if (blocking) {
+        bool allSucceeded = true;
+        std::string text;
+        while (std::getline(input, text)) {
+            if (text.find_first_not_of(" \t\r") == std::string::npos)
+                continue;
+            const ReadLine line = readLine(text, session);
+            const OperationEntry* const entry = line.refused.empty() ? findOperation(line.operation) : nullptr;
+            std::string result = entry ? entry->function(line.argument) : std::string(); // echoes its own line
+            if (!entry) {
+                result = line.refused.empty() ? unknownOperation(line.operation) : line.refused;
+                std::printf("%s\n", result.c_str());
+            }
+            allSucceeded = allSucceeded && succeeded(result);
+        }
+        return allSucceeded ? 0 : 1;
+    }
+
     int argc = 1;
     char name[] = "norva";
     char* argv[] = {name, nullptr};
@@ -54,17 +110,11 @@ int runBatch(std::istream& input, int jobs, const std::optional<Session>& sessio
     while (std::getline(input, text)) {
         if (text.find_first_not_of(" \t\r") == std::string::npos)
             continue;
-        const QJsonObject line = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
-        const QJsonValue operation = line.value(QStringLiteral("operation"));
-        const QJsonValue argument = line.value(QStringLiteral("argument"));
-        if (!operation.isString() || !argument.isObject()) {
-            lines.push_back({nullptr, refusal("a line needs \\\"operation\\\" (text) and \\\"argument\\\" (an object)")});
-            continue;
-        }
-        std::string document = QJsonDocument(argument.toObject()).toJson(QJsonDocument::Compact).toStdString();
-        if (session)
-            document = withSession(document, *session, false);
-        lines.push_back({std::unique_ptr<CallReply>(client.call(operation.toString().toStdString(), document)), {}});
+        const ReadLine line = readLine(text, session);
+        if (!line.refused.empty())
+            lines.push_back({nullptr, line.refused});
+        else
+            lines.push_back({std::unique_ptr<CallReply>(client.call(line.operation, line.argument)), {}});
     }
 
     // Results go out in input order, each as soon as those before it are out.

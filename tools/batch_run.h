@@ -13,7 +13,9 @@ namespace norva::command {
 // skipped) and prints one result line each, in their order, with up to `jobs`
 // calls in flight. `session`, when given, fills in "ipconfig" and "token". On a
 // terminal, standard error shows how many are done. Exit status 0 when every
-// status is 200 or 206, else 1.
-int runBatch(std::istream& input, int jobs, const std::optional<Session>& session);
+// status is 200 or 206, else 1. `blocking` makes the same calls one after
+// another through the blocking functions instead (their own console lines are
+// the output), to compare the two.
+int runBatch(std::istream& input, int jobs, const std::optional<Session>& session, bool blocking);
 
 } // namespace norva::command

@@ -43,7 +43,8 @@ struct Options {
     bool save = false;
     bool help = false;
     bool list = false;
-    int jobs = 6; // norva batch
+    int jobs = 6;          // norva batch
+    bool blocking = false; // norva batch, through the blocking functions
 };
 
 void usage(std::FILE* to)
@@ -54,7 +55,8 @@ void usage(std::FILE* to)
                  "       norva [options] <operation> key=value ...  the document as pairs\n"
                  "       norva --list                               the operations\n"
                  "       norva <operation> --help                   the keys of one operation\n"
-                 "       norva batch [--jobs N] FILE|-              one call a line, N at once (6)\n\n"
+                 "       norva batch [--jobs N] FILE|-              one call a line, N at once (6)\n"
+                 "       norva batch --blocking FILE|-              the same, one after another\n\n"
                  "Calls one operation of norva-api-qt and prints its result document. The\n"
                  "\"norva_sdk_\" or \"norva_tavlin_\" prefix may be left out. In key=value pairs a\n"
                  "value that is JSON (5, true, null, [1,2], {\"a\":1}, \"text\") is taken as JSON,\n"
@@ -165,6 +167,8 @@ int main(int argc, char** argv)
             options.help = true;
         else if (word == "--list" && i == 0)
             options.list = true;
+        else if (word == "--blocking")
+            options.blocking = true;
         else if (word == "--jobs" && i + 1 < arguments.size()) {
             const std::string& count = arguments[++i];
             char* end = nullptr;
@@ -199,7 +203,7 @@ int main(int argc, char** argv)
         std::optional<Session> session;
         if (!options.noSession)
             session = currentSession();
-        return runBatch(words[1] == "-" ? std::cin : file, options.jobs, session);
+        return runBatch(words[1] == "-" ? std::cin : file, options.jobs, session, options.blocking);
     }
     const OperationEntry* const entry = findOperation(words.front());
     if (!entry)

@@ -1,0 +1,235 @@
+// The asynchronous face beside bare Qt with one reused manager and libcurl's
+// multi interface, against a loopback sink; and the peak resident memory of
+// downloads through either face.
+//
+//   bench_async [--quick]
+//
+// Each figure is the median of repeated runs, the library and its baseline
+// taking turns at going first. Downloads run in child processes, each with its
+// own peak resident memory (ru_maxrss).
+#include "call_runs.h"
+#include "loopback_sink.h"
+
+#include "norva_api_qt.h"
+#include "norva_api_qt_async.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// libcurl's multi interface: `inFlight` easy handles, each reused (and its
+// connection kept) for call after call.
+double curlMultiMicrosPerCall(const std::string& address, int calls, int inFlight)
+{
+    const std::string url = "http://" + address + "/kvr/share/selectShare";
+    const char* body = R"({"brdName":"top","currentUserId":0,"endTime":null,"startTime":null,"userId":1})";
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    headers = curl_slist_append(headers, "token: bench-token");
+    CURLM* multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, long(inFlight));
+    const auto discard = +[](char*, size_t size, size_t count, void*) { return size * count; };
+    std::vector<CURL*> handles;
+    int started = 0;
+    const auto start = [&](CURL* handle) {
+        ++started;
+        curl_multi_add_handle(multi, handle);
+    };
+    for (int i = 0; i < std::min(calls, inFlight); ++i) {
+        CURL* handle = curl_easy_init();
+        curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body);
+        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, discard);
+        handles.push_back(handle);
+    }
+    const auto begin = Clock::now();
+    for (CURL* handle : handles)
+        start(handle);
+    int finished = 0;
+    while (finished < calls) {
+        int running = 0;
+        curl_multi_perform(multi, &running);
+        int queued = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+            if (message->msg != CURLMSG_DONE)
+                continue;
+            ++finished;
+            CURL* const handle = message->easy_handle;
+            curl_multi_remove_handle(multi, handle);
+            if (started < calls)
+                start(handle);
+        }
+        if (finished < calls)
+            curl_multi_poll(multi, nullptr, 0, 100, nullptr);
+    }
+    const double micros = std::chrono::duration<double, std::micro>(Clock::now() - begin).count() / calls;
+    for (CURL* handle : handles)
+        curl_easy_cleanup(handle);
+    curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+    return micros;
+}
+
+// A child process: one download through the blocking face, or `count` at once
+// through the asynchronous one. Exit 0 when every one stored its file.
+int childDownload(const std::string& face, const std::string& address, const std::string& folder, int count)
+{
+    const std::string argument = R"({"ipconfig":")" + address + R"(","token":"t","file_downloadpath":")" + folder
+                                 + R"(","data":{"id":1},"reName":")";
+    if (face == "blocking")
+        return NORVA::NORVA_API_QT::norva_sdk_download_binary_file(argument + R"(b"})").find("\"status\":200")
+                       != std::string::npos
+                   ? 0
+                   : 1;
+    int argc = 1;
+    char name[] = "bench_async";
+    char* argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+    NORVA::NORVA_API_QT::Client client;
+    client.setMaxCallsInFlight(count);
+    std::vector<std::unique_ptr<NORVA::NORVA_API_QT::CallReply>> replies;
+    int finished = 0;
+    for (int i = 0; i < count; ++i) {
+        replies.emplace_back(client.call("download_binary_file", argument + "a" + std::to_string(i) + "\"}"));
+        QObject::connect(replies.back().get(), &NORVA::NORVA_API_QT::CallReply::finished, [&] {
+            if (++finished == count)
+                QCoreApplication::quit();
+        });
+    }
+    application.exec();
+    for (const auto& reply : replies) {
+        if (reply->result().find("\"status\":200") == std::string::npos)
+            return 1;
+    }
+    return 0;
+}
+
+struct ChildRun {
+    long peakKiB = 0;
+    int exitCode = -1;
+};
+
+ChildRun runChild(const std::vector<std::string>& arguments)
+{
+    std::vector<char*> argv;
+    for (const std::string& a : arguments)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, 1);
+        ::execv(argv[0], argv.data());
+        std::_Exit(127);
+    }
+    int status = 0;
+    rusage usage{};
+    ::wait4(child, &status, 0, &usage);
+    return {usage.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 6 && std::strcmp(argv[1], "--child-download") == 0)
+        return childDownload(argv[2], argv[3], argv[4], std::atoi(argv[5]));
+    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    const int calls = quick ? 200 : 10000;
+    const int repeats = quick ? 1 : 5;
+    const std::uint64_t mib = 1 << 20;
+
+    std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "measurement", "async face", "bare Qt", "libcurl multi",
+                "async / Qt");
+    std::printf("|%s|%s|%s|%s|%s|\n", std::string(54, '-').c_str(), std::string(16, '-').c_str(),
+                std::string(16, '-').c_str(), std::string(16, '-').c_str(), std::string(12, '-').c_str());
+    {
+        bench::LoopbackSink sink;
+        const std::string address = sink.address();
+        int appArgc = 1;
+        char appName[] = "bench_async";
+        char* appArgv[] = {appName, nullptr};
+        QCoreApplication application(appArgc, appArgv);
+        // The blocking face's console echo goes to /dev/null: it costs its write,
+        // and the table stays readable.
+        std::vector<double> blocking;
+        std::fflush(stdout);
+        const int console = ::dup(1);
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, 1);
+        ::close(null);
+        for (int run = 0; run < repeats; ++run)
+            blocking.push_back(bench::libraryMicrosPerCall(address, std::min(calls, 2000)));
+        std::fflush(stdout);
+        ::dup2(console, 1);
+        ::close(console);
+        for (const int inFlight : {1, 6, 32}) {
+            std::vector<double> async, qt, curl;
+            for (int run = 0; run < repeats; ++run) {
+                if (run % 2) {
+                    async.push_back(bench::asyncMicrosPerCall(address, calls, inFlight));
+                    qt.push_back(bench::reusedManagerMicrosPerCall(address, calls, inFlight));
+                } else {
+                    qt.push_back(bench::reusedManagerMicrosPerCall(address, calls, inFlight));
+                    async.push_back(bench::asyncMicrosPerCall(address, calls, inFlight));
+                }
+                curl.push_back(curlMultiMicrosPerCall(address, calls, inFlight));
+            }
+            const double a = median(async), q = median(qt), c = median(curl);
+            const std::string label = std::to_string(calls) + " queries, " + std::to_string(inFlight)
+                                      + " in flight: calls/s (us per call)";
+            char cells[3][32];
+            std::snprintf(cells[0], sizeof cells[0], "%.0f (%.0f)", 1e6 / a, a);
+            std::snprintf(cells[1], sizeof cells[1], "%.0f (%.0f)", 1e6 / q, q);
+            std::snprintf(cells[2], sizeof cells[2], "%.0f (%.0f)", 1e6 / c, c);
+            std::printf("| %-52s | %-14s | %-14s | %-14s | %-10.2f |\n", label.c_str(), cells[0], cells[1], cells[2], a / q);
+        }
+        std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "blocking face, host application: us per call",
+                    "-", "-", "-", std::to_string(int(median(blocking))).c_str());
+    }
+
+    // Downloads: peak resident memory of the whole process.
+    const std::uint64_t big = (quick ? 16 : 2048) * mib;
+    const std::uint64_t each = (quick ? 4 : 256) * mib;
+    char folderTemplate[] = "/tmp/norva-bench-async-XXXXXX";
+    const std::string folder = ::mkdtemp(folderTemplate);
+    const auto peakMiB = [&](std::uint64_t bytes, const char* face, int count) {
+        bench::LoopbackSink sink(bytes);
+        const ChildRun run = runChild({argv[0], "--child-download", face, sink.address(), folder, std::to_string(count)});
+        std::system(("rm -f " + folder + "/*").c_str());
+        return run.exitCode == 0 ? std::to_string(run.peakKiB / 1024) + " MiB" : std::string("failed");
+    };
+    const std::string oneBig = std::to_string(big / mib) + " MiB download: peak resident";
+    std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", oneBig.c_str(), peakMiB(big, "async", 1).c_str(),
+                ("blocking " + peakMiB(big, "blocking", 1)).c_str(), "-", "-");
+    const std::string eight = "eight " + std::to_string(each / mib) + " MiB downloads at once: peak resident";
+    std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", eight.c_str(), peakMiB(each, "async", 8).c_str(), "-", "-",
+                "-");
+    ::rmdir(folder.c_str());
+    return 0;
+}
