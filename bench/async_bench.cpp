@@ -8,6 +8,7 @@
 // taking turns at going first. Downloads run in child processes, each with its
 // own peak resident memory (ru_maxrss).
 #include "call_runs.h"
+#include "child_run.h"
 #include "loopback_sink.h"
 
 #include "norva_api_qt.h"
@@ -32,6 +33,8 @@
 
 namespace {
 
+using bench::ChildRun;
+using bench::runChild;
 using Clock = std::chrono::steady_clock;
 
 double median(std::vector<double> values)
@@ -126,31 +129,6 @@ int childDownload(const std::string& face, const std::string& address, const std
             return 1;
     }
     return 0;
-}
-
-struct ChildRun {
-    long peakKiB = 0;
-    int exitCode = -1;
-};
-
-ChildRun runChild(const std::vector<std::string>& arguments)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : arguments)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int null = ::open("/dev/null", O_WRONLY);
-        ::dup2(null, 1);
-        ::execv(argv[0], argv.data());
-        std::_Exit(127);
-    }
-    int status = 0;
-    rusage usage{};
-    ::wait4(child, &status, 0, &usage);
-    return {usage.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
 } // namespace

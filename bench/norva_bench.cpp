@@ -6,6 +6,7 @@
 // Every figure is the median of repeated runs. Transfers run in child processes
 // so that each gets its own peak resident memory (ru_maxrss).
 #include "call_runs.h"
+#include "child_run.h"
 #include "loopback_sink.h"
 
 #include "norva_api_qt.h"
@@ -41,6 +42,8 @@
 
 namespace {
 
+using bench::ChildRun;
+using bench::runChild;
 using Clock = std::chrono::steady_clock;
 
 double median(std::vector<double> values)
@@ -140,37 +143,6 @@ double applicationMicros(int rounds)
 }
 
 // ---- Child processes for transfers --------------------------------------------
-
-struct ChildRun {
-    double seconds = 0;
-    long peakKiB = 0;
-    int exitCode = -1;
-};
-
-ChildRun runChild(const std::vector<std::string>& arguments)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : arguments)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::fflush(nullptr);
-    const auto start = Clock::now();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int null = ::open("/dev/null", O_WRONLY);
-        ::dup2(null, 1);
-        ::execv(argv[0], argv.data());
-        std::_Exit(127);
-    }
-    int status = 0;
-    rusage usage{};
-    ::wait4(child, &status, 0, &usage);
-    ChildRun run;
-    run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    run.peakKiB = usage.ru_maxrss;
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
-}
 
 int openDescriptors()
 {
