@@ -220,8 +220,15 @@ void AsyncTest::downloadsOfOneNameNeverMix()
         substitute(R"({"ipconfig":"$ADDR","token":"tk","file_downloadpath":")" + folder.path() + R"(","data":{"id":1}})",
                    service.address()).toStdString();
     std::vector<std::unique_ptr<CallReply>> replies;
-    for (int i = 0; i < 8; ++i)
+    std::vector<CallProgress> last(8, CallProgress{nullptr, 0, -1, 0, -1});
+    bool onlyGrew = true;
+    for (int i = 0; i < 8; ++i) {
         replies.emplace_back(client.call("download_binary_file", argument));
+        QObject::connect(replies.back().get(), &CallReply::progress, [&, i](const CallProgress& progress) {
+            onlyGrew = onlyGrew && progress.bytesReceived >= last[i].bytesReceived && progress.bytesSent >= last[i].bytesSent;
+            last[i] = progress;
+        });
+    }
     std::vector<CallReply*> waiting;
     for (const auto& reply : replies)
         waiting.push_back(reply.get());
@@ -229,6 +236,13 @@ void AsyncTest::downloadsOfOneNameNeverMix()
     for (const auto& reply : replies)
         QCOMPARE(reply->result(), std::string(R"({"filename":"board.gbr","message":"download success","new_name":"","status":200})"));
     QCOMPARE(filesBelow(folder.path()), QStringList{"board.gbr"});
+    // Each reply's progress, paced as the observer's, ends with its whole body.
+    QVERIFY(onlyGrew);
+    for (const CallProgress& progress : last) {
+        QCOMPARE(QByteArray(progress.operation), QByteArray("norva_sdk_download_binary_file"));
+        QCOMPARE(progress.bytesReceived, qint64(256 * 1024));
+        QCOMPARE(progress.bytesToReceive, qint64(256 * 1024));
+    }
     const QByteArray stored = readFile(folder.filePath("board.gbr"));
     QVERIFY(std::find(bodies.begin(), bodies.end(), stored) != bodies.end());
 }
