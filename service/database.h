@@ -41,4 +41,33 @@ private:
     std::mutex mutex;
 };
 
+// A transaction that ends with commit(), or is rolled back when it goes
+// without one (an exception on the way).
+class Transaction
+{
+public:
+    explicit Transaction(Database& db) : db(db) { db.execute("BEGIN"); }
+    ~Transaction()
+    {
+        if (!committed) {
+            try {
+                db.execute("ROLLBACK");
+            } catch (...) {
+            }
+        }
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    void commit()
+    {
+        db.execute("COMMIT");
+        committed = true;
+    }
+
+private:
+    Database& db;
+    bool committed = false;
+};
+
 } // namespace norva::service

@@ -10,10 +10,14 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
 
 using norva::service::wholeNumber;
 
@@ -27,7 +31,9 @@ int usage()
                 "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
                 "  --idle-seconds N  how long a connection may stay silent (default 30)\n"
                 "  data-folder  where the database and file contents live (default ./norva-data)\n"
-                "  --add-user NAME:PASSWORD  add a user when the data folder has none of that name (repeatable)\n"
+                "  --add-user NAME   add a user when the data folder has none of that name, with the password\n"
+                "                    read from standard input (one line); NAME:@FILE reads it from FILE's first\n"
+                "                    line; NAME:PASSWORD takes it as given, where every local user sees it (repeatable)\n"
                 "faults, for testing a host's error paths:\n"
                 "  --delay-ms N              wait N ms before every answer\n"
                 "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status, 200-599 (the first N times; else always)\n"
@@ -61,8 +67,38 @@ bool readAddress(const std::string& text, std::string& host, int& port)
 
 } // namespace
 
+// The password of an --add-user value: from standard input after "NAME", from
+// the first line of FILE after "NAME:@FILE", or as given after "NAME:" (with a
+// warning: the process list shows it to every local user). False when there
+// is none.
+bool readPassword(const std::string& user, std::size_t colon, std::string& password)
+{
+    const auto firstLine = [&password](std::istream& in) {
+        std::getline(in, password);
+        if (!password.empty() && password.back() == '\r')
+            password.pop_back();
+        return !password.empty();
+    };
+    if (colon == std::string::npos) {
+        std::fprintf(stderr, "password for %s: ", user.c_str());
+        return firstLine(std::cin);
+    }
+    if (user.compare(colon + 1, 1, "@") == 0) {
+        std::ifstream file(user.substr(colon + 2));
+        return file && firstLine(file);
+    }
+    password = user.substr(colon + 1);
+    std::fprintf(stderr, "norva-records-service: warning: the password of %s stands in the process list, where every "
+                         "local user can read it; use --add-user %s (standard input) or %s:@FILE\n",
+                 user.substr(0, colon).c_str(), user.substr(0, colon).c_str(), user.substr(0, colon).c_str());
+    return true;
+}
+
 int main(int argc, char** argv)
 {
+    // What the service makes (database, boards, spooled bodies) is its user's
+    // alone.
+    ::umask(077);
     norva::service::ServiceOptions options;
     norva::service::FaultInjection faults;
     norva::service::HttpLimits limits;
@@ -106,9 +142,9 @@ int main(int argc, char** argv)
         else if (arg == "--drop")
             understood = faults.addDrop(value);
         else if (arg == "--add-user") {
-            // NAME:PASSWORD, neither empty; the password may hold colons.
+            // NAME, NAME:@FILE or NAME:PASSWORD; a password may hold colons.
             const std::size_t colon = value.find(':');
-            understood = colon != std::string::npos && colon > 0 && colon + 1 < value.size();
+            understood = colon != 0 && (colon == std::string::npos || colon + 1 < value.size());
             if (understood)
                 newUsers.push_back(value);
         } else
@@ -126,9 +162,13 @@ int main(int argc, char** argv)
     }
     for (const std::string& user : newUsers) {
         const std::size_t colon = user.find(':');
+        const std::string name = user.substr(0, colon);
+        std::string password;
+        if (!readPassword(user, colon, password))
+            return misuse("no password for --add-user " + name);
         std::string taken;
-        if (service.addUser(user.substr(0, colon), user.substr(colon + 1), taken))
-            std::printf("added user %s\n", user.substr(0, colon).c_str());
+        if (service.addUser(name, password, taken))
+            std::printf("added user %s\n", name.c_str());
     }
     limits.spoolFolder = service.spoolFolder();
     norva::service::HttpServer server(limits);

@@ -48,4 +48,30 @@ bool isPasswordHash(const std::string& stored)
     return stored.rfind("$argon2id$", 0) == 0;
 }
 
+namespace {
+
+std::string hex(const unsigned char* bytes, std::size_t size)
+{
+    std::string text(size * 2 + 1, '\0');
+    sodium_bin2hex(&text[0], text.size(), bytes, size);
+    text.pop_back();
+    return text;
+}
+
+} // namespace
+
+std::string tokenHash(const std::string& token)
+{
+    unsigned char digest[crypto_hash_sha256_BYTES];
+    crypto_hash_sha256(digest, reinterpret_cast<const unsigned char*>(token.data()), token.size());
+    return hex(digest, sizeof digest);
+}
+
+std::string newToken()
+{
+    unsigned char bytes[32];
+    randombytes_buf(bytes, sizeof bytes);
+    return hex(bytes, sizeof bytes);
+}
+
 } // namespace norva::service

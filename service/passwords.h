@@ -14,6 +14,14 @@ std::string hashPassword(const std::string& plain);
 // Whether `plain` is the password that `hash` was made from.
 bool passwordMatches(const std::string& hash, const std::string& plain);
 
+// The SHA-256 of a login token, in hex: what the service keeps of a token (a
+// token is 256 random bits, so a fast hash is enough; the file never holds one
+// that works).
+std::string tokenHash(const std::string& token);
+
+// A new login token: 256 random bits in hex.
+std::string newToken();
+
 // Whether a stored value is such a hash (a database from before holds the
 // passwords as they were typed).
 bool isPasswordHash(const std::string& stored);

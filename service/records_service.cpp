@@ -4,6 +4,7 @@
 #include "passwords.h"
 
 #include <QDateTime>
+#include <QFileInfo>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -12,6 +13,8 @@
 #include <QUuid>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cstdio>
 #include <fstream>
 #include <limits>
@@ -25,7 +28,9 @@ namespace {
 const char* const schema = R"(
 CREATE TABLE IF NOT EXISTS users(id INTEGER PRIMARY KEY, userName TEXT UNIQUE NOT NULL, userPwd TEXT NOT NULL,
   userRealname TEXT);
-CREATE TABLE IF NOT EXISTS tokens(token TEXT PRIMARY KEY, userId INTEGER NOT NULL, expires INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS login_tokens(hash TEXT PRIMARY KEY, userId INTEGER NOT NULL, expires INTEGER NOT NULL);
+CREATE INDEX IF NOT EXISTS login_tokens_by_user ON login_tokens(userId);
+CREATE INDEX IF NOT EXISTS login_tokens_by_expiry ON login_tokens(expires);
 CREATE TABLE IF NOT EXISTS original_files(id INTEGER PRIMARY KEY, origfilename TEXT, origfileguid TEXT,
   mongogridfsid TEXT, origfilesuffix TEXT, zkcompanycode TEXT, createuserid, fileupdateuserid, updateuserid,
   parentid, type, source, isError, delflag INTEGER NOT NULL DEFAULT 0, size INTEGER, createtime TEXT, owner INTEGER);
@@ -36,6 +41,8 @@ CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY, userId, boardId, b
 CREATE TABLE IF NOT EXISTS error_library(id INTEGER PRIMARY KEY, source, layer, errorMessage);
 CREATE TABLE IF NOT EXISTS error_messages(id INTEGER PRIMARY KEY, brdId, isReappear, remark, gridX, gridY, source,
   layer, priority, libraryId, errorMessage, owner INTEGER);
+CREATE INDEX IF NOT EXISTS shares_same ON shares(userId, brdId, acsTypeId);
+CREATE INDEX IF NOT EXISTS favourites_same ON favourites(userId, boardId);
 CREATE TABLE IF NOT EXISTS mall_orders(id INTEGER PRIMARY KEY, orderNum TEXT UNIQUE, userId, boardId, createtime TEXT);
 CREATE TABLE IF NOT EXISTS planner_models(id INTEGER PRIMARY KEY, name TEXT, params TEXT, createtime TEXT);
 )";
@@ -245,6 +252,7 @@ bool RecordsService::open(std::string& error, bool& seeded)
         error = "cannot create the data folder " + options.dataFolder;
         return false;
     }
+    keepPrivate();
     if (!db.open(options.dataFolder + "/records.sqlite3", error))
         return false;
     try {
@@ -252,6 +260,7 @@ bool RecordsService::open(std::string& error, bool& seeded)
         db.execute("PRAGMA journal_mode=WAL; PRAGMA secure_delete=ON;");
         db.execute(schema);
         upgrade();
+        purgeExpiredTokens();
         seeded = db.query("SELECT id FROM users LIMIT 1").isEmpty();
         if (seeded)
             seed();
@@ -277,6 +286,8 @@ void RecordsService::upgrade()
             db.execute(std::string("UPDATE ") + table + " SET owner = " + ownerFrom);
     };
     db.execute("BEGIN");
+    // Tokens from before stood in clear text: their users log in again.
+    db.execute("DROP TABLE IF EXISTS tokens");
     addOwner("shares", "userId");
     addOwner("favourites", "userId");
     addOwner("original_files", "createuserid");
@@ -355,12 +366,31 @@ void RecordsService::seed()
     db.execute("COMMIT");
 }
 
+// Only the owner may enter the data folder: the database holds the users and
+// their records, the files the boards. Files made before are made private too;
+// new ones are, by the service's umask (see main).
+void RecordsService::keepPrivate() const
+{
+    const auto owner = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+    for (const QString& folder : {QString::fromStdString(options.dataFolder),
+                                  QString::fromStdString(options.dataFolder + "/files")}) {
+        QFile::setPermissions(folder, owner | QFileDevice::ExeOwner);
+        for (const QFileInfo& file : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden))
+            QFile::setPermissions(file.filePath(), owner);
+    }
+}
+
+void RecordsService::purgeExpiredTokens()
+{
+    db.change("DELETE FROM login_tokens WHERE expires <= ?", {double(QDateTime::currentSecsSinceEpoch())});
+}
+
 long long RecordsService::tokenUser(const std::string& token)
 {
     if (token.empty() || options.expireTokens)
         return 0;
-    const QJsonArray rows = db.query("SELECT userId FROM tokens WHERE token = ? AND expires > ?",
-                                     {QString::fromStdString(token), double(QDateTime::currentSecsSinceEpoch())});
+    const QJsonArray rows = db.query("SELECT userId FROM login_tokens WHERE hash = ? AND expires > ?",
+                                     {QString::fromStdString(tokenHash(token)), double(QDateTime::currentSecsSinceEpoch())});
     return rows.isEmpty() ? 0 : static_cast<long long>(rows.first().toObject().value("userId").toDouble());
 }
 
@@ -455,20 +485,32 @@ void RecordsService::addRoutes()
 
     // ---- Accounts --------------------------------------------------------
     post("/kvr/authority/login", [this](Call& call) {
-        const QJsonArray users =
-            db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {call["userName"].toString()});
-        if (users.isEmpty())
+        const QString name = call["userName"].toString();
+        // Guessing one user's password slows down; other users' logins do not.
+        const std::chrono::seconds wait = loginFailures.waitBeforeAnswering(name.toStdString());
+        if (wait.count() > 0)
+            call.unlocked([wait] {
+                std::this_thread::sleep_for(wait);
+                return 0;
+            });
+        const QJsonArray users = db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {name});
+        if (users.isEmpty()) {
+            loginFailures.failed(name.toStdString());
             return refuse("user does not exist", 410);
+        }
         const QJsonObject user = users.first().toObject();
         const std::string stored = user.value("userPwd").toString().toStdString();
         const std::string typed = call["userPwd"].toVariant().toString().toStdString();
-        if (!call.unlocked([&] { return passwordMatches(stored, typed); }))
+        if (!call.unlocked([&] { return passwordMatches(stored, typed); })) {
+            loginFailures.failed(name.toStdString());
             return refuse("wrong password", 411);
-        const QString token = QUuid::createUuid().toString(QUuid::Id128)
-                              + QString::number(QRandomGenerator::system()->generate64(), 16);
-        db.change("INSERT INTO tokens(token, userId, expires) VALUES(?,?,?)",
-                  {token, user.value("id"), double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds)});
-        return ok(QJsonObject{{"token", token},
+        }
+        purgeExpiredTokens();
+        const std::string token = newToken();
+        db.change("INSERT INTO login_tokens(hash, userId, expires) VALUES(?,?,?)",
+                  {QString::fromStdString(tokenHash(token)), user.value("id"),
+                   double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds)});
+        return ok(QJsonObject{{"token", QString::fromStdString(token)},
                               {"userId", user.value("id")},
                               {"userName", call["userName"]},
                               {"userRealname", user.value("userRealname")}},
@@ -477,7 +519,7 @@ void RecordsService::addRoutes()
     post("/kvr/authority/logOut", [this](Call& call) {
         if (db.query("SELECT id FROM users WHERE id = ?", {call["id"]}).isEmpty())
             return refuse("no such user");
-        db.change("DELETE FROM tokens WHERE userId = ?", {call["id"]});
+        db.change("DELETE FROM login_tokens WHERE userId = ?", {call["id"]});
         return ok(call["id"], "logged out");
     });
     post("/kvr/authority/updateUser", [this](Call& call) {
@@ -489,6 +531,9 @@ void RecordsService::addRoutes()
         const QString hash = QString::fromStdString(call.unlocked([&] { return hashPassword(typed); }));
         if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {hash, call["id"]}) == 0)
             return refuse("no such user");
+        // Whoever held the old password holds none of the user's other tokens.
+        db.change("DELETE FROM login_tokens WHERE userId = ? AND hash <> ?",
+                  {call["id"], QString::fromStdString(tokenHash(call.request.header("token")))});
         return ok(call["id"], "password changed");
     });
     const auto selectUsers = [list](Call& call, bool paged) {
@@ -554,10 +599,10 @@ void RecordsService::addRoutes()
         const QJsonArray ids = storeAll(upload.files.begin(), upload.files.end(), info, call.userId, [&](long long id) {
             if (withError)
                 db.change("INSERT INTO error_messages(brdId, isReappear, remark, gridX, gridY, source, layer, priority, "
-                          "libraryId, errorMessage) VALUES(?,?,?,?,?,?,?,?,?,?)",
+                          "libraryId, errorMessage, owner) VALUES(?,?,?,?,?,?,?,?,?,?,?)",
                           {double(id), field(error, "isReappear"), field(error, "remark"), field(error, "gridX"),
                            field(error, "gridY"), field(error, "source"), field(error, "layer"), field(error, "priority"),
-                           field(error, "libraryId"), field(error, "errorMessage")});
+                           field(error, "libraryId"), field(error, "errorMessage"), double(call.userId)});
             if (withShare)
                 share(info, id, call.userId);
         });
@@ -665,6 +710,8 @@ void RecordsService::addRoutes()
                                    long long owner) {
         QJsonArray inserted;
         QJsonArray repeated;
+        // All of a batch or none of it: a batch cut off half way leaves nothing.
+        Transaction transaction(db);
         for (const QJsonValue& value : records) {
             const QJsonObject record = value.toObject();
             std::string same;
@@ -691,6 +738,7 @@ void RecordsService::addRoutes()
                       binds);
             inserted.append(double(db.lastInsertId()));
         }
+        transaction.commit();
         return std::make_pair(inserted, repeated);
     };
     const auto insertOne = [insertMany](Call& call, const char* table, const char* boardKey,

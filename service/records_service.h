@@ -3,6 +3,7 @@
 #pragma once
 
 #include "database.h"
+#include "login_failures.h"
 #include "http_server.h"
 
 #include <QJsonObject>
@@ -58,6 +59,8 @@ private:
     void upgrade();
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);
     long long tokenUser(const std::string& token);
+    void purgeExpiredTokens();
+    void keepPrivate() const;
     std::string filePath(long long id) const;
     // Reads an upload's form and copies out its first `maxFiles` parts named
     // `filePart`; throws when a copy fails.
@@ -65,6 +68,7 @@ private:
 
     ServiceOptions options;
     Database db;
+    LoginFailures loginFailures;
     std::map<std::string, RouteEntry> routes; // by path
 };
 

@@ -4,6 +4,7 @@
 #include "database.h"
 #include "norva_api_qt_progress.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -23,12 +24,14 @@ namespace {
 class LocalService
 {
 public:
-    bool start(const QString& dataFolder, const QStringList& extra = {})
+    bool start(const QString& dataFolder, const QStringList& extra = {}, const QByteArray& input = {})
     {
         process.start(QStringLiteral(NORVA_SERVICE_PATH),
                       QStringList{"--listen", "127.0.0.1:0"} + extra + QStringList{dataFolder});
         if (!process.waitForStarted(5000))
             return false;
+        process.write(input);
+        process.closeWriteChannel();
         QByteArray out;
         while (!out.contains("listening on ")) {
             if (!process.waitForReadyRead(5000))
@@ -95,6 +98,7 @@ private slots:
     void unusableOptionsStopTheService();
     void eachTokenActsForItsOwnUser();
     void plainPasswordsAreConvertedOnOpen();
+    void tokensAndPasswordsAreKeptSafe();
     void badRequests();
 
 private:
@@ -309,6 +313,71 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
     QCOMPARE(call(norva_sdk_delete_share, {{"data", QJsonObject{{"id", 1}, {"userId", 1}}}}, service.address, token)["status"].toInt(),
              200);
     QVERIFY(!filesIn(data).contains("legacy-secret-9"));
+}
+
+// Tokens stand in the database only as hashes and go when they expire or when
+// their user's password changes; the data folder is its owner's alone; a
+// password need not stand on the command line; guessing one user's password
+// slows that user's logins only; an error message made by an upload is its
+// uploader's.
+void EndToEndTest::tokensAndPasswordsAreKeptSafe()
+{
+    const QString data = folder.filePath("data-safe");
+    const QString passwordFile = folder.filePath("ada.password");
+    writeFile(passwordFile, "ada-secret-1\n");
+    LocalService service;
+    QVERIFY(service.start(data, {"--token-ttl", "2", "--add-user", "ada:@" + passwordFile, "--add-user", "bob"},
+                          "bob-secret-2\n"));
+    const QString at = service.address;
+    const auto loginAs = [&at](const char* name, const char* password) {
+        return call(norva_sdk_login, {{"username", name}, {"password", password}}, at)["data"].toObject()["token"].toString();
+    };
+    const auto status = [&at](const QString& token) { return call(norva_sdk_select_share, {}, at, token)["status"].toInt(); };
+    const QString expired = loginAs("ada", "ada-secret-1");
+    QTest::qWait(2100);
+    const QString first = loginAs("ada", "ada-secret-1");
+    const QString second = loginAs("ada", "ada-secret-1");
+    const QString bob = loginAs("bob", "bob-secret-2");
+    QVERIFY(!expired.isEmpty() && !first.isEmpty() && !second.isEmpty() && !bob.isEmpty());
+    const QByteArray stored = filesIn(data);
+    for (const QString& token : {expired, first, second, bob})
+        QVERIFY(!stored.contains(token.toUtf8()));
+    {
+        norva::service::Database database;
+        std::string error;
+        QVERIFY(database.open((data + "/records.sqlite3").toStdString(), error));
+        QCOMPARE(database.query("SELECT COUNT(*) AS n FROM login_tokens")[0].toObject()["n"].toInt(), 3); // the expired one went
+    }
+    QCOMPARE(QFile::permissions(data) & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser | QFileDevice::ExeUser);
+    QCOMPARE(QFile::permissions(data + "/records.sqlite3") & 0x0777, QFileDevice::ReadUser | QFileDevice::WriteUser);
+
+    // Ada's password changes with her first token: her second one is gone, Bob's stays.
+    const int adaId = call(norva_sdk_login, {{"username", "ada"}, {"password", "ada-secret-1"}}, at)["data"].toObject()["userId"].toInt();
+    QCOMPARE(call(norva_sdk_update_password, {{"userid", adaId}, {"new_pwd", "ada-secret-3"}}, at, first)["status"].toInt(), 200);
+    QCOMPARE(status(first), 200);
+    QCOMPARE(status(second), 402);
+    QCOMPARE(status(bob), 200);
+
+    // The error message an upload of Ada's made is hers: Bob can't remove it.
+    const QString source = folder.filePath("with-error.brd");
+    writeFile(source, "board");
+    QCOMPARE(call(norva_sdk_upload_file, {{"file_uploadpath", source}, {"data", QJsonObject{{"fileInfo", QJsonObject{{"isError", 1}}}, {"errorInfo", QJsonObject{{"reMark", "r"}}}}}},
+                  at, first)["status"].toInt(), 200);
+    const int message = call(norva_sdk_select_error_msg, {}, at, first)["data"].toArray().first().toObject()["id"].toInt();
+    QCOMPARE(QFile::permissions(data + "/files/" + QDir(data + "/files").entryList(QDir::Files).first()) & 0x0777,
+             QFileDevice::ReadUser | QFileDevice::WriteUser);
+    QCOMPARE(call(norva_sdk_delete_error_msg, {{"data", QJsonObject{{"id", message}}}}, at, bob)["status"].toInt(), 400);
+    QCOMPARE(call(norva_sdk_delete_error_msg, {{"data", QJsonObject{{"id", message}}}}, at, first)["status"].toInt(), 200);
+
+    // Five wrong guesses at Bob's password: his next answer waits; Ada's does not.
+    for (int guess = 0; guess < 5; ++guess)
+        QVERIFY(loginAs("bob", "guess").isEmpty());
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(!loginAs("bob", "bob-secret-2").isEmpty());
+    QVERIFY2(clock.restart() >= 900, "no wait after five failures");
+    QVERIFY(!loginAs("ada", "ada-secret-3").isEmpty());
+    QVERIFY2(clock.elapsed() < 900, "another user's login waited too");
 }
 
 void EndToEndTest::badRequests()
