@@ -92,6 +92,11 @@ private:
     error_code lastError;
 };
 
+// After answering from a head alone, the connection stays open this long
+// (dropping what comes) so that the client reads the answer before the close:
+// closing with unread bytes would reset the connection, answer and all.
+constexpr std::chrono::milliseconds refusedBodyWait(500);
+
 class Connection final : public HttpConnection
 {
 public:
@@ -140,12 +145,26 @@ public:
             request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         request.keepAlive = parser.keep_alive();
 
+        // The head first: a request refused by it is answered before any of its
+        // body is read, and the body is never kept.
+        std::uint64_t headLimit = UINT64_MAX;
+        if (limits.checkHead) {
+            HeadVerdict verdict = limits.checkHead(request);
+            if (verdict.refusal) {
+                write(*verdict.refusal, false);
+                waitForPeerToClose(refusedBodyWait); // what comes meanwhile is dropped
+                return Read::None;
+            }
+            headLimit = verdict.bodyLimit;
+        }
+
         // Forms go to the spool folder as they come; other bodies stay in memory,
         // under a smaller limit. Beast checks the limit for chunked bodies as they
         // come; a Content-Length is checked here, before any of the body.
         const bool toFile = !limits.spoolFolder.empty()
                             && lowered(request.header("Content-Type")).rfind("multipart/form-data", 0) == 0;
-        const std::uint64_t cap = toFile ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes);
+        const std::uint64_t cap = std::min(
+            headLimit, toFile ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes));
         if (parser.content_length() && *parser.content_length() > cap)
             return refused(http::error::body_limit);
         parser.body_limit(cap);

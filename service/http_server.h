@@ -15,23 +15,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 namespace norva::service {
 
-struct HttpLimits {
-    std::size_t headBytes = 64 << 10;
-    std::uint64_t bodyBytes = 4ull << 30;
-    // Bodies that are not forms are held in memory, up to this size.
-    std::size_t memoryBodyBytes = 16 << 20;
-    // No byte moving for this long ends the connection.
-    std::chrono::milliseconds idle{30000};
-    int connections = 256;
-    // Where form bodies are spooled as they arrive; empty keeps them in memory.
-    std::string spoolFolder;
-};
 
 struct HttpRequest {
     std::string method;
@@ -64,6 +54,26 @@ struct HttpResponse {
 };
 
 using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
+
+// What a request's head alone decides, before any of its body is read.
+struct HeadVerdict {
+    std::optional<HttpResponse> refusal; // answered at once; the body is never read
+    std::uint64_t bodyLimit = UINT64_MAX; // the largest body the request may have
+};
+
+struct HttpLimits {
+    std::size_t headBytes = 64 << 10;
+    std::uint64_t bodyBytes = 4ull << 30;
+    // Bodies that are not forms are held in memory, up to this size.
+    std::size_t memoryBodyBytes = 16 << 20;
+    // No byte moving for this long ends the connection.
+    std::chrono::milliseconds idle{30000};
+    int connections = 256;
+    // Where form bodies are spooled as they arrive; empty keeps them in memory.
+    std::string spoolFolder;
+    // Looks at each request's head first; none takes every request.
+    std::function<HeadVerdict(const HttpRequest& head)> checkHead;
+};
 
 // One accepted connection, served on a thread of its own.
 class HttpConnection

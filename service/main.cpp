@@ -171,6 +171,7 @@ int main(int argc, char** argv)
             std::printf("added user %s\n", name.c_str());
     }
     limits.spoolFolder = service.spoolFolder();
+    limits.checkHead = [&service](const norva::service::HttpRequest& head) { return service.checkHead(head); };
     norva::service::HttpServer server(limits);
     if (!server.listen(host, port, error)) {
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());

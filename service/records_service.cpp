@@ -394,21 +394,59 @@ long long RecordsService::tokenUser(const std::string& token)
     return rows.isEmpty() ? 0 : static_cast<long long>(rows.first().toObject().value("userId").toDouble());
 }
 
-HttpResponse RecordsService::handle(const HttpRequest& request)
+namespace {
+
+// Routes that answer without a token: logging in and out, the mall, the planner.
+bool isOpen(const std::string& path)
+{
+    return path.rfind("/kvr/", 0) != 0 || path == "/kvr/authority/login" || path == "/kvr/authority/logOut";
+}
+
+// A route without a token takes no more than this: a login, a mall query.
+constexpr std::uint64_t openBodyBytes = 16 << 10;
+
+HttpResponse tokenExpired()
+{
+    return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
+}
+
+} // namespace
+
+std::optional<HttpResponse> RecordsService::refusedRoute(const HttpRequest& request) const
 {
     const auto route = routes.find(request.path);
     if (route == routes.end())
         return HttpResponse::text(404, "no such path\n");
     if (route->second.method != request.method)
         return HttpResponse::text(405, "use " + route->second.method + "\n");
+    return std::nullopt;
+}
 
+HeadVerdict RecordsService::checkHead(const HttpRequest& head)
+{
+    HeadVerdict verdict;
+    if ((verdict.refusal = refusedRoute(head)))
+        return verdict;
+    if (isOpen(head.path)) {
+        verdict.bodyLimit = openBodyBytes;
+        return verdict;
+    }
+    const std::lock_guard<std::mutex> lock(db.lock());
+    if (tokenUser(head.header("token")) == 0)
+        verdict.refusal = tokenExpired();
+    return verdict;
+}
+
+HttpResponse RecordsService::handle(const HttpRequest& request)
+{
+    if (std::optional<HttpResponse> refusal = refusedRoute(request))
+        return *refusal;
+    const auto route = routes.find(request.path);
     Call call{request, {}, {}, 0, nullptr};
-    const bool open = request.path.rfind("/kvr/", 0) != 0 || request.path == "/kvr/authority/login"
-                      || request.path == "/kvr/authority/logOut";
-    if (!open) {
+    if (!isOpen(request.path)) {
         std::lock_guard<std::mutex> lock(db.lock());
         if ((call.userId = tokenUser(request.header("token"))) == 0)
-            return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
+            return tokenExpired();
     }
 
     if (!request.body.empty() && request.header("Content-Type").rfind("application/json", 0) == 0) {

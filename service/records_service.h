@@ -30,6 +30,10 @@ public:
     // `seeded` tells whether a fresh folder got its first user and samples.
     bool open(std::string& error, bool& seeded);
     HttpResponse handle(const HttpRequest& request);
+    // What the head alone decides: an unknown path (404), a token route
+    // without a valid token (402), and the body size a route takes (a route
+    // without a token takes a small one). Nothing of the body is read before.
+    HeadVerdict checkHead(const HttpRequest& head);
     // Adds a user with that password (stored as its hash); false with `error`
     // set when the name is taken.
     bool addUser(const std::string& name, const std::string& password, std::string& error);
@@ -59,6 +63,7 @@ private:
     void upgrade();
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);
     long long tokenUser(const std::string& token);
+    std::optional<HttpResponse> refusedRoute(const HttpRequest& request) const;
     void purgeExpiredTokens();
     void keepPrivate() const;
     std::string filePath(long long id) const;

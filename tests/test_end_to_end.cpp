@@ -411,7 +411,13 @@ void EndToEndTest::badRequests()
         {"POST /kvr/originalFile/uploadFile HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\n"
          "Content-Length: 1048577\r\n\r\n", "HTTP/1.1 413", 1},
         // Two requests in one write: both answered, in order, on one connection.
-        {"GET /nowhere HTTP/1.1\r\n\r\nGET /kvr HTTP/1.1\r\nConnection: close\r\n\r\n", "HTTP/1.1 404", 2},
+        {json + "Content-Length: 3\r\n\r\n{x}" + json + "Content-Length: 3\r\nConnection: close\r\n\r\n{x}", "HTTP/1.1 200", 2},
+        // Answered from the head alone, and closed: no token, no such path, more
+        // than a route without a token takes. None of the body is read.
+        {"POST /kvr/originalFile/uploadFile HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+         "Content-Length: 900000\r\n\r\n", "HTTP/1.1 402", 1},
+        {"POST /kvr/nowhere HTTP/1.1\r\nContent-Length: 900000\r\n\r\n", "HTTP/1.1 404", 1},
+        {json + "Content-Length: 100000\r\n\r\n", "HTTP/1.1 413", 1},
         // Half a head, then silence: closed after --idle-seconds 1.
         {"GET /x HTTP/1.1\r\n", "", 0},
     };
