@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSet>
 #include <QRandomGenerator>
 #include <QUuid>
 
@@ -261,6 +262,7 @@ bool RecordsService::open(std::string& error, bool& seeded)
         db.execute(schema);
         upgrade();
         purgeExpiredTokens();
+        removeFilesWithoutRecord();
         seeded = db.query("SELECT id FROM users LIMIT 1").isEmpty();
         if (seeded)
             seed();
@@ -377,6 +379,21 @@ void RecordsService::keepPrivate() const
         QFile::setPermissions(folder, owner | QFileDevice::ExeOwner);
         for (const QFileInfo& file : QDir(folder).entryInfoList(QDir::Files | QDir::Hidden))
             QFile::setPermissions(file.filePath(), owner);
+    }
+}
+
+// A service killed between storing a file and committing its record leaves the
+// file behind; its id may come round again, and the file must not pass for the
+// next record's.
+void RecordsService::removeFilesWithoutRecord()
+{
+    QSet<QString> recorded;
+    for (const QJsonValue& row : db.query("SELECT id FROM original_files"))
+        recorded.insert(QString::number(static_cast<long long>(row.toObject().value("id").toDouble())));
+    const QDir files(QString::fromStdString(options.dataFolder + "/files"));
+    for (const QString& name : files.entryList(QDir::Files | QDir::Hidden)) {
+        if (!recorded.contains(name))
+            QFile::remove(files.filePath(name));
     }
 }
 

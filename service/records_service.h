@@ -65,6 +65,7 @@ private:
     long long tokenUser(const std::string& token);
     std::optional<HttpResponse> refusedRoute(const HttpRequest& request) const;
     void purgeExpiredTokens();
+    void removeFilesWithoutRecord();
     void keepPrivate() const;
     std::string filePath(long long id) const;
     // Reads an upload's form and copies out its first `maxFiles` parts named

@@ -289,7 +289,8 @@ void EndToEndTest::eachTokenActsForItsOwnUser()
 }
 
 // A data folder from before keeps passwords as typed: opening it replaces them
-// by their hashes, and the users log in as before.
+// by their hashes, and the users log in as before. A file without a record (a
+// service killed before committing it) goes.
 void EndToEndTest::plainPasswordsAreConvertedOnOpen()
 {
     const QString data = folder.filePath("data-legacy");
@@ -303,6 +304,7 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
                        "CREATE TABLE shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT);"
                        "INSERT INTO shares(userId, brdId) VALUES(1, 5);");
     }
+    writeFile(data + "/files/1", "left behind by a killed service");
     LocalService service;
     QVERIFY(service.start(data));
     const QString token =
@@ -313,6 +315,7 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
     QCOMPARE(call(norva_sdk_delete_share, {{"data", QJsonObject{{"id", 1}, {"userId", 1}}}}, service.address, token)["status"].toInt(),
              200);
     QVERIFY(!filesIn(data).contains("legacy-secret-9"));
+    QVERIFY(!QFile::exists(data + "/files/1"));
 }
 
 // Tokens stand in the database only as hashes and go when they expire or when
