@@ -34,15 +34,9 @@
 namespace {
 
 using bench::ChildRun;
+using bench::median;
 using bench::runChild;
 using Clock = std::chrono::steady_clock;
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
 
 // libcurl's multi interface: `inFlight` easy handles, each reused (and its
 // connection kept) for call after call.

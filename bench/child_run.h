@@ -1,5 +1,5 @@
 // Running a measured transfer in a child process of its own, so that each gets
-// its own peak resident memory.
+// its own peak resident memory; and the median of repeated runs.
 #pragma once
 
 #include <string>
@@ -15,5 +15,8 @@ struct ChildRun {
 
 // Runs arguments[0] with the rest, standard output on /dev/null, and waits.
 ChildRun runChild(const std::vector<std::string>& arguments);
+
+// The median of repeated runs' figures.
+double median(std::vector<double> values);
 
 } // namespace bench

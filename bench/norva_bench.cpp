@@ -43,15 +43,9 @@
 namespace {
 
 using bench::ChildRun;
+using bench::median;
 using bench::runChild;
 using Clock = std::chrono::steady_clock;
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
 
 // Runs `body` with standard output on /dev/null: the library's console echo
 // still costs its write, but the bench's own table stays readable.
