@@ -80,10 +80,9 @@ struct CallDriver {
         exchange.onActivity = [&s] { s.idle->noteProgress(); };
         exchange.onSent = [&s](qint64 done, qint64 total) { s.pacer->sent(done, total); };
         exchange.onReceived = [&s](qint64 done, qint64 announced) { s.pacer->received(done, announced); };
-        // Judged from the event loop, never inside the exchange's own signal.
-        exchange.onFinished = [reply] {
-            QMetaObject::invokeMethod(reply, [reply] { complete(reply); }, Qt::QueuedConnection);
-        };
+        // From the event loop (an exchange ends in its own signal, or in an
+        // abort), never inside call(); the exchange itself goes later.
+        exchange.onFinished = [reply] { complete(reply); };
         exchange.start();
     }
 
@@ -101,15 +100,18 @@ struct CallDriver {
             received.complete = false;
         }
         s.result = s.deferred->finish(received);
-        release(reply);
+        const QPointer<Client> client = s.client;
+        release(reply, false);
         s.finished = true;
+        if (client) // the next waiting call takes the slot
+            pump(*client);
         emit reply->finished();
     }
 
     // Lets go of the exchange and of the client's slot. The exchange goes
     // later, since this may run inside one of its signals, and the call's
     // request and sink go with it.
-    static void release(CallReply* reply)
+    static void release(CallReply* reply, bool pumpLater = true)
     {
         CallReply::State& s = *reply->d;
         if (s.exchange) {
@@ -132,8 +134,9 @@ struct CallDriver {
         const auto found = std::find(c.inFlight.begin(), c.inFlight.end(), reply);
         if (found != c.inFlight.end()) {
             c.inFlight.erase(found);
-            // Not from here: this may run inside a caller's slot or a destructor.
-            QMetaObject::invokeMethod(s.client, [client = s.client] { pump(*client); }, Qt::QueuedConnection);
+            // Not from here when this runs inside a caller's slot or a destructor.
+            if (pumpLater)
+                QMetaObject::invokeMethod(s.client, [client = s.client] { pump(*client); }, Qt::QueuedConnection);
         }
     }
 

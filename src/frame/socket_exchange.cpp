@@ -18,6 +18,9 @@ namespace http = boost::beast::http;
 using boost::beast::error_code;
 using boost::beast::string_view;
 
+// How much is read from the socket at once, and how much Qt may hold for it.
+constexpr qint64 readStep = 64 * 1024;
+
 // A head larger than this is no reply the call can use (a download's name
 // is in it, and no name is this long).
 constexpr std::uint32_t headLimit = 4u << 20;
@@ -94,6 +97,7 @@ SocketExchange::SocketExchange(OutgoingRequest& outgoing)
       requestBytes(requestHead(verbName(outgoing.verb), outgoing.request) + outgoing.body),
       headSize(requestBytes.size() - outgoing.body.size())
 {
+    socket.setReadBufferSize(readStep);
     connect(&socket, &QTcpSocket::connected, this, [this] {
         connectedThisAttempt = true;
         onActivity();
@@ -143,16 +147,21 @@ void SocketExchange::written(qint64 bytes)
 
 void SocketExchange::readArrived()
 {
-    if (finishedAlready)
-        return;
-    const QByteArray data = socket.readAll();
-    if (data.isEmpty())
-        return;
-    replyStarted = true;
-    onActivity();
-    unparsed += data;
-    if (!parse() || parser->is_done())
-        finish();
+    // A step at a time, into the bytes the parser has not taken yet: with Qt's
+    // own buffer bounded too, a download holds little of its body in memory
+    // however fast it comes.
+    while (!finishedAlready && socket.bytesAvailable() > 0) {
+        const int kept = unparsed.size();
+        unparsed.resize(kept + int(readStep));
+        const qint64 got = socket.read(unparsed.data() + kept, readStep);
+        unparsed.resize(kept + int(qMax<qint64>(got, 0)));
+        if (got <= 0)
+            return;
+        replyStarted = true;
+        onActivity();
+        if (!parse() || parser->is_done())
+            finish();
+    }
 }
 
 bool SocketExchange::parse()
