@@ -9,6 +9,7 @@
 #include "frame/progress_pacer.h"
 #include "frame/result.h"
 
+#include <QMetaMethod>
 #include <QNetworkAccessManager>
 #include <QPointer>
 #include <QThread>
@@ -75,15 +76,33 @@ struct CallDriver {
         s.exchange = makeExchange(outgoing, &client.d->manager);
         ExchangeInFlight& exchange = *s.exchange;
         s.idle.emplace(client.d->idleLimitMs, [&exchange] { exchange.abort(); });
-        const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
-        s.pacer.emplace(s.operation, bytesToSend, [reply](const CallProgress& progress) { emit reply->progress(progress); });
         exchange.onActivity = [&s] { s.idle->noteProgress(); };
-        exchange.onSent = [&s](qint64 done, qint64 total) { s.pacer->sent(done, total); };
-        exchange.onReceived = [&s](qint64 done, qint64 announced) { s.pacer->received(done, announced); };
+        exchange.onSent = [reply](qint64 done, qint64 total) {
+            if (ProgressPacer* pacer = pacerOf(reply))
+                pacer->sent(done, total);
+        };
+        exchange.onReceived = [reply](qint64 done, qint64 announced) {
+            if (ProgressPacer* pacer = pacerOf(reply))
+                pacer->received(done, announced);
+        };
         // From the event loop (an exchange ends in its own signal, or in an
         // abort), never inside call(); the exchange itself goes later.
         exchange.onFinished = [reply] { complete(reply); };
         exchange.start();
+    }
+
+    // The reply's pacer, made when somebody first listens to its progress: a
+    // reply nobody watches costs no pacing (its figures are running totals, so
+    // a late listener still hears them right).
+    static ProgressPacer* pacerOf(CallReply* reply)
+    {
+        CallReply::State& s = *reply->d;
+        if (!s.pacer && reply->isSignalConnected(QMetaMethod::fromSignal(&CallReply::progress))) {
+            const OutgoingRequest& outgoing = s.deferred->outgoing();
+            const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
+            s.pacer.emplace(s.operation, bytesToSend, [reply](const CallProgress& progress) { emit reply->progress(progress); });
+        }
+        return s.pacer ? &*s.pacer : nullptr;
     }
 
     static void complete(CallReply* reply)
@@ -92,7 +111,8 @@ struct CallDriver {
         if (s.finished || !s.exchange)
             return;
         s.idle->stop();
-        s.pacer->finish();
+        if (s.pacer)
+            s.pacer->finish();
         ReceivedReply received = s.exchange->takeReply();
         received.cancelled = s.cancelled;
         if (s.idle->passed()) {
