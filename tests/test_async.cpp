@@ -91,6 +91,15 @@ void AsyncTest::namesAndThreads()
         QCOMPARE(service.requestCount(), row.blocking ? 2 : 0);
     }
 
+    // Cancelled before its answer at once came: finished() once, as cancelled.
+    const std::unique_ptr<CallReply> unknown(client.call("sdk_select_share", argument));
+    int finishedSignals = 0;
+    QObject::connect(unknown.get(), &CallReply::finished, [&] { ++finishedSignals; });
+    unknown->cancel();
+    QCoreApplication::processEvents();
+    QCOMPARE(finishedSignals, 1);
+    QCOMPARE(unknown->result(), cancelled);
+
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
     service.reset();
     QFuture<std::string> future = client.callFuture("select_share", argument);

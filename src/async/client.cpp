@@ -51,6 +51,8 @@ struct CallDriver {
         QMetaObject::invokeMethod(
             reply,
             [reply] {
+                if (reply->d->finished) // cancelled meanwhile: it said so then
+                    return;
                 reply->d->finished = true;
                 emit reply->finished();
             },
