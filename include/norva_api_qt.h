@@ -3,9 +3,10 @@
 //
 // Every operation takes one JSON object as text (the argument document) and
 // returns one JSON object as text (the result document). Each call performs one
-// HTTP exchange with the service at "http://" + ipconfig and blocks until it is
-// over; while it waits it serves the calling thread's Qt events, so a host's
-// timers and queued signals keep running and operations may nest.
+// HTTP exchange with the service at "http://" + ipconfig (or an "https://" one,
+// see below) and blocks until it is over; while it waits it serves the calling
+// thread's Qt events, so a host's timers and queued signals keep running and
+// operations may nest.
 //
 //  * The caller passes "ipconfig" ("host:port") in every call, and "token" (from
 //    its own earlier login) in every operation that needs one. Nothing is kept
@@ -47,6 +48,18 @@
 //    as a file that can't be opened: "download fail" with "error".
 //  * Objects keep their keys ascending by UTF-16 code unit everywhere, also
 //    those parsed from the caller's text or the service's reply.
+//  * HTTPS: an "ipconfig" may name its scheme, "https://host:port" (or
+//    "http://host:port"); one without a scheme is reached over plain HTTP, as
+//    "http://" + ipconfig. The service's certificate is checked against Qt's
+//    default TLS configuration: the system's trusted roots, plus what the host
+//    added with QSslConfiguration::setDefaultConfiguration() (how a Qt host
+//    trusts its own certificate authority). A certificate that does not check
+//    out (unknown authority, expired, another host's name), and a service that
+//    does not speak TLS, end the call as a service that never answered does,
+//    with that operation's no-reply result; nothing of the request is sent.
+//    A Qt built without TLS (the Qt for Windows this library is tested with)
+//    gives the no-reply result for every "https" call, writes a line on
+//    standard error that says why, and sends nothing.
 //
 // Qt 5 and Qt 6 builds behave alike (redirects are not followed on either), with
 // two differences: a whole number beyond 2^53 passed through unconverted stays

@@ -1,5 +1,7 @@
 #include "http_server.h"
 
+#include "tls_session.h"
+
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -8,6 +10,7 @@
 #include <boost/beast/http.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <fstream>
 #include <random>
@@ -229,8 +232,37 @@ public:
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
             if (left.count() <= 0)
                 return;
-            await([&](auto done) { stream.async_read_some(net::buffer(ignored), done); }, ec, left);
+            readSome(net::buffer(ignored), ec, left);
         }
+    }
+
+    // Starts TLS on the connection when the server has it; false when its
+    // handshake did not succeed within `limit`.
+    bool startTls(TlsContext* context, std::chrono::milliseconds limit)
+    {
+        if (!context)
+            return true;
+        tls = startTlsSession(*context, stream);
+        error_code ec;
+        await([&](auto done) { tls->asyncHandshake(done); }, ec, limit);
+        return !ec;
+    }
+
+    std::size_t readSome(net::mutable_buffer into, error_code& ec, std::chrono::milliseconds limit)
+    {
+        if (tls)
+            return await([&](auto done) { tls->asyncReadSome(into, done); }, ec, limit);
+        return await([&](auto done) { stream.async_read_some(into, done); }, ec, limit);
+    }
+
+    template <class Buffers> std::size_t writeSome(const Buffers& buffers, error_code& ec)
+    {
+        if (!tls)
+            return await([&](auto done) { stream.async_write_some(buffers, done); }, ec, limits.idle);
+        // Up to one TLS record at a time, gathered from Beast's buffers.
+        const std::size_t size = net::buffer_copy(net::buffer(record), buffers);
+        return await([&](auto done) { tls->asyncWriteSome(net::buffer(record.data(), size), done); }, ec,
+                     limits.idle);
     }
 
     // The peer sees the end of the stream once everything sent has gone.
@@ -278,6 +310,8 @@ private:
     const HttpLimits& limits;
     const std::atomic<bool>& stopping;
     beast::flat_buffer buffer;
+    std::unique_ptr<TlsSession> tls; // on `stream`, when the server speaks TLS
+    std::array<char, 16 << 10> record;
 };
 
 // Acknowledges what arrives at once. A client that keeps its connection and
@@ -295,20 +329,17 @@ void acknowledgeAtOnce([[maybe_unused]] tcp::socket& socket)
 template <class Buffers> std::size_t TimedStream::read_some(const Buffers& buffers, error_code& ec)
 {
     acknowledgeAtOnce(connection.stream.socket());
-    const std::size_t count = connection.await(
-        [&](auto done) { connection.stream.async_read_some(buffers, done); }, ec, connection.idle());
-    if (raw && count > 0) {
-        const std::size_t before = raw->size();
-        raw->resize(before + count);
-        net::buffer_copy(net::buffer(&(*raw)[before], count), buffers, count);
-    }
+    // Beast reads into one buffer (its flat buffer's free room).
+    const net::mutable_buffer into = beast::buffers_front(buffers);
+    const std::size_t count = connection.readSome(into, ec, connection.idle());
+    if (raw && count > 0)
+        raw->append(static_cast<const char*>(into.data()), count);
     return count;
 }
 
 template <class Buffers> std::size_t TimedStream::write_some(const Buffers& buffers, error_code& ec)
 {
-    return connection.await([&](auto done) { connection.stream.async_write_some(buffers, done); }, ec,
-                            connection.idle());
+    return connection.writeSome(buffers, ec);
 }
 
 struct RemovedAtEnd {
@@ -462,9 +493,11 @@ void HttpServer::run(ConnectionHandler serve)
                 tooMany = int(c.open.size()) >= limits.connections;
                 c.open.insert(connection.get());
             }
-            std::thread([&c, connection, serve, tooMany] {
+            std::thread([this, &c, connection, serve, tooMany] {
                 try {
-                    if (tooMany)
+                    if (!connection->startTls(limits.tls.get(), limits.handshake))
+                        ; // nothing to answer on: no TLS, no HTTP
+                    else if (tooMany)
                         connection->write(HttpResponse::text(503, "too many connections\n"), false);
                     else
                         serve(*connection);

@@ -22,6 +22,7 @@
 
 namespace norva::service {
 
+class TlsContext;
 
 struct HttpRequest {
     std::string method;
@@ -73,6 +74,10 @@ struct HttpLimits {
     std::string spoolFolder;
     // Looks at each request's head first; none takes every request.
     std::function<HeadVerdict(const HttpRequest& head)> checkHead;
+    // When set, every connection speaks TLS (tls_session.h), and its handshake
+    // must be over within `handshake` of the connection's start.
+    std::shared_ptr<TlsContext> tls;
+    std::chrono::milliseconds handshake{10000};
 };
 
 // One accepted connection, served on a thread of its own.

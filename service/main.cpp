@@ -1,10 +1,12 @@
 // norva-records-service: a local stand-in of the records service, for trying the
 // library and developing offline.
 //
-//   norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]
+//   norva-records-service [--listen host:port] [--token-ttl seconds] [TLS options] [fault options] [data-folder]
+#include "certificates.h"
 #include "fault_injection.h"
 #include "http_server.h"
 #include "records_service.h"
+#include "tls_session.h"
 #include "whole_number.h"
 
 #include <chrono>
@@ -13,11 +15,13 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using norva::service::wholeNumber;
 
@@ -25,7 +29,7 @@ namespace {
 
 int usage()
 {
-    std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [fault options] [data-folder]\n"
+    std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [TLS options] [fault options] [data-folder]\n"
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
                 "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
@@ -34,6 +38,10 @@ int usage()
                 "  --add-user NAME   add a user when the data folder has none of that name, with the password\n"
                 "                    read from standard input (one line); NAME:@FILE reads it from FILE's first\n"
                 "                    line; NAME:PASSWORD takes it as given, where every local user sees it (repeatable)\n"
+                "HTTPS:\n"
+                "  --tls-cert FILE --tls-key FILE  serve HTTPS with this PEM certificate (chain) and key\n"
+                "  --tls-self-signed  serve HTTPS with a certificate of its own, made in the data folder on\n"
+                "                     first start; prints the file clients trust (norva --cacert FILE)\n"
                 "faults, for testing a host's error paths:\n"
                 "  --delay-ms N              wait N ms before every answer\n"
                 "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status, 200-599 (the first N times; else always)\n"
@@ -63,6 +71,40 @@ bool readAddress(const std::string& text, std::string& host, int& port)
         host = host.substr(1, host.size() - 2);
     port = int(*number);
     return true;
+}
+
+// The self-signed certificate and key in `folder`, made on first use for
+// this machine's names and `host`; false with `error` set when they can't be.
+bool selfSignedFiles(const std::string& folder, const std::string& host, std::string& certificateFile,
+                     std::string& keyFile, std::string& error)
+{
+    certificateFile = folder + "/tls-certificate.pem";
+    keyFile = folder + "/tls-key.pem";
+    if (std::ifstream(certificateFile) && std::ifstream(keyFile))
+        return true;
+    norva::service::CertificateRequest request;
+    request.commonName = "norva-records-service";
+    request.hosts = {"localhost", "127.0.0.1", "::1"};
+    char machine[256] = {};
+    if (::gethostname(machine, sizeof machine - 1) == 0 && machine[0])
+        request.hosts.push_back(machine);
+    if (host != "0.0.0.0" && host != "::" && host != "localhost" && host != "127.0.0.1" && host != "::1"
+        && host != machine)
+        request.hosts.push_back(host);
+    // It is its own authority: a client trusts exactly this certificate.
+    request.authority = true;
+    const norva::service::PemPair made = norva::service::makeCertificate(request, error);
+    if (made.certificate.empty())
+        return false;
+    std::ofstream(keyFile, std::ios::binary | std::ios::trunc) << made.key;
+    std::ofstream(certificateFile, std::ios::binary | std::ios::trunc) << made.certificate;
+    return true;
+}
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 } // namespace
@@ -105,12 +147,18 @@ int main(int argc, char** argv)
     std::string host = "127.0.0.1";
     int port = 8765;
     std::vector<std::string> newUsers;
+    std::string certificateFile, keyFile;
+    bool selfSigned = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h")
             return usage();
         if (arg == "--expire-tokens") {
             options.expireTokens = true;
+            continue;
+        }
+        if (arg == "--tls-self-signed") {
+            selfSigned = true;
             continue;
         }
         if (arg.empty() || arg[0] != '-') {
@@ -137,6 +185,10 @@ int main(int argc, char** argv)
             understood = number(1, 86400, [&](long long n) { limits.idle = std::chrono::seconds(n); });
         else if (arg == "--delay-ms")
             understood = number(0, 3600 * 1000, [&](long long n) { faults.setDelayMs(int(n)); });
+        else if (arg == "--tls-cert")
+            understood = !(certificateFile = value).empty();
+        else if (arg == "--tls-key")
+            understood = !(keyFile = value).empty();
         else if (arg == "--fail")
             understood = faults.addFailure(value);
         else if (arg == "--drop")
@@ -152,6 +204,11 @@ int main(int argc, char** argv)
         if (!understood)
             return misuse(hasValue ? "cannot use " + arg + " " + value : arg + " needs a value");
     }
+
+    if (certificateFile.empty() != keyFile.empty())
+        return misuse("--tls-cert and --tls-key go together");
+    if (selfSigned && !certificateFile.empty())
+        return misuse("--tls-self-signed or --tls-cert and --tls-key, not both");
 
     norva::service::RecordsService service(options);
     std::string error;
@@ -170,6 +227,14 @@ int main(int argc, char** argv)
         if (service.addUser(name, password, taken))
             std::printf("added user %s\n", name.c_str());
     }
+    if (selfSigned && !selfSignedFiles(options.dataFolder, host, certificateFile, keyFile, error)) {
+        std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
+        return 1;
+    }
+    if (!certificateFile.empty() && !(limits.tls = norva::service::loadTlsContext(certificateFile, keyFile, error))) {
+        std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
+        return 1;
+    }
     limits.spoolFolder = service.spoolFolder();
     limits.checkHead = [&service](const norva::service::HttpRequest& head) { return service.checkHead(head); };
     norva::service::HttpServer server(limits);
@@ -183,10 +248,17 @@ int main(int argc, char** argv)
                     norva::service::RecordsService::seededPassword);
     // Judged by the address bound, not by the name given: "0.0.0.0", a host
     // name or a card's address all reach beyond this machine.
-    if (!server.loopbackOnly())
+    if (!server.loopbackOnly() && !limits.tls)
         std::fprintf(stderr, "norva-records-service: warning: serving on %s, beyond this machine; requests, "
-                             "passwords and tokens go over the network in clear text\n", server.address().c_str());
-    std::printf("listening on %s\n", server.address().c_str());
+                             "passwords and tokens go over the network in clear text (serve HTTPS with "
+                             "--tls-cert FILE --tls-key FILE, or --tls-self-signed)\n", server.address().c_str());
+    if (limits.tls)
+        std::printf("TLS certificate: %s (SHA-256 %s)\n", certificateFile.c_str(),
+                    norva::service::sha256Fingerprint(fileText(certificateFile)).c_str());
+    if (selfSigned)
+        std::printf("clients trust it with: norva --cacert %s\n", certificateFile.c_str());
+    // As a client writes its ipconfig: "https://" for TLS.
+    std::printf("listening on %s%s\n", limits.tls ? "https://" : "", server.address().c_str());
     std::fflush(stdout);
 
     server.stopOnSignals();

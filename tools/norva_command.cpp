@@ -15,6 +15,7 @@
 #include "operation_list.h"
 #include "progress_line.h"
 #include "session_file.h"
+#include "trusted_certificates.h"
 
 #include "norva_api_qt_progress.h"
 
@@ -45,6 +46,7 @@ struct Options {
     bool list = false;
     int jobs = 6;          // norva batch
     bool blocking = false; // norva batch, through the blocking functions
+    std::string caCertificates; // --cacert
 };
 
 void usage(std::FILE* to)
@@ -64,7 +66,10 @@ void usage(std::FILE* to)
                  "options:\n"
                  "  --save        with login: keep the address and token in %s\n"
                  "                for later calls (logout forgets them)\n"
-                 "  --no-session  use neither the saved session nor NORVA_IPCONFIG / NORVA_TOKEN\n"
+                 "  --no-session  use neither the saved session nor NORVA_IPCONFIG / NORVA_TOKEN /\n"
+                 "                NORVA_CACERT\n"
+                 "  --cacert FILE trust the PEM certificates in FILE beside the system's, for an\n"
+                 "                https:// ipconfig (NORVA_CACERT does the same; --save keeps it)\n"
                  "  --pretty      print the result document indented\n\n"
                  "Later calls fill \"ipconfig\" and \"token\" in when the document lacks them, from\n"
                  "NORVA_IPCONFIG and NORVA_TOKEN if set, else from the saved session.\n"
@@ -75,6 +80,7 @@ void usage(std::FILE* to)
                  "206, 1 otherwise, 2 for a\n"
                  "usage error, 130 when cancelled.\n\n"
                  "example: norva login ipconfig=127.0.0.1:8765 username=norva password=norva --save\n"
+                 "         norva --cacert service.pem login ipconfig=https://board-host:8765 ... --save\n"
                  "         norva add2share boardid=4 sharewith_id=2 sharetype=1\n",
                  qPrintable(sessionFilePath()));
 }
@@ -103,7 +109,7 @@ bool succeeded(const QJsonObject& result)
     return status == 200 || status == 206;
 }
 
-void keepSession(const std::string& document, const QJsonObject& result)
+void keepSession(const std::string& document, const QJsonObject& result, const QString& caCertificates)
 {
     const QJsonObject data = result.value(QStringLiteral("data")).toObject();
     Session session;
@@ -111,6 +117,7 @@ void keepSession(const std::string& document, const QJsonObject& result)
                            .object().value(QStringLiteral("ipconfig")).toString();
     session.token = data.value(QStringLiteral("token")).toString();
     session.userId = data.value(QStringLiteral("userId"));
+    session.caCertificates = caCertificates;
     QString error;
     if (!succeeded(result) || session.token.isEmpty())
         std::fprintf(stderr, "norva: the session is not saved: the login did not succeed\n");
@@ -169,6 +176,8 @@ int main(int argc, char** argv)
             options.list = true;
         else if (word == "--blocking")
             options.blocking = true;
+        else if (word == "--cacert" && i + 1 < arguments.size())
+            options.caCertificates = arguments[++i];
         else if (word == "--jobs" && i + 1 < arguments.size()) {
             const std::string& count = arguments[++i];
             char* end = nullptr;
@@ -190,6 +199,16 @@ int main(int argc, char** argv)
     if (words.empty()) {
         usage(options.help ? stdout : stderr);
         return options.help ? 0 : 2;
+    }
+    // Certificates to trust go in before any call: --cacert, else NORVA_CACERT
+    // or the saved session's.
+    QString caCertificates = QString::fromStdString(options.caCertificates);
+    if (caCertificates.isEmpty() && !options.noSession)
+        caCertificates = currentSession().caCertificates;
+    if (!caCertificates.isEmpty()) {
+        QString error;
+        if (!trustCertificates(caCertificates, error))
+            return fail(error.toStdString());
     }
     if (words.front() == "batch") {
         if (words.size() != 2)
@@ -257,7 +276,7 @@ int main(int argc, char** argv)
 
     const QJsonObject resultDocument = QJsonDocument::fromJson(QByteArray::fromStdString(result)).object();
     if (login && options.save)
-        keepSession(document, resultDocument);
+        keepSession(document, resultDocument, caCertificates);
     if (logout && !options.noSession && removeSession())
         std::fprintf(stderr, "norva: saved session removed\n");
     return succeeded(resultDocument) ? 0 : 1;

@@ -26,11 +26,14 @@ Session currentSession()
         session.ipconfig = saved.value(QStringLiteral("ipconfig")).toString();
         session.token = saved.value(QStringLiteral("token")).toString();
         session.userId = saved.value(QStringLiteral("userId"));
+        session.caCertificates = saved.value(QStringLiteral("cacert")).toString();
     }
     if (qEnvironmentVariableIsSet("NORVA_IPCONFIG"))
         session.ipconfig = qEnvironmentVariable("NORVA_IPCONFIG");
     if (qEnvironmentVariableIsSet("NORVA_TOKEN"))
         session.token = qEnvironmentVariable("NORVA_TOKEN");
+    if (qEnvironmentVariableIsSet("NORVA_CACERT"))
+        session.caCertificates = qEnvironmentVariable("NORVA_CACERT");
     return session;
 }
 
@@ -46,6 +49,8 @@ bool saveSession(const Session& session, QString* error)
     QJsonObject saved{{QStringLiteral("ipconfig"), session.ipconfig}, {QStringLiteral("token"), session.token}};
     if (!session.userId.isUndefined())
         saved.insert(QStringLiteral("userId"), session.userId);
+    if (!session.caCertificates.isEmpty())
+        saved.insert(QStringLiteral("cacert"), QFileInfo(session.caCertificates).absoluteFilePath());
     // The token is a password for as long as it lives: the file is the owner's
     // alone before anything is written into it.
     QSaveFile file(path);

@@ -13,13 +13,14 @@ struct Session {
     QString ipconfig; // empty when not known
     QString token;
     QJsonValue userId; // undefined when not known
+    QString caCertificates; // a PEM file of certificates to trust; empty for none
 };
 
 // $XDG_CONFIG_HOME/norva/session.json, else ~/.config/norva/session.json.
 QString sessionFilePath();
 
-// The saved session, with NORVA_IPCONFIG and NORVA_TOKEN from the environment
-// taking the place of what the file says.
+// The saved session, with NORVA_IPCONFIG, NORVA_TOKEN and NORVA_CACERT from the
+// environment taking the place of what the file says.
 Session currentSession();
 
 // Writes the file, readable and writable by its owner only. False, with a

@@ -4,6 +4,7 @@
 #include "frame/qt_line.h"
 #include "frame/seams.h"
 #include "frame/socket_exchange.h"
+#include "frame/transport.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -13,6 +14,7 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -224,10 +226,51 @@ private:
     std::optional<BodyCollector> collector;
 };
 
+// An exchange that can't take place in this build (an "https" service where Qt
+// has no TLS): nothing is sent, a line on standard error says why, and the call
+// ends as if the service had not answered.
+class UnreachableExchange final : public ExchangeInFlight
+{
+public:
+    explicit UnreachableExchange(QString why) : why(std::move(why)) {}
+
+    void start() override
+    {
+        std::fprintf(stderr, "%s\n", why.toLocal8Bit().constData());
+        std::fflush(stderr);
+        // Finished later, as any exchange: the caller's handlers are in place.
+        QMetaObject::invokeMethod(this, [this] { finish(); }, Qt::QueuedConnection);
+    }
+    void abort() override { finish(); }
+    bool isFinished() const override { return finishedAlready; }
+    ReceivedReply takeReply() override
+    {
+        ReceivedReply received;
+        received.networkError = QNetworkReply::ProtocolUnknownError;
+        received.errorString = why;
+        return received;
+    }
+
+private:
+    void finish()
+    {
+        if (finishedAlready)
+            return;
+        finishedAlready = true;
+        onFinished();
+    }
+
+    const QString why;
+    bool finishedAlready = false;
+};
+
 } // namespace
 
 std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager)
 {
+    QString why;
+    if (!canReach(outgoing.request.url(), why))
+        return std::make_unique<UnreachableExchange>(why);
     if (outgoing.bodySink)
         return std::make_unique<SocketExchange>(outgoing);
     return std::make_unique<ManagerExchange>(outgoing, *manager);

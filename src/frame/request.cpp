@@ -13,7 +13,15 @@ OutgoingRequest::~OutgoingRequest() = default;
 
 QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery)
 {
-    return QStringLiteral("http://") + ipconfig + pathAndQuery;
+    const bool hasScheme = ipconfig.startsWith(QLatin1String("https://"), Qt::CaseInsensitive)
+                           || ipconfig.startsWith(QLatin1String("http://"), Qt::CaseInsensitive);
+    if (!hasScheme)
+        return QStringLiteral("http://") + ipconfig + pathAndQuery;
+    // "https://host:port/" names the same service as "https://host:port".
+    QString base = ipconfig;
+    if (base.endsWith(QLatin1Char('/')) && !pathAndQuery.isEmpty())
+        base.chop(1);
+    return base + pathAndQuery;
 }
 
 namespace {

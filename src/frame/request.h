@@ -41,7 +41,8 @@ struct OutgoingRequest {
     BodySink* bodySink = nullptr;
 };
 
-// "http://" + ipconfig + pathAndQuery, parsed tolerantly.
+// "http://" + ipconfig + pathAndQuery; an ipconfig that names its scheme
+// ("https://host:port", "http://host:port") keeps it.
 QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery);
 
 // POST with a compact JSON body: Content-Type "application/json", Content-Length.

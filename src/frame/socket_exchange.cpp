@@ -7,6 +7,7 @@
 
 #include "frame/content_decoder.h"
 #include "frame/request_head.h"
+#include "frame/transport.h"
 
 #include <QUrl>
 
@@ -95,21 +96,21 @@ QByteArray verbName(Verb verb)
 SocketExchange::SocketExchange(OutgoingRequest& outgoing)
     : outgoing(outgoing),
       requestBytes(requestHead(verbName(outgoing.verb), outgoing.request) + outgoing.body),
-      headSize(requestBytes.size() - outgoing.body.size())
+      headSize(requestBytes.size() - outgoing.body.size()),
+      socket(makeSocket(outgoing.request.url(), this, [this] {
+          connectedThisAttempt = true;
+          onActivity();
+          socket->write(requestBytes);
+      }))
 {
-    socket.setReadBufferSize(readStep);
-    connect(&socket, &QTcpSocket::connected, this, [this] {
-        connectedThisAttempt = true;
-        onActivity();
-        socket.write(requestBytes);
-    });
-    connect(&socket, &QTcpSocket::bytesWritten, this, &SocketExchange::written);
-    connect(&socket, &QTcpSocket::readyRead, this, &SocketExchange::readArrived);
+    socket->setReadBufferSize(readStep);
+    connect(socket.get(), &QTcpSocket::bytesWritten, this, &SocketExchange::written);
+    connect(socket.get(), &QTcpSocket::readyRead, this, &SocketExchange::readArrived);
     // A close comes as an error, as a disconnect, or both, in either order; it
     // is looked at once the socket has settled.
     const auto closeSoon = [this] { QMetaObject::invokeMethod(this, &SocketExchange::closed, Qt::QueuedConnection); };
-    connect(&socket, &QTcpSocket::disconnected, this, closeSoon);
-    connect(&socket, &QTcpSocket::errorOccurred, this, closeSoon);
+    connect(socket.get(), &QTcpSocket::disconnected, this, closeSoon);
+    connect(socket.get(), &QTcpSocket::errorOccurred, this, closeSoon);
 }
 
 SocketExchange::~SocketExchange() = default;
@@ -126,8 +127,7 @@ void SocketExchange::connectSocket()
     parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
     connectedThisAttempt = false;
     writtenBytes = 0;
-    const QUrl url = outgoing.request.url();
-    socket.connectToHost(url.host(), quint16(url.port(80)));
+    norva::connectSocket(*socket, outgoing.request.url());
 }
 
 void SocketExchange::abort()
@@ -150,10 +150,10 @@ void SocketExchange::readArrived()
     // A step at a time, into the bytes the parser has not taken yet: with Qt's
     // own buffer bounded too, a download holds little of its body in memory
     // however fast it comes.
-    while (!finishedAlready && socket.bytesAvailable() > 0) {
+    while (!finishedAlready && socket->bytesAvailable() > 0) {
         const int kept = unparsed.size();
         unparsed.resize(kept + int(readStep));
-        const qint64 got = socket.read(unparsed.data() + kept, readStep);
+        const qint64 got = socket->read(unparsed.data() + kept, readStep);
         unparsed.resize(kept + int(qMax<qint64>(got, 0)));
         if (got <= 0)
             return;
@@ -223,7 +223,7 @@ void SocketExchange::body(const char* data, qint64 size)
 
 void SocketExchange::closed()
 {
-    if (finishedAlready || socket.state() != QAbstractSocket::UnconnectedState)
+    if (finishedAlready || socket->state() != QAbstractSocket::UnconnectedState)
         return;
     readArrived();
     if (finishedAlready)
@@ -248,7 +248,7 @@ void SocketExchange::finish()
     if (finishedAlready)
         return;
     finishedAlready = true;
-    socket.abort();
+    socket->abort();
     reply.httpStatus = headSeen ? parser->status : 0;
     reply.contentDisposition = parser->contentDisposition;
     reply.bodyInSink = bodyInSink;
@@ -256,7 +256,7 @@ void SocketExchange::finish()
     // Downloads judge a reply by its status and whether it came whole; the
     // error is only there to say what ended it.
     reply.networkError = reply.complete ? QNetworkReply::NoError : QNetworkReply::RemoteHostClosedError;
-    reply.errorString = socket.errorString();
+    reply.errorString = socket->errorString();
     onFinished();
 }
 

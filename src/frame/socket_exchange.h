@@ -48,7 +48,7 @@ private:
     OutgoingRequest& outgoing;
     const QByteArray requestBytes;
     const qint64 headSize;
-    QTcpSocket socket;
+    const std::unique_ptr<QTcpSocket> socket; // TLS for "https" (transport.h)
     std::unique_ptr<ReplyParser> parser;
     std::unique_ptr<ContentDecoder> decoder;
     QByteArray unparsed;   // bytes the parser has not taken yet

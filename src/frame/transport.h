@@ -1,0 +1,32 @@
+// The socket a download's exchange runs on: plain TCP for "http", TLS for
+// "https" where this build of Qt has TLS. One file per kind of Qt build,
+// chosen by the build (transport_tls.cpp, transport_plain.cpp).
+#pragma once
+
+#include <QString>
+
+#include <functional>
+#include <memory>
+
+QT_BEGIN_NAMESPACE
+class QObject;
+class QTcpSocket;
+class QUrl;
+QT_END_NAMESPACE
+
+namespace norva {
+
+// Whether `url` can be reached by this build; when not, `why` says so in a
+// line a user can act on.
+bool canReach(const QUrl& url, QString& why);
+
+// A socket for `url`, which calls `ready` (in `context`) once a request may be
+// written: when connected, and for "https" once the handshake has checked the
+// service's certificate against Qt's default TLS configuration. A certificate
+// that does not check out closes the socket before anything is written.
+std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::function<void()> ready);
+
+// Connects the socket made for `url` to its host and port.
+void connectSocket(QTcpSocket& socket, const QUrl& url);
+
+} // namespace norva

@@ -1,0 +1,31 @@
+// For a Qt built without TLS: "https" can't be reached, and says why.
+#include "frame/transport.h"
+
+#include <QTcpSocket>
+#include <QUrl>
+
+namespace norva {
+
+bool canReach(const QUrl& url, QString& why)
+{
+    if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) != 0)
+        return true;
+    why = QStringLiteral("norva-api-qt: %1 needs TLS, and this Qt was built without it; "
+                         "HTTPS needs a Qt built with OpenSSL")
+              .arg(url.toString(QUrl::RemovePath | QUrl::RemoveQuery));
+    return false;
+}
+
+std::unique_ptr<QTcpSocket> makeSocket(const QUrl&, QObject* context, std::function<void()> ready)
+{
+    auto socket = std::make_unique<QTcpSocket>();
+    QObject::connect(socket.get(), &QTcpSocket::connected, context, std::move(ready));
+    return socket;
+}
+
+void connectSocket(QTcpSocket& socket, const QUrl& url)
+{
+    socket.connectToHost(url.host(), quint16(url.port(80)));
+}
+
+} // namespace norva
