@@ -9,6 +9,7 @@
 #include "tls_session.h"
 #include "whole_number.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -235,6 +236,9 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
         return 1;
     }
+    // A TLS handshake must be over within the idle limit, and never takes
+    // longer than 10 s: a connection that starts none holds nothing for long.
+    limits.handshake = std::min(limits.handshake, limits.idle);
     limits.spoolFolder = service.spoolFolder();
     limits.checkHead = [&service](const norva::service::HttpRequest& head) { return service.checkHead(head); };
     norva::service::HttpServer server(limits);

@@ -1,7 +1,9 @@
 // The library against the local records service, as a user would run them.
 #include "support/harness.h"
 
+#include "certificates.h"
 #include "database.h"
+#include "norva_api_qt_async.h"
 #include "norva_api_qt_progress.h"
 
 #include <QElapsedTimer>
@@ -10,6 +12,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QSignalSpy>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -75,6 +80,35 @@ QByteArray filesIn(const QString& folder)
     return bytes;
 }
 
+// The same call through the asynchronous face, on a client of its own.
+QJsonObject callAsync(const char* operation, QJsonObject argument, const QString& address, const QString& token = {})
+{
+    argument.insert("ipconfig", address);
+    if (!token.isEmpty())
+        argument.insert("token", token);
+    Client client;
+    const std::unique_ptr<CallReply> reply(
+        client.call(operation, QJsonDocument(argument).toJson(QJsonDocument::Compact).toStdString()));
+    QSignalSpy finished(reply.get(), &CallReply::finished);
+    if (!finished.wait(20000))
+        return {};
+    return QJsonDocument::fromJson(QByteArray::fromStdString(reply->result())).object();
+}
+
+// The certificates of the HTTPS rows, made for this run: an authority the
+// tests trust and the service certificates it signed, and one another
+// authority signed.
+struct TestCertificates {
+    norva::service::PemPair authority, stranger, trusted, untrusted, expired, wrongHost;
+};
+
+struct TlsRow {
+    QByteArray name;
+    norva::service::PemPair TestCertificates::*certificate; // null: the service speaks plain HTTP
+    QString scheme;
+    bool reachable;
+};
+
 struct FaultRow {
     QByteArray name;
     QStringList options;
@@ -86,6 +120,7 @@ struct FaultRow {
 } // namespace
 
 Q_DECLARE_METATYPE(FaultRow)
+Q_DECLARE_METATYPE(TlsRow)
 
 class EndToEndTest : public QObject
 {
@@ -100,8 +135,32 @@ private slots:
     void plainPasswordsAreConvertedOnOpen();
     void tokensAndPasswordsAreKeptSafe();
     void badRequests();
+    void https_data();
+    void https();
+    void norvaTrustsWhatItIsTold();
 
 private:
+    // Starts a service that serves `certificate` (plain HTTP for none); its
+    // address without a scheme.
+    bool startTls(LocalService& service, const QString& name, const norva::service::PemPair* certificate,
+                  const QStringList& extra = {})
+    {
+        QStringList options = extra;
+        if (certificate) {
+            const QString base = folder.filePath(name);
+            writeFile(base + ".crt", QByteArray::fromStdString(certificate->certificate));
+            writeFile(base + ".key", QByteArray::fromStdString(certificate->key));
+            options << "--tls-cert" << base + ".crt" << "--tls-key" << base + ".key";
+        }
+        if (!service.start(folder.filePath("data-" + name), options))
+            return false;
+        service.address.remove(QStringLiteral("https://"));
+        return true;
+    }
+    // Made once, and the authority trusted by this process from then on.
+    const TestCertificates& certificates();
+    std::unique_ptr<TestCertificates> made;
+
     QString login(const QString& address, int* userId = nullptr)
     {
         const QJsonObject result = call(norva_sdk_login, {{"username", "norva"}, {"password", "norva"}}, address);
@@ -429,6 +488,151 @@ void EndToEndTest::badRequests()
         QVERIFY2(answer.startsWith(exchange.answer), answer.left(200).constData());
         QCOMPARE(answer.count("HTTP/1.1 "), exchange.answers);
     }
+}
+
+const TestCertificates& EndToEndTest::certificates()
+{
+    if (made)
+        return *made;
+    using norva::service::CertificateRequest;
+    std::string error;
+    const auto make = [&error](CertificateRequest request) {
+        const norva::service::PemPair pair = norva::service::makeCertificate(request, error);
+        if (pair.certificate.empty())
+            qFatal("cannot make a test certificate: %s", error.c_str());
+        return pair;
+    };
+    auto c = std::make_unique<TestCertificates>();
+    c->authority = make({"test authority", {}, true});
+    c->stranger = make({"another authority", {}, true});
+    CertificateRequest service{"service", {"127.0.0.1", "localhost"}};
+    service.issuer = &c->authority;
+    c->trusted = make(service);
+    c->expired = make([service] {
+        CertificateRequest r = service;
+        r.validFromSeconds = -2 * 86400;
+        r.validForSeconds = 86400;
+        return r;
+    }());
+    c->wrongHost = make([service] {
+        CertificateRequest r = service;
+        r.hosts = {"elsewhere.example"};
+        return r;
+    }());
+    c->untrusted = make([&c, service] {
+        CertificateRequest r = service;
+        r.issuer = &c->stranger;
+        return r;
+    }());
+    // Trusted as a Qt host trusts its own authority.
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.addCaCertificates(QSslCertificate::fromData(QByteArray::fromStdString(c->authority.certificate)));
+    QSslConfiguration::setDefaultConfiguration(configuration);
+    made = std::move(c);
+    return *made;
+}
+
+void EndToEndTest::https_data()
+{
+    QTest::addColumn<TlsRow>("row");
+    const QString https = "https://", http = "http://";
+    for (const TlsRow& row : {
+             TlsRow{"trusted", &TestCertificates::trusted, https, true},
+             TlsRow{"another authority's", &TestCertificates::untrusted, https, false},
+             TlsRow{"expired", &TestCertificates::expired, https, false},
+             TlsRow{"for another host", &TestCertificates::wrongHost, https, false},
+             TlsRow{"plain HTTP to the TLS port", &TestCertificates::trusted, http, false},
+             TlsRow{"TLS to the plain port", nullptr, https, false},
+             TlsRow{"no scheme to the plain port", nullptr, QString(), true},
+         })
+        QTest::newRow(row.name.constData()) << row;
+}
+
+// Login, upload, download and a query, through both faces. A service whose
+// certificate does not check out, or that speaks the other protocol, gets the
+// result of a service that never answered, for every operation; a login with
+// the right password that was refused shows that it never reached the service.
+void EndToEndTest::https()
+{
+    QFETCH(TlsRow, row);
+    const TestCertificates& c = certificates();
+    LocalService service;
+    const QString name = "tls-" + QString::fromLatin1(row.name).replace(' ', '-');
+    QVERIFY(startTls(service, name, row.certificate ? &(c.*row.certificate) : nullptr));
+    const QString at = row.scheme + service.address;
+    const QString nobody = row.scheme + "127.0.0.1:1";
+
+    const QString source = folder.filePath(name + ".gbr");
+    const QByteArray bytes = QByteArray(300000, 'g') + "\r\n";
+    writeFile(source, bytes);
+    const QString into = folder.filePath(name + "-down");
+    QDir().mkpath(into);
+    int userId = 0;
+    const QString token = row.reachable ? login(at, &userId) : QString("not-a-token");
+    QCOMPARE(token.isEmpty(), false);
+    const QJsonObject uploaded = call(norva_sdk_upload_file,
+                                      {{"file_uploadpath", source}, {"data", QJsonObject{{"fileInfo", QJsonObject{{"createuserid", 1}}}}}},
+                                      at, token);
+    const int board = row.reachable ? uploaded["Board_Id"].toInt() : 1;
+    const QJsonObject download{{"file_downloadpath", into}, {"data", QJsonObject{{"id", board}, {"userId", userId}}}};
+    const QJsonObject results[] = {
+        call(norva_sdk_login, {{"username", "norva"}, {"password", "norva"}}, at),
+        uploaded,
+        call(norva_sdk_download_binary_file, download, at, token),
+        callAsync("norva_sdk_download_binary_file", download, at, token),
+        call(norva_sdk_select_origfiles_manage, {{"board_id", board}}, at, token),
+        callAsync("select_origfiles_manage", {{"board_id", board}}, at, token),
+    };
+    if (row.reachable) {
+        for (const QJsonObject& result : results)
+            QVERIFY2(result["status"].toInt() == 200, QJsonDocument(result).toJson().constData());
+        QCOMPARE(readFile(into + "/" + name + ".gbr"), bytes);
+        QCOMPARE(results[4]["data"].toArray().size(), 1);
+        return;
+    }
+    const QJsonObject unanswered = call(norva_sdk_select_origfiles_manage, {}, nobody, token);
+    QCOMPARE(unanswered["message"].toString(), QStringLiteral("Server shuts down"));
+    for (const QJsonObject& result : results)
+        QCOMPARE(result, unanswered);
+    QVERIFY(QDir(into).isEmpty());
+}
+
+// norva trusts the certificates of --cacert, else of NORVA_CACERT, else of the
+// saved session, which login --save keeps; without them the service's own
+// certificate is not trusted.
+void EndToEndTest::norvaTrustsWhatItIsTold()
+{
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-tls-self-signed"), {"--tls-self-signed"}));
+    const QString certificate = folder.filePath("data-tls-self-signed/tls-certificate.pem");
+    QVERIFY(service.printed.contains("clients trust it with: norva --cacert " + certificate));
+    QVERIFY(service.address.startsWith("https://127.0.0.1:"));
+    const QString fingerprint =
+        QSslCertificate::fromPath(certificate).value(0).digest(QCryptographicHash::Sha256).toHex(':').toUpper();
+    QVERIFY(service.printed.contains("(SHA-256 " + fingerprint + ")"));
+
+    const QString config = folder.filePath("norva-config");
+    const auto norva = [&](const QStringList& arguments, const QString& caFromEnvironment = {}) {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CONFIG_HOME", config);
+        environment.remove("NORVA_IPCONFIG");
+        environment.remove("NORVA_TOKEN");
+        environment.remove("NORVA_CACERT");
+        if (!caFromEnvironment.isEmpty())
+            environment.insert("NORVA_CACERT", caFromEnvironment);
+        process.setProcessEnvironment(environment);
+        process.start(NORVA_COMMAND_PATH, arguments);
+        process.waitForFinished(20000);
+        return QJsonDocument::fromJson(process.readAllStandardOutput()).object()["message"].toString();
+    };
+    const QStringList login{"login", "ipconfig=" + service.address, "username=norva", "password=norva"};
+    QCOMPARE(norva(login), QStringLiteral("Server shuts down"));
+    QCOMPARE(norva(login, certificate), QStringLiteral("login success"));
+    QCOMPARE(norva(QStringList{"--cacert", folder.filePath("nothing.pem")} + login), QString()); // a usage error
+    QCOMPARE(norva(QStringList{"--cacert", certificate} + login + QStringList{"--save"}), QStringLiteral("login success"));
+    QCOMPARE(norva({"get_all_model_id"}), QStringLiteral("select all models success"));
+    QCOMPARE(norva({"--no-session", "get_all_model_id", "ipconfig=" + service.address}), QStringLiteral("Server shuts down"));
 }
 
 QTEST_GUILESS_MAIN(EndToEndTest)
