@@ -2,7 +2,9 @@
 # The Windows build against the local records service running as the Linux
 # program: norva.exe logs in, uploads a folder whose name and files go beyond
 # ASCII (under Wine's Windows code page, not UTF-8), and downloads the file into
-# another such folder; the bytes come back equal.
+# another such folder; the bytes come back equal. Then, with this Qt built
+# without TLS, an https:// service gives the no-reply result and a line on
+# standard error that says why.
 #
 #   windows_end_to_end.sh <linux norva-records-service> <norva.exe> <wine-test>
 set -euo pipefail
@@ -38,4 +40,17 @@ download=$(norva download_binary_file "ipconfig=$address" "token=$token" \
   "file_downloadpath=$(winepath -w "$work/reçu")" "data.id=$board" data.userId=1)
 grep -q '"message":"download success"' <<<"$download" || fail "download: $download"
 cmp "$work/dossier é/plan ü.brd" "$work/reçu/plan ü.brd" || fail "the bytes differ"
-echo "windows_end_to_end: login, folder upload and download beyond ASCII: passed"
+"$service" --listen 127.0.0.1:0 --tls-self-signed "$work/tls-data" > "$work/tls.log" 2>&1 &
+tls_pid=$!
+trap 'kill $pid $tls_pid 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do grep -q '^listening on' "$work/tls.log" && break; sleep 0.1; done
+tls_address=$(sed -n 's/^listening on //p' "$work/tls.log")
+[[ $tls_address == https://* ]] || fail "no HTTPS service: $(cat "$work/tls.log")"
+for operation in login download_binary_file; do
+  refused=$("$wine_test" "$norva" --no-session "$operation" "ipconfig=$tls_address" username=norva password=norva \
+    "file_downloadpath=$(winepath -w "$work/reçu")" data.id=1 2> "$work/stderr" | tr -d '\r') || true
+  [ "$refused" = '{"message":"Server shuts down","status":400}' ] || fail "https $operation: $refused"
+  grep -q "needs TLS, and this Qt was built without it; HTTPS needs a Qt built with OpenSSL" "$work/stderr" \
+    || fail "https $operation said: $(cat "$work/stderr")"
+done
+echo "windows_end_to_end: login, folder upload and download beyond ASCII, and HTTPS refused without TLS: passed"
