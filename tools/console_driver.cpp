@@ -1,6 +1,7 @@
 // norva-console: logs in through NORVA_HTTP_API, prints the result and a line of
 // 25 asterisks, then runs the application's event loop (or quits with --once).
 #include "norva_api_qt.h"
+#include "trusted_certificates.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -21,7 +22,8 @@ int main(int argc, char** argv)
         "The defaults match a fresh norva-records-service on its default address."));
     parser.addHelpOption();
     const QCommandLineOption address({QStringLiteral("a"), QStringLiteral("address")},
-                                     QStringLiteral("The service's host:port."), QStringLiteral("host:port"),
+                                     QStringLiteral("The service's host:port (or https://host:port)."),
+                                     QStringLiteral("host:port"),
                                      QStringLiteral("127.0.0.1:8765"));
     const QCommandLineOption user({QStringLiteral("u"), QStringLiteral("user")}, QStringLiteral("The user name."),
                                   QStringLiteral("name"), QStringLiteral("norva"));
@@ -30,8 +32,16 @@ int main(int argc, char** argv)
                                       QStringLiteral("norva"));
     const QCommandLineOption once(QStringLiteral("once"),
                                   QStringLiteral("Quit right after printing instead of running the event loop."));
-    parser.addOptions({address, user, password, once});
+    const QCommandLineOption caCertificates(
+        QStringLiteral("cacert"), QStringLiteral("Trust the PEM certificates in this file beside the system's."),
+        QStringLiteral("file"));
+    parser.addOptions({address, user, password, once, caCertificates});
     parser.process(application);
+    QString error;
+    if (parser.isSet(caCertificates) && !norva::command::trustCertificates(parser.value(caCertificates), error)) {
+        std::cerr << "norva-console: " << error.toStdString() << std::endl;
+        return 2;
+    }
 
     const QJsonObject argument{
         {QStringLiteral("ipconfig"), parser.value(address)},
