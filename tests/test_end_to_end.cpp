@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QSslSocket>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QTcpSocket>
@@ -134,6 +135,7 @@ private slots:
     void eachTokenActsForItsOwnUser();
     void plainPasswordsAreConvertedOnOpen();
     void tokensAndPasswordsAreKeptSafe();
+    void badRequests_data();
     void badRequests();
     void https_data();
     void https();
@@ -442,15 +444,31 @@ void EndToEndTest::tokensAndPasswordsAreKeptSafe()
     QVERIFY2(clock.elapsed() < 900, "another user's login waited too");
 }
 
+void EndToEndTest::badRequests_data()
+{
+    QTest::addColumn<bool>("tls");
+    QTest::newRow("HTTP") << false;
+    QTest::newRow("HTTPS") << true;
+}
+
+// The same limits over HTTP and over HTTPS, where a connection that starts no
+// handshake is closed as one that sends no request is.
 void EndToEndTest::badRequests()
 {
+    QFETCH(bool, tls);
     LocalService service;
-    QVERIFY(service.start(folder.filePath("data-limits"), {"--max-body-mb", "1", "--idle-seconds", "1"}));
+    QVERIFY(startTls(service, tls ? "limits-tls" : "limits", tls ? &certificates().trusted : nullptr,
+                     {"--max-body-mb", "1", "--idle-seconds", "1"}));
     // Every exchange ends with the service closing the connection.
-    const auto rawExchange = [&service](const QByteArray& request) {
-        QTcpSocket socket;
-        socket.connectToHost("127.0.0.1", service.address.section(':', 1).toUShort());
-        socket.waitForConnected(3000);
+    const auto rawExchange = [&service, tls](const QByteArray& request) {
+        QSslSocket socket;
+        const quint16 port = service.address.section(':', 1).toUShort();
+        if (tls && !request.isEmpty())
+            socket.connectToHostEncrypted("127.0.0.1", port);
+        else
+            socket.connectToHost("127.0.0.1", port);
+        if (!(tls && !request.isEmpty() ? socket.waitForEncrypted(3000) : socket.waitForConnected(3000)))
+            return "not connected: " + socket.errorString().toUtf8();
         socket.write(request);
         socket.waitForBytesWritten(3000);
         QByteArray answer;
@@ -482,6 +500,8 @@ void EndToEndTest::badRequests()
         {json + "Content-Length: 100000\r\n\r\n", "HTTP/1.1 413", 1},
         // Half a head, then silence: closed after --idle-seconds 1.
         {"GET /x HTTP/1.1\r\n", "", 0},
+        // Nothing at all (over HTTPS, no handshake): closed as well.
+        {"", "", 0},
     };
     for (const auto& exchange : exchanges) {
         const QByteArray answer = rawExchange(exchange.request);
