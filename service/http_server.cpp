@@ -5,12 +5,14 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/strand.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <cstdio>
 #include <fstream>
 #include <random>
@@ -100,46 +102,90 @@ private:
 // closing with unread bytes would reset the connection, answer and all.
 constexpr std::chrono::milliseconds refusedBodyWait(500);
 
-class Connection final : public HttpConnection
+class Connection final : public HttpConnection, public std::enable_shared_from_this<Connection>
 {
 public:
-    Connection(const HttpLimits& limits, const std::atomic<bool>& stopping) : limits(limits), stopping(stopping) {}
+    // A connection served on a thread of its own, with a context of its own.
+    Connection(const HttpLimits& limits, const std::atomic<bool>& stopping)
+        : limits(limits), stopping(stopping), ownContext(std::in_place), stream(ownContext->get_executor())
+    {
+    }
+    // A connection on the server's pool of threads: its operations run in a
+    // strand of the pool, and a request's handler on a worker (`Pooled` below).
+    Connection(const HttpLimits& limits, const std::atomic<bool>& stopping, net::io_context& pool)
+        : limits(limits), stopping(stopping), stream(net::make_strand(pool))
+    {
+    }
 
-    // Runs one asynchronous operation on this connection's own context and
-    // waits for it: Beast's deadlines apply to asynchronous operations only, and
-    // a context per thread lets a handler block without holding up the others.
+    // Runs one asynchronous operation and waits for it: Beast's deadlines
+    // apply to asynchronous operations only. On a context of its own, the
+    // waiting thread runs it; on the pool, the operation starts in the
+    // connection's strand and the waiting thread sleeps until it is over.
     template <class Start> std::size_t await(Start start, error_code& ec, std::chrono::milliseconds limit)
     {
         if (stopping) {
             ec = net::error::operation_aborted;
             return 0;
         }
-        stream.expires_after(limit);
-        bool done = false;
         std::size_t count = 0;
-        start([&](error_code result, std::size_t n) {
-            ec = result;
-            count = n;
-            done = true;
-        });
-        context.restart();
-        while (!done && context.run_one() > 0) {
+        if (ownContext) {
+            stream.expires_after(limit);
+            bool done = false;
+            start([&](error_code result, std::size_t n) {
+                ec = result;
+                count = n;
+                done = true;
+            });
+            ownContext->restart();
+            while (!done && ownContext->run_one() > 0) {
+            }
+            if (!done)
+                ec = net::error::operation_aborted;
+            return count;
         }
-        if (!done)
-            ec = net::error::operation_aborted;
+        std::mutex mutex;
+        std::condition_variable over;
+        bool done = false;
+        net::post(stream.get_executor(), [&] {
+            stream.expires_after(limit);
+            start([&](error_code result, std::size_t n) {
+                const std::lock_guard<std::mutex> lock(mutex);
+                ec = result;
+                count = n;
+                done = true;
+                over.notify_one(); // under the lock: the waiter can't be gone yet
+            });
+        });
+        std::unique_lock<std::mutex> lock(mutex);
+        over.wait(lock, [&done] { return done; });
         return count;
     }
 
     Read readRequest(HttpRequest& request, std::string* raw) override
     {
         TimedStream timed(*this, raw);
-        http::request_parser<http::buffer_body> parser;
-        parser.header_limit(std::uint32_t(std::min<std::size_t>(limits.headBytes, UINT32_MAX)));
-        parser.body_limit(limits.bodyBytes);
+        startParser();
         error_code ec;
-        http::read_header(timed, buffer, parser, ec);
+        http::read_header(timed, buffer, *parser, ec);
         if (ec)
             return refused(ec);
+        return readAfterHead(request, timed);
+    }
+
+    // A new parser for the next request, on what is left in the buffer.
+    void startParser()
+    {
+        parser.emplace();
+        parser->header_limit(std::uint32_t(std::min<std::size_t>(limits.headBytes, UINT32_MAX)));
+        parser->body_limit(limits.bodyBytes);
+    }
+
+    // The request whose head the parser has read: the head checked, then the
+    // body read as the head allows.
+    Read readAfterHead(HttpRequest& request, TimedStream& timed)
+    {
+        error_code ec;
+        auto& parser = *this->parser;
         const auto& head = parser.get();
         request.method = std::string(head.method_string());
         request.target = std::string(head.target());
@@ -275,8 +321,25 @@ public:
 
     std::chrono::milliseconds idle() const { return limits.idle; }
 
-    net::io_context context;
-    beast::tcp_stream stream{context};
+    const HttpLimits& limits;
+    const std::atomic<bool>& stopping;
+    std::optional<net::io_context> ownContext;
+    beast::tcp_stream stream;
+    beast::flat_buffer buffer;
+    std::optional<http::request_parser<http::buffer_body>> parser;
+    std::unique_ptr<TlsSession> tls; // on `stream`, when the server speaks TLS
+
+    // Answers a request that can't be read, when there is anybody to answer.
+    Read refused(const error_code& ec)
+    {
+        if (ec == http::error::header_limit)
+            refuse(431);
+        else if (ec == http::error::body_limit)
+            refuse(413);
+        else if (isMalformed(ec))
+            refuse(400);
+        return Read::None;
+    }
 
 private:
     template <class Body> bool send(http::response<Body>& message, const HttpResponse& response, bool keepAlive)
@@ -295,22 +358,6 @@ private:
 
     void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
 
-    // Answers a request that can't be read, when there is anybody to answer.
-    Read refused(const error_code& ec)
-    {
-        if (ec == http::error::header_limit)
-            refuse(431);
-        else if (ec == http::error::body_limit)
-            refuse(413);
-        else if (isMalformed(ec))
-            refuse(400);
-        return Read::None;
-    }
-
-    const HttpLimits& limits;
-    const std::atomic<bool>& stopping;
-    beast::flat_buffer buffer;
-    std::unique_ptr<TlsSession> tls; // on `stream`, when the server speaks TLS
     std::array<char, 16 << 10> record;
 };
 
@@ -430,6 +477,7 @@ std::string percentEncode(const std::string& text)
 
 struct HttpServer::Context {
     net::io_context context;
+    std::function<void()> keepRunning; // serve(): lets the pool end once stopped
     tcp::acceptor acceptor{context};
     net::signal_set signals{context};
     std::atomic<bool> stopping{false};
@@ -526,12 +574,38 @@ void HttpServer::stop()
         error_code ignored;
         c.acceptor.close(ignored);
         c.signals.cancel(ignored);
+        if (c.keepRunning)
+            c.keepRunning();
     });
     // An open connection ends at its next read, or now if it is waiting for one.
     std::lock_guard<std::mutex> lock(c.mutex);
     for (Connection* connection : c.open)
-        net::post(connection->context, [connection] { connection->stream.close(); });
+        net::post(connection->stream.get_executor(), [connection] { connection->stream.close(); });
 }
+
+namespace {
+
+// The handler's answer to a whole request. The spooled form goes before the
+// answer: once a client has its answer, nothing of its request is left in the
+// data folder.
+HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
+{
+    HttpResponse response;
+    try {
+        response = handler(request);
+    } catch (const std::exception& e) {
+        response = HttpResponse::text(500, e.what());
+    } catch (...) {
+        response = HttpResponse::text(500, "unexpected failure\n");
+    }
+    if (!request.bodyFile.empty()) {
+        std::remove(request.bodyFile.c_str());
+        request.bodyFile.clear();
+    }
+    return response;
+}
+
+} // namespace
 
 void serveRequests(HttpConnection& connection, const HttpHandler& handler)
 {
@@ -540,23 +614,248 @@ void serveRequests(HttpConnection& connection, const HttpHandler& handler)
         const RemovedAtEnd spooled{request.bodyFile};
         if (connection.readRequest(request) != HttpConnection::Read::Request)
             return;
-        HttpResponse response;
-        try {
-            response = handler(request);
-        } catch (const std::exception& e) {
-            response = HttpResponse::text(500, e.what());
-        } catch (...) {
-            response = HttpResponse::text(500, "unexpected failure\n");
-        }
-        // The spooled form goes before the answer: once a client has its answer,
-        // nothing of its request is left in the data folder.
-        if (!request.bodyFile.empty()) {
-            std::remove(request.bodyFile.c_str());
-            request.bodyFile.clear();
-        }
+        const HttpResponse response = respond(handler, request);
         if (response.dropConnection || !connection.write(response, request.keepAlive) || !request.keepAlive)
             return;
     }
+}
+
+// Threads that serve requests whose heads have come, made as they are needed
+// up to a limit and kept for the next ones; requests beyond wait their turn.
+class WorkerPool
+{
+public:
+    explicit WorkerPool(int most) : most(std::size_t(std::max(1, most))) {}
+    ~WorkerPool()
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+        }
+        ready.notify_all();
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    void submit(std::function<void()> job)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        jobs.push_back(std::move(job));
+        if (idle == 0 && threads.size() < most)
+            threads.emplace_back([this] { work(); });
+        ready.notify_one();
+    }
+
+private:
+    void work()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            ++idle;
+            ready.wait(lock, [this] { return stopping || !jobs.empty(); });
+            --idle;
+            if (jobs.empty())
+                return;
+            std::function<void()> job = std::move(jobs.front());
+            jobs.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+        }
+    }
+
+    const std::size_t most;
+    std::mutex mutex;
+    std::condition_variable ready;
+    std::deque<std::function<void()>> jobs;
+    std::vector<std::thread> threads;
+    std::size_t idle = 0;
+    bool stopping = false;
+};
+
+// The connections of serve(): heads are read asynchronously on the pool, so
+// that an idle or slow connection holds no thread, under deadlines; a request
+// whose head came whole goes to a worker, which reads its body and answers it
+// as a connection of its own would, and hands the connection back.
+class PooledConnections
+{
+public:
+    PooledConnections(HttpServer::Context& c, const HttpLimits& limits, const HttpHandler& handler)
+        : c(c), limits(limits), handler(handler), workers(std::in_place, limits.connections)
+    {
+    }
+
+    // Waits for the requests being answered, once the pool has stopped.
+    void endWorkers() { workers.reset(); }
+
+    // In the connection's strand.
+    void start(const std::shared_ptr<Connection>& connection)
+    {
+        if (!limits.tls) {
+            awaitHead(connection, limits.headDeadline);
+            return;
+        }
+        connection->tls = startTlsSession(*limits.tls, connection->stream);
+        connection->stream.expires_after(limits.handshake);
+        connection->tls->asyncHandshake([this, connection](error_code ec, std::size_t) {
+            if (ec)
+                close(connection);
+            else
+                awaitHead(connection, limits.headDeadline);
+        });
+    }
+
+private:
+    // Waits up to `firstByte` for the next request's first byte; from then on
+    // its head must come whole within the head deadline.
+    void awaitHead(const std::shared_ptr<Connection>& connection, std::chrono::milliseconds firstByte)
+    {
+        connection->startParser();
+        if (connection->buffer.size() > 0) { // the next request came with the last one
+            connection->stream.expires_after(limits.headDeadline);
+            parseHead(connection);
+            return;
+        }
+        connection->stream.expires_after(firstByte);
+        readSome(connection, [this, connection] {
+            connection->stream.expires_after(limits.headDeadline);
+            parseHead(connection);
+        });
+    }
+
+    void parseHead(const std::shared_ptr<Connection>& connection)
+    {
+        auto& parser = *connection->parser;
+        while (connection->buffer.size() > 0) {
+            error_code ec;
+            const std::size_t used = parser.put(connection->buffer.data(), ec);
+            connection->buffer.consume(used);
+            if (ec == http::error::need_more)
+                break;
+            if (ec) {
+                workers->submit([this, connection, ec] {
+                    connection->refused(ec);
+                    close(connection);
+                });
+                return;
+            }
+            if (parser.is_header_done()) {
+                workers->submit([this, connection] { serveRequest(connection); });
+                return;
+            }
+        }
+        readSome(connection, [this, connection] { parseHead(connection); });
+    }
+
+    // Reads what comes into the connection's buffer, then `next`; a close, an
+    // error or the deadline ends the connection.
+    template <class Next> void readSome(const std::shared_ptr<Connection>& connection, Next next)
+    {
+        const auto arrived = [this, connection, next](error_code ec, std::size_t count) {
+            connection->buffer.commit(count);
+            if (ec || c.stopping)
+                close(connection);
+            else
+                next();
+        };
+        const net::mutable_buffer room = connection->buffer.prepare(16 << 10);
+        if (connection->tls)
+            connection->tls->asyncReadSome(room, arrived);
+        else
+            connection->stream.async_read_some(room, arrived);
+    }
+
+    // On a worker: the body, the handler, the answer; then the connection
+    // waits for its next request on the pool, or ends.
+    void serveRequest(const std::shared_ptr<Connection>& connection)
+    {
+        HttpRequest request;
+        const RemovedAtEnd spooled{request.bodyFile};
+        TimedStream timed(*connection);
+        if (connection->readAfterHead(request, timed) != HttpConnection::Read::Request) {
+            close(connection);
+            return;
+        }
+        const HttpResponse response = respond(handler, request);
+        if (response.dropConnection || !connection->write(response, request.keepAlive) || !request.keepAlive) {
+            close(connection);
+            return;
+        }
+        net::post(connection->stream.get_executor(), [this, connection] { awaitHead(connection, limits.idle); });
+    }
+
+    void close(const std::shared_ptr<Connection>& connection)
+    {
+        net::post(connection->stream.get_executor(), [this, connection] {
+            connection->finish();
+            const std::lock_guard<std::mutex> lock(c.mutex);
+            c.open.erase(connection.get());
+            c.ended.notify_all();
+        });
+    }
+
+    HttpServer::Context& c;
+    const HttpLimits& limits;
+    const HttpHandler& handler;
+    std::optional<WorkerPool> workers;
+};
+
+void HttpServer::serve(const HttpHandler& handler)
+{
+    Context& c = *context;
+    if (handleSignals) {
+        c.signals.add(SIGINT);
+        c.signals.add(SIGTERM);
+        c.signals.async_wait([this](const error_code& ec, int) {
+            if (!ec)
+                stop();
+        });
+    }
+    // Declared before the pool's threads, so it outlives them; its workers
+    // end with it, after the last connection.
+    PooledConnections connections(c, limits, handler);
+    std::function<void()> acceptNext = [&] {
+        auto connection = std::make_shared<Connection>(limits, c.stopping, c.context);
+        c.acceptor.async_accept(connection->stream.socket(), [&, connection](const error_code& ec) {
+            if (ec)
+                return; // the acceptor was closed
+            error_code ignored;
+            connection->stream.socket().set_option(net::ip::tcp::no_delay(true), ignored);
+            bool tooMany;
+            {
+                std::lock_guard<std::mutex> lock(c.mutex);
+                tooMany = int(c.open.size()) >= limits.openConnections;
+                if (!tooMany)
+                    c.open.insert(connection.get());
+            }
+            if (tooMany)
+                connection->finish(); // nothing read, nothing answered: no thread may wait on it
+            else
+                net::post(connection->stream.get_executor(), [&connections, connection] { connections.start(connection); });
+            acceptNext();
+        });
+    };
+    acceptNext();
+    {
+        // Work stays until stop(): between a worker's request and the next wait
+        // for a head, the pool may have nothing else to run.
+        auto work = net::make_work_guard(c.context);
+        c.keepRunning = [&work] { work.reset(); };
+        std::vector<std::thread> pool;
+        const unsigned threads = std::max(2u, std::min(8u, std::thread::hardware_concurrency()));
+        for (unsigned i = 1; i < threads; ++i)
+            pool.emplace_back([&c] { c.context.run(); });
+        c.context.run();
+        for (std::thread& thread : pool)
+            thread.join();
+    }
+    // Workers still answering finish their requests; what they hand back to
+    // the pool meanwhile (closes) runs after them.
+    connections.endWorkers();
+    c.context.restart();
+    c.context.run();
+    std::unique_lock<std::mutex> lock(c.mutex);
+    c.ended.wait(lock, [&c] { return c.open.empty(); });
 }
 
 } // namespace norva::service

@@ -69,7 +69,14 @@ struct HttpLimits {
     std::size_t memoryBodyBytes = 16 << 20;
     // No byte moving for this long ends the connection.
     std::chrono::milliseconds idle{30000};
+    // run(): connections served at once (a thread each); serve(): requests
+    // served at once (a worker each), those beyond waiting their turn.
     int connections = 256;
+    // serve(): connections open at once; one beyond is closed at once. A new
+    // connection's request head, and a kept connection's from its first
+    // byte, must come whole within `headDeadline`.
+    int openConnections = 20000;
+    std::chrono::milliseconds headDeadline{10000};
     // Where form bodies are spooled as they arrive; empty keeps them in memory.
     std::string spoolFolder;
     // Looks at each request's head first; none takes every request.
@@ -122,11 +129,18 @@ public:
     // Serves every connection with `serve` on a thread of its own until stop();
     // returns when the last connection has ended.
     void run(ConnectionHandler serve);
+    // Serves every request with `handler` until stop(): request heads are read
+    // on a few threads, asynchronously and under deadlines, so that idle and
+    // slow connections cost little; a request whose head came whole is read
+    // on and answered on a worker thread. Returns when the last connection
+    // has ended.
+    void serve(const HttpHandler& handler);
     // From any thread: no more connections, and those open end at their next read.
     void stop();
 
-private:
     struct Context;
+
+private:
     std::unique_ptr<Context> context;
     HttpLimits limits;
     int boundPort = 0;

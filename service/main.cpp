@@ -239,6 +239,7 @@ int main(int argc, char** argv)
     // A TLS handshake must be over within the idle limit, and never takes
     // longer than 10 s: a connection that starts none holds nothing for long.
     limits.handshake = std::min(limits.handshake, limits.idle);
+    limits.headDeadline = std::min(limits.headDeadline, limits.idle);
     limits.spoolFolder = service.spoolFolder();
     limits.checkHead = [&service](const norva::service::HttpRequest& head) { return service.checkHead(head); };
     norva::service::HttpServer server(limits);
@@ -271,7 +272,7 @@ int main(int argc, char** argv)
             return *fault;
         return service.handle(request);
     };
-    server.run([&handler](norva::service::HttpConnection& connection) { serveRequests(connection, handler); });
+    server.serve(handler);
     std::printf("stopped\n");
     return 0;
 }

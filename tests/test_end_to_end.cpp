@@ -135,6 +135,7 @@ private slots:
     void eachTokenActsForItsOwnUser();
     void plainPasswordsAreConvertedOnOpen();
     void tokensAndPasswordsAreKeptSafe();
+    void slowClientsHoldNothing();
     void badRequests_data();
     void badRequests();
     void https_data();
@@ -442,6 +443,40 @@ void EndToEndTest::tokensAndPasswordsAreKeptSafe()
     QVERIFY2(clock.restart() >= 900, "no wait after five failures");
     QVERIFY(!loginAs("ada", "ada-secret-3").isEmpty());
     QVERIFY2(clock.elapsed() < 900, "another user's login waited too");
+}
+
+// Connections that send half a head, more of them than requests are served
+// at once, keep nobody else out; each is cut when its head's deadline passes,
+// even while it trickles a byte now and then (an idle timer would wait on).
+void EndToEndTest::slowClientsHoldNothing()
+{
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-slow"), {"--idle-seconds", "2"}));
+    const quint16 port = service.address.section(':', 1).toUShort();
+    std::vector<std::unique_ptr<QTcpSocket>> halfHeads;
+    for (int i = 0; i < 300; ++i) {
+        halfHeads.push_back(std::make_unique<QTcpSocket>());
+        halfHeads.back()->connectToHost("127.0.0.1", port);
+        QVERIFY(halfHeads.back()->waitForConnected(3000));
+        halfHeads.back()->write("POST /kvr/share/selectShare HTTP/1.1\r\nHost: x\r\n");
+        halfHeads.back()->flush();
+    }
+    const QString token = login(service.address);
+    QVERIFY(!token.isEmpty());
+    QCOMPARE(call(norva_sdk_select_share, {}, service.address, token)["status"].toInt(), 200);
+
+    QTcpSocket trickle;
+    trickle.connectToHost("127.0.0.1", port);
+    QVERIFY(trickle.waitForConnected(3000));
+    for (int i = 0; i < 40 && trickle.state() == QAbstractSocket::ConnectedState; ++i) {
+        trickle.write("X");
+        trickle.waitForDisconnected(250);
+    }
+    QCOMPARE(trickle.state(), QAbstractSocket::UnconnectedState); // within 2 s, not after 10
+    for (const auto& socket : halfHeads) {
+        if (socket->state() != QAbstractSocket::UnconnectedState)
+            QVERIFY(socket->waitForDisconnected(5000));
+    }
 }
 
 void EndToEndTest::badRequests_data()
