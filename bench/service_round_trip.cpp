@@ -2,7 +2,9 @@
 // bytes must come back equal, and the service's peak resident memory shows
 // that it streams (bodies spooled to disk, downloads read from disk). Meanwhile
 // another client's slowest answer shows whether storing the file holds up
-// everybody else.
+// everybody else. Last, 5,000 connections each send half a request head and
+// stay: a logged-in client's queries meanwhile, and the service's memory, show
+// what such connections cost.
 //
 //   bench_service_round_trip SERVICE [MiB (default 2048)]
 #include "norva_api_qt.h"
@@ -10,8 +12,11 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/resource.h>
@@ -141,14 +146,38 @@ ProbeWindow probeDuring(const Prober& prober, Work&& work)
     return window;
 }
 
-long peakResidentKiB(pid_t pid)
+// A figure of /proc/PID/status in KiB: "VmHWM:" (peak resident), "VmRSS:".
+long statusKiB(pid_t pid, const char* field)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::atol(line.c_str() + 6);
+        if (line.rfind(field, 0) == 0)
+            return std::atol(line.c_str() + std::strlen(field));
     }
     return -1;
+}
+
+// `count` connections to `port` that each send half a request head and stay
+// open (closed by the caller); fewer when the system refuses more.
+std::vector<int> halfHeads(int port, int count)
+{
+    std::vector<int> sockets;
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(std::uint16_t(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const char half[] = "POST /kvr/share/selectShare HTTP/1.1\r\nHost: bench\r\nContent-Type: appl";
+    for (int i = 0; i < count; ++i) {
+        const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (s < 0 || ::connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0
+            || ::send(s, half, sizeof half - 1, MSG_NOSIGNAL) != ssize_t(sizeof half - 1)) {
+            if (s >= 0)
+                ::close(s);
+            break;
+        }
+        sockets.push_back(s);
+    }
+    return sockets;
 }
 
 } // namespace
@@ -217,7 +246,25 @@ int main(int argc, char** argv)
                                      {{"ipconfig", address}, {"token", token}, {"file_downloadpath", QString::fromStdString(into)},
                                       {"data", QJsonObject{{"id", uploaded["Board_Id"]}, {"userId", userId}}}});
     const double downSeconds = std::chrono::duration<double>(Clock::now() - downStart).count();
-    const long servicePeak = peakResidentKiB(service);
+    const long servicePeak = statusKiB(service, "VmHWM:");
+
+    // Each connection (and the service) needs a descriptor.
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    const long beforeHalfHeads = statusKiB(service, "VmRSS:");
+    const std::vector<int> held = halfHeads(address.section(':', 1).toInt(), 5000);
+    double slowestQueryMs = 0;
+    int answered = 0;
+    for (int i = 0; i < 20; ++i) {
+        const auto start = Clock::now();
+        answered += call(norva_sdk_select_share, {{"ipconfig", address}, {"token", token}})["status"].toInt() == 200;
+        slowestQueryMs = std::max(slowestQueryMs, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+    }
+    const long withHalfHeads = statusKiB(service, "VmRSS:");
+    for (const int s : held)
+        ::close(s);
     ::kill(service, SIGTERM);
     ::waitpid(service, nullptr, 0);
 
@@ -228,11 +275,14 @@ int main(int argc, char** argv)
     std::printf("service round trip of %llu MiB: upload %s (%.0f MB/s), download %s (%.0f MB/s), equal bytes: %s,\n"
                 "  service peak resident %.1f MiB, client peak resident %.1f MiB,\n"
                 "  another client during the upload: %ld answers, the slowest in %.0f ms,\n"
-                "  another client during %d logins: %ld answers, the slowest in %.0f ms\n",
+                "  another client during %d logins: %ld answers, the slowest in %.0f ms,\n"
+                "  %zu connections holding half a head: %d of 20 queries answered, the slowest in %.1f ms;\n"
+                "  service resident %.1f MiB before them, %.1f MiB with them\n",
                 static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
                 fetched["message"].toString().toUtf8().constData(), megabytes / downSeconds, equal ? "yes" : "NO",
                 double(servicePeak) / 1024, double(self.ru_maxrss) / 1024, duringUpload.answers,
-                duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs);
+                duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs, held.size(), answered,
+                slowestQueryMs, double(beforeHalfHeads) / 1024, double(withHalfHeads) / 1024);
     std::system(("rm -rf '" + scratch + "'").c_str());
     return equal ? 0 : 1;
 }

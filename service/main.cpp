@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -142,6 +143,12 @@ int main(int argc, char** argv)
     // What the service makes (database, boards, spooled bodies) is its user's
     // alone.
     ::umask(077);
+    // Every open connection takes a descriptor; idle ones cost little else.
+    rlimit files{};
+    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &files);
+    }
     norva::service::ServiceOptions options;
     norva::service::FaultInjection faults;
     norva::service::HttpLimits limits;
