@@ -217,6 +217,13 @@ public:
         if (parser.content_length() && *parser.content_length() > cap)
             return refused(http::error::body_limit);
         parser.body_limit(cap);
+        // A body held in memory counts against the server's bound from its
+        // head when it says its length, else as it comes.
+        if (!toFile) {
+            request.bodyMemory = std::make_shared<HeldBodyMemory>(limits.bodyMemory);
+            if (parser.content_length() && !request.bodyMemory->grow(*parser.content_length()))
+                return busy();
+        }
         std::ofstream spool;
         if (toFile) {
             request.bodyFile = spoolName(limits.spoolFolder);
@@ -230,10 +237,14 @@ public:
             if (ec == http::error::need_buffer)
                 ec = {};
             const std::size_t count = sizeof chunk - parser.get().body().size;
-            if (toFile)
+            if (toFile) {
                 spool.write(chunk, std::streamsize(count));
-            else
+            } else {
+                if (request.body.size() + count > request.bodyMemory->size()
+                    && !request.bodyMemory->grow(request.body.size() + count - request.bodyMemory->size()))
+                    return busy();
                 request.body.append(chunk, count);
+            }
             if (ec)
                 return isMalformed(ec) ? refused(ec) : Read::Partial;
         }
@@ -357,6 +368,14 @@ private:
     }
 
     void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
+
+    // Too many bodies held in memory at once: this one is not read.
+    Read busy()
+    {
+        write(HttpResponse::text(503, "too much request data held at once; try again\n"), false);
+        waitForPeerToClose(refusedBodyWait);
+        return Read::None;
+    }
 
     std::array<char, 16 << 10> record;
 };
@@ -486,7 +505,20 @@ struct HttpServer::Context {
     std::set<Connection*> open;
 };
 
-HttpServer::HttpServer(HttpLimits limits) : context(std::make_unique<Context>()), limits(std::move(limits)) {}
+HttpServer::HttpServer(HttpLimits limits) : context(std::make_unique<Context>()), limits(std::move(limits))
+{
+    this->limits.bodyMemory = std::make_shared<BodyMemory>(this->limits.memoryBodiesBytes);
+}
+
+bool BodyMemory::take(std::uint64_t bytes)
+{
+    std::uint64_t now = held.load();
+    do {
+        if (bytes > most || now > most - bytes)
+            return false;
+    } while (!held.compare_exchange_weak(now, now + bytes));
+    return true;
+}
 
 HttpServer::~HttpServer() = default;
 

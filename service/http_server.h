@@ -24,6 +24,44 @@ namespace norva::service {
 
 class TlsContext;
 
+// The bound on request-body bytes held in memory by all connections of a
+// server at once.
+class BodyMemory
+{
+public:
+    explicit BodyMemory(std::uint64_t most) : most(most) {}
+    // False, taking nothing, when `bytes` more would pass the bound.
+    bool take(std::uint64_t bytes);
+    void give(std::uint64_t bytes) { held -= bytes; }
+
+private:
+    const std::uint64_t most;
+    std::atomic<std::uint64_t> held{0};
+};
+
+// What one request holds of that bound, given back when the request goes.
+class HeldBodyMemory
+{
+public:
+    explicit HeldBodyMemory(std::shared_ptr<BodyMemory> memory) : memory(std::move(memory)) {}
+    ~HeldBodyMemory() { memory->give(bytes); }
+    HeldBodyMemory(const HeldBodyMemory&) = delete;
+    HeldBodyMemory& operator=(const HeldBodyMemory&) = delete;
+
+    bool grow(std::uint64_t more)
+    {
+        if (!memory->take(more))
+            return false;
+        bytes += more;
+        return true;
+    }
+    std::uint64_t size() const { return bytes; }
+
+private:
+    const std::shared_ptr<BodyMemory> memory;
+    std::uint64_t bytes = 0;
+};
+
 struct HttpRequest {
     std::string method;
     std::string target; // as sent
@@ -33,6 +71,7 @@ struct HttpRequest {
     std::string body;     // the decoded body, unless it went to `bodyFile`
     std::string bodyFile; // the spooled body; removed when the request is done
     bool keepAlive = true;
+    std::shared_ptr<HeldBodyMemory> bodyMemory; // what `body` holds of the server's bound
 
     // The first header of that name, case-insensitive; empty when absent.
     std::string header(const std::string& name) const;
@@ -65,8 +104,12 @@ struct HeadVerdict {
 struct HttpLimits {
     std::size_t headBytes = 64 << 10;
     std::uint64_t bodyBytes = 4ull << 30;
-    // Bodies that are not forms are held in memory, up to this size.
+    // Bodies that are not forms are held in memory, up to this size each, and
+    // up to `memoryBodiesBytes` for all requests at once; a body beyond that
+    // is answered 503 (from its head, when it says its length).
     std::size_t memoryBodyBytes = 16 << 20;
+    std::uint64_t memoryBodiesBytes = 256ull << 20;
+    std::shared_ptr<BodyMemory> bodyMemory; // made by the server from memoryBodiesBytes
     // No byte moving for this long ends the connection.
     std::chrono::milliseconds idle{30000};
     // run(): connections served at once (a thread each); serve(): requests

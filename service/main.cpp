@@ -36,6 +36,8 @@ int usage()
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
                 "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
                 "  --idle-seconds N  how long a connection may stay silent (default 30)\n"
+                "  --max-memory-mb N  request bodies held in memory at once, in MiB (default 256); a body\n"
+                "                     beyond is answered 503 (forms go to disk and don't count)\n"
                 "  data-folder  where the database and file contents live (default ./norva-data)\n"
                 "  --add-user NAME   add a user when the data folder has none of that name, with the password\n"
                 "                    read from standard input (one line); NAME:@FILE reads it from FILE's first\n"
@@ -189,6 +191,8 @@ int main(int argc, char** argv)
             understood = number(0, 10LL * 366 * 86400, [&](long long n) { options.tokenLifetimeSeconds = n; });
         else if (arg == "--max-body-mb")
             understood = number(1, 1 << 20, [&](long long n) { limits.bodyBytes = std::uint64_t(n) << 20; });
+        else if (arg == "--max-memory-mb")
+            understood = number(1, 1 << 20, [&](long long n) { limits.memoryBodiesBytes = std::uint64_t(n) << 20; });
         else if (arg == "--idle-seconds")
             understood = number(1, 86400, [&](long long n) { limits.idle = std::chrono::seconds(n); });
         else if (arg == "--delay-ms")

@@ -136,6 +136,7 @@ private slots:
     void plainPasswordsAreConvertedOnOpen();
     void tokensAndPasswordsAreKeptSafe();
     void slowClientsHoldNothing();
+    void bodiesInMemoryAreBounded();
     void badRequests_data();
     void badRequests();
     void https_data();
@@ -477,6 +478,44 @@ void EndToEndTest::slowClientsHoldNothing()
         if (socket->state() != QAbstractSocket::UnconnectedState)
             QVERIFY(socket->waitForDisconnected(5000));
     }
+}
+
+// Bodies held in memory count against one bound for the whole service: while
+// one client's body holds most of it, another's that would pass it is answered
+// 503 from its head; once the first is done, the second gets through.
+void EndToEndTest::bodiesInMemoryAreBounded()
+{
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-memory"), {"--max-memory-mb", "1"}));
+    const QString token = login(service.address);
+    const quint16 port = service.address.section(':', 1).toUShort();
+    const QByteArray body = "[" + QByteArray(700000, ' ') + "]";
+    const QByteArray head = "POST /kvr/share/insertMultipleShare HTTP/1.1\r\nContent-Type: application/json\r\n"
+                            "Connection: close\r\ntoken: " + token.toUtf8() + "\r\nContent-Length: "
+                            + QByteArray::number(body.size()) + "\r\n\r\n";
+    const auto answer = [](QTcpSocket& socket) {
+        QByteArray bytes;
+        while (socket.waitForReadyRead(5000))
+            bytes += socket.readAll();
+        return bytes;
+    };
+    QTcpSocket first, second;
+    first.connectToHost("127.0.0.1", port);
+    QVERIFY(first.waitForConnected(3000));
+    first.write(head + body.left(1000)); // the rest later: its share stays held
+    QVERIFY(first.waitForBytesWritten(3000));
+    QTest::qWait(500); // the first head is read and its share taken
+    second.connectToHost("127.0.0.1", port);
+    QVERIFY(second.waitForConnected(3000));
+    second.write(head + body);
+    QVERIFY(answer(second).startsWith("HTTP/1.1 503"));
+    first.write(body.mid(1000));
+    QVERIFY(answer(first).startsWith("HTTP/1.1 200"));
+    QTcpSocket third;
+    third.connectToHost("127.0.0.1", port);
+    QVERIFY(third.waitForConnected(3000));
+    third.write(head + body);
+    QVERIFY(answer(third).startsWith("HTTP/1.1 200"));
 }
 
 void EndToEndTest::badRequests_data()
