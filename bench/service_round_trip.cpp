@@ -3,12 +3,13 @@
 // that it streams (bodies spooled to disk, downloads read from disk). Meanwhile
 // another client's slowest answer shows whether storing the file holds up
 // everybody else. Last, 5,000 connections each send half a request head and
-// stay: a logged-in client's queries meanwhile, and the service's memory, show
+// stay: a logged-in client's queries (its favourites, none) meanwhile, and the service's memory, show
 // what such connections cost.
 //
 //   bench_service_round_trip SERVICE [MiB (default 2048)]
 #include "norva_api_qt.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -90,8 +91,9 @@ QJsonObject logIn(const QString& address)
 }
 
 // Another client, in a process of its own: in each window ("g" on the control
-// pipe until "s") it asks for the share table again and again, then reports how
-// many answers it had and the slowest one. It ends when the pipe closes.
+// pipe until "s") it asks for its favourites again and again, then reports how
+// many answers it had and the slowest one (its favourites: a list that stays
+// short whatever the others add). It ends when the pipe closes.
 struct Prober {
     pid_t pid = -1;
     int control = -1;
@@ -120,7 +122,7 @@ Prober startProber(const QString& address)
             pollfd stop{control[0], POLLIN, 0};
             while (::poll(&stop, 1, 0) == 0) {
                 const auto start = Clock::now();
-                call(norva_sdk_select_share, argument);
+                call(norva_sdk_select_favorite, argument);
                 window.slowestMs = std::max(window.slowestMs, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
                 ++window.answers;
             }
@@ -237,6 +239,17 @@ int main(int argc, char** argv)
         for (int i = 0; i < logins; ++i)
             logIn(address);
     });
+    // 50,000 shares in one batch: one transaction, while the other client asks on.
+    const int shares = 50000;
+    QJsonArray batch;
+    for (int i = 0; i < shares; ++i)
+        batch.append(QJsonObject{{"userid", userId}, {"boardid", uploaded["Board_Id"]}, {"sharewith_id", 100000 + i}, {"sharetype", 1}});
+    QJsonObject batchResult;
+    const auto batchStart = Clock::now();
+    const ProbeWindow duringBatch = probeDuring(prober, [&] {
+        batchResult = call(norva_sdk_add2share_batch, {{"ipconfig", address}, {"token", token}, {"data", batch}});
+    });
+    const double batchSeconds = std::chrono::duration<double>(Clock::now() - batchStart).count();
     ::close(prober.control);
     ::waitpid(prober.pid, nullptr, 0);
     const std::string into = scratch + "/down";
@@ -259,7 +272,7 @@ int main(int argc, char** argv)
     int answered = 0;
     for (int i = 0; i < 20; ++i) {
         const auto start = Clock::now();
-        answered += call(norva_sdk_select_share, {{"ipconfig", address}, {"token", token}})["status"].toInt() == 200;
+        answered += call(norva_sdk_select_favorite, {{"ipconfig", address}, {"token", token}})["status"].toInt() == 200;
         slowestQueryMs = std::max(slowestQueryMs, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
     }
     const long withHalfHeads = statusKiB(service, "VmRSS:");
@@ -276,12 +289,15 @@ int main(int argc, char** argv)
                 "  service peak resident %.1f MiB, client peak resident %.1f MiB,\n"
                 "  another client during the upload: %ld answers, the slowest in %.0f ms,\n"
                 "  another client during %d logins: %ld answers, the slowest in %.0f ms,\n"
+                "  %d shares in one batch: %s in %.2f s; another client meanwhile: %ld answers, the slowest in %.0f ms,\n"
                 "  %zu connections holding half a head: %d of 20 queries answered, the slowest in %.1f ms;\n"
                 "  service resident %.1f MiB before them, %.1f MiB with them\n",
                 static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
                 fetched["message"].toString().toUtf8().constData(), megabytes / downSeconds, equal ? "yes" : "NO",
                 double(servicePeak) / 1024, double(self.ru_maxrss) / 1024, duringUpload.answers,
-                duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs, held.size(), answered,
+                duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs, shares,
+                batchResult["message"].toString().toUtf8().constData(), batchSeconds, duringBatch.answers,
+                duringBatch.slowestMs, held.size(), answered,
                 slowestQueryMs, double(beforeHalfHeads) / 1024, double(withHalfHeads) / 1024);
     std::system(("rm -rf '" + scratch + "'").c_str());
     return equal ? 0 : 1;

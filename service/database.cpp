@@ -10,15 +10,16 @@ namespace norva::service {
 
 namespace {
 
+// One use of a kept statement: reset, with its values cleared, when done.
 class Statement
 {
 public:
-    Statement(sqlite3* db, const std::string& sql)
+    explicit Statement(sqlite3_stmt* statement) : statement(statement) {}
+    ~Statement()
     {
-        if (sqlite3_prepare_v2(db, sql.c_str(), int(sql.size()), &statement, nullptr) != SQLITE_OK)
-            throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
     }
-    ~Statement() { sqlite3_finalize(statement); }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
@@ -77,7 +78,28 @@ public:
 
 Database::~Database()
 {
+    for (const auto& kept : statements)
+        sqlite3_finalize(kept.second);
     sqlite3_close(db);
+}
+
+sqlite3_stmt* Database::prepared(const std::string& sql)
+{
+    const auto kept = statements.find(sql);
+    if (kept != statements.end())
+        return kept->second;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr)
+        != SQLITE_OK)
+        throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+    // Statements made from filters vary without end; only so many are kept.
+    if (statements.size() >= 256) {
+        for (const auto& old : statements)
+            sqlite3_finalize(old.second);
+        statements.clear();
+    }
+    statements.emplace(sql, statement);
+    return statement;
 }
 
 bool Database::open(const std::string& path, std::string& error)
@@ -102,7 +124,7 @@ void Database::execute(const std::string& sql)
 
 QJsonArray Database::query(const std::string& sql, const std::vector<QJsonValue>& values)
 {
-    Statement statement(db, sql);
+    Statement statement(prepared(sql));
     for (std::size_t i = 0; i < values.size(); ++i)
         statement.bind(int(i) + 1, values[i]);
     QJsonArray rows;

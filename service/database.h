@@ -8,10 +8,12 @@
 #include <QString>
 
 #include <mutex>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace norva::service {
 
@@ -37,8 +39,13 @@ public:
     std::mutex& lock() { return mutex; }
 
 private:
+    // The compiled statement of `sql`, compiled once and kept: a batch runs the
+    // same two statements for each of its rows.
+    sqlite3_stmt* prepared(const std::string& sql);
+
     sqlite3* db = nullptr;
     std::mutex mutex;
+    std::unordered_map<std::string, sqlite3_stmt*> statements;
 };
 
 // A transaction that ends with commit(), or is rolled back when it goes

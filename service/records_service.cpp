@@ -767,6 +767,9 @@ void RecordsService::addRoutes()
         QJsonArray repeated;
         // All of a batch or none of it: a batch cut off half way leaves nothing.
         Transaction transaction(db);
+        // One time for the whole batch (reading the clock as local time looks
+        // up the time zone's file every time).
+        const QJsonValue createdAt = now();
         for (const QJsonValue& value : records) {
             const QJsonObject record = value.toObject();
             std::string same;
@@ -787,7 +790,7 @@ void RecordsService::addRoutes()
                 marks += "?, ";
                 binds.push_back(field(record, key));
             }
-            binds.push_back(now());
+            binds.push_back(createdAt);
             binds.push_back(double(owner));
             db.change(std::string("INSERT INTO ") + table + "(" + columns + "createtime, owner) VALUES(" + marks + "?, ?)",
                       binds);
