@@ -2,7 +2,11 @@
 
 #include <QJsonDocument>
 
+#include "http_server.h"
+
 #include <sqlite3.h>
+
+#include <cerrno>
 
 #include <stdexcept>
 
@@ -74,6 +78,17 @@ public:
     sqlite3_stmt* statement = nullptr;
 };
 
+// The error of the last failed call on `db`, as an exception: a full disk
+// as StorageFull.
+[[noreturn]] void fail(sqlite3* db, const std::string& text)
+{
+    const int code = sqlite3_errcode(db);
+    const int system = sqlite3_system_errno(db);
+    if (code == SQLITE_FULL || system == ENOSPC || system == EDQUOT)
+        throw StorageFull("sql: " + text);
+    throw std::runtime_error("sql: " + text);
+}
+
 } // namespace
 
 Database::~Database()
@@ -91,7 +106,7 @@ sqlite3_stmt* Database::prepared(const std::string& sql)
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr)
         != SQLITE_OK)
-        throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+        fail(db, sqlite3_errmsg(db));
     // Statements made from filters vary without end; only so many are kept.
     if (statements.size() >= 256) {
         for (const auto& old : statements)
@@ -118,7 +133,7 @@ void Database::execute(const std::string& sql)
     if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string text = message ? message : "unknown error";
         sqlite3_free(message);
-        throw std::runtime_error("sql: " + text);
+        fail(db, text);
     }
 }
 
@@ -136,7 +151,7 @@ QJsonArray Database::query(const std::string& sql, const std::vector<QJsonValue>
         rows.append(row);
     }
     if (step != SQLITE_DONE)
-        throw std::runtime_error(std::string("sql: ") + sqlite3_errmsg(db));
+        fail(db, sqlite3_errmsg(db));
     return rows;
 }
 

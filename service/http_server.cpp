@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <deque>
 #include <cstdio>
 #include <fstream>
@@ -249,7 +250,7 @@ public:
                 return isMalformed(ec) ? refused(ec) : Read::Partial;
         }
         if (toFile && !spool.flush()) {
-            refuse(500);
+            refuse(lastWriteFoundNoRoom() ? 507 : 500);
             return Read::None;
         }
         return Read::Request;
@@ -418,6 +419,11 @@ struct RemovedAtEnd {
 };
 
 } // namespace
+
+bool lastWriteFoundNoRoom()
+{
+    return errno == ENOSPC;
+}
 
 std::string HttpRequest::header(const std::string& name) const
 {
@@ -625,10 +631,14 @@ HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
     HttpResponse response;
     try {
         response = handler(request);
+    } catch (const StorageFull& e) {
+        std::fprintf(stderr, "%s %s: %s\n", request.method.c_str(), request.path.c_str(), e.what());
+        response = HttpResponse::text(507, "the service's disk is full\n");
     } catch (const std::exception& e) {
-        response = HttpResponse::text(500, e.what());
+        std::fprintf(stderr, "%s %s: %s\n", request.method.c_str(), request.path.c_str(), e.what());
+        response = HttpResponse::text(500, "the service failed; its log says why\n");
     } catch (...) {
-        response = HttpResponse::text(500, "unexpected failure\n");
+        response = HttpResponse::text(500, "the service failed; its log says why\n");
     }
     if (!request.bodyFile.empty()) {
         std::remove(request.bodyFile.c_str());

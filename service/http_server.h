@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,18 @@ struct HttpResponse {
 };
 
 using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
+
+// Thrown by a handler that could not store something for want of room: the
+// request is answered 507. Any other exception is answered 500. Neither
+// answer carries the exception's text, which goes to standard error.
+class StorageFull : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Whether the last failed write of this thread failed for want of room.
+bool lastWriteFoundNoRoom();
 
 // What a request's head alone decides, before any of its body is read.
 struct HeadVerdict {

@@ -422,6 +422,14 @@ bool isOpen(const std::string& path)
 // A route without a token takes no more than this: a login, a mall query.
 constexpr std::uint64_t openBodyBytes = 16 << 10;
 
+// A file that could not be written or moved into place.
+[[noreturn]] void failedToStore()
+{
+    if (lastWriteFoundNoRoom())
+        throw StorageFull("cannot store the file: no room");
+    throw std::runtime_error("cannot store the file");
+}
+
 HttpResponse tokenExpired()
 {
     return HttpResponse::json(compact({{"code", 402}, {"msg", "token expired"}, {"data", QJsonValue::Null}}), 402);
@@ -507,7 +515,7 @@ void RecordsService::stage(const HttpRequest& request, const RouteEntry& route, 
         upload.files.push_back({field, spoolFolder() + "/staged-" + QUuid::createUuid().toString(QUuid::Id128).toStdString()});
         std::ofstream out(upload.files.back().path, std::ios::binary | std::ios::trunc);
         if (!copyPart(*form, field, out))
-            throw std::runtime_error("cannot store the file");
+            failedToStore();
     }
     upload.complete = true;
 }
@@ -612,7 +620,7 @@ void RecordsService::addRoutes()
                    double(owner)});
         const long long id = db.lastInsertId();
         if (std::rename(file.path.c_str(), filePath(id).c_str()) != 0)
-            throw std::runtime_error("cannot store the file");
+            failedToStore();
         file.path.clear();
         return id;
     };

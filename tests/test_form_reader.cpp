@@ -1,7 +1,12 @@
 // The service's form reader on forms as other clients write them, broken ones,
 // and delimiters across the edge of its reading window. (test_transfer reads
-// every form the library sends with it, too.)
+// every form the library sends with it, too.) And how its HTTP layer answers a
+// handler that fails.
 #include "form_reader.h"
+#include "http_server.h"
+
+#include <QTcpSocket>
+#include <thread>
 
 #include <QtTest>
 
@@ -40,6 +45,7 @@ class FormReaderTest : public QObject
 private slots:
     void dispositions();
     void rawForms();
+    void failingHandlers();
 };
 
 void FormReaderTest::dispositions()
@@ -89,6 +95,40 @@ void FormReaderTest::rawForms()
         QVERIFY2(row.parts <= 0 || QByteArray::fromStdString(read.back().content) == row.lastContent, row.name);
     }
     QCOMPARE(QString::fromStdString(norva::service::formBoundary("multipart/form-data; boundary=\"q;x\"")), QStringLiteral("q;x"));
+}
+
+// A handler's exception is answered 500, or 507 for a full disk, and its text
+// (SQLite's, say) stays in the service's log.
+void FormReaderTest::failingHandlers()
+{
+    norva::service::HttpServer server;
+    std::string error;
+    QVERIFY(server.listen("127.0.0.1", 0, error));
+    const norva::service::HttpHandler handler = [](const norva::service::HttpRequest& request) {
+        if (request.path == "/full")
+            throw norva::service::StorageFull("sql: database or disk is full");
+        if (request.path == "/broken")
+            throw std::runtime_error("sql: no such table: secret");
+        return norva::service::HttpResponse::text(200, "fine\n");
+    };
+    std::thread serving([&] { server.serve(handler); });
+    const auto answer = [&server](const QByteArray& path) {
+        QTcpSocket socket;
+        socket.connectToHost("127.0.0.1", quint16(server.port()));
+        socket.waitForConnected(3000);
+        socket.write("GET " + path + " HTTP/1.1\r\nConnection: close\r\n\r\n");
+        QByteArray bytes;
+        while (socket.waitForReadyRead(3000))
+            bytes += socket.readAll();
+        return bytes;
+    };
+    const QByteArray full = answer("/full"), broken = answer("/broken"), fine = answer("/fine");
+    server.stop();
+    serving.join();
+    QVERIFY2(full.startsWith("HTTP/1.1 507"), full.constData());
+    QVERIFY2(broken.startsWith("HTTP/1.1 500"), broken.constData());
+    QVERIFY2(fine.startsWith("HTTP/1.1 200"), fine.constData());
+    QVERIFY(!full.contains("sql") && !broken.contains("sql"));
 }
 
 QTEST_APPLESS_MAIN(FormReaderTest)
