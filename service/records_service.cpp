@@ -26,26 +26,31 @@ namespace norva::service {
 
 namespace {
 
+// Tables whose ids are never given twice (AUTOINCREMENT): a file is stored
+// under its record's id, and a removed record's id must not come round again.
+const char* const numberedTables[] = {"users", "original_files", "shares", "favourites", "error_library",
+                                      "error_messages", "mall_orders", "planner_models"};
+
 const char* const schema = R"(
-CREATE TABLE IF NOT EXISTS users(id INTEGER PRIMARY KEY, userName TEXT UNIQUE NOT NULL, userPwd TEXT NOT NULL,
+CREATE TABLE IF NOT EXISTS users(id INTEGER PRIMARY KEY AUTOINCREMENT, userName TEXT UNIQUE NOT NULL, userPwd TEXT NOT NULL,
   userRealname TEXT);
 CREATE TABLE IF NOT EXISTS login_tokens(hash TEXT PRIMARY KEY, userId INTEGER NOT NULL, expires INTEGER NOT NULL);
 CREATE INDEX IF NOT EXISTS login_tokens_by_user ON login_tokens(userId);
 CREATE INDEX IF NOT EXISTS login_tokens_by_expiry ON login_tokens(expires);
-CREATE TABLE IF NOT EXISTS original_files(id INTEGER PRIMARY KEY, origfilename TEXT, origfileguid TEXT,
+CREATE TABLE IF NOT EXISTS original_files(id INTEGER PRIMARY KEY AUTOINCREMENT, origfilename TEXT, origfileguid TEXT,
   mongogridfsid TEXT, origfilesuffix TEXT, zkcompanycode TEXT, createuserid, fileupdateuserid, updateuserid,
   parentid, type, source, isError, delflag INTEGER NOT NULL DEFAULT 0, size INTEGER, createtime TEXT, owner INTEGER);
-CREATE TABLE IF NOT EXISTS shares(id INTEGER PRIMARY KEY, userId, brdId, acsTypeId, acsType, createtime TEXT,
+CREATE TABLE IF NOT EXISTS shares(id INTEGER PRIMARY KEY AUTOINCREMENT, userId, brdId, acsTypeId, acsType, createtime TEXT,
   owner INTEGER);
-CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY, userId, boardId, boardName, createtime TEXT,
+CREATE TABLE IF NOT EXISTS favourites(id INTEGER PRIMARY KEY AUTOINCREMENT, userId, boardId, boardName, createtime TEXT,
   owner INTEGER);
-CREATE TABLE IF NOT EXISTS error_library(id INTEGER PRIMARY KEY, source, layer, errorMessage);
-CREATE TABLE IF NOT EXISTS error_messages(id INTEGER PRIMARY KEY, brdId, isReappear, remark, gridX, gridY, source,
+CREATE TABLE IF NOT EXISTS error_library(id INTEGER PRIMARY KEY AUTOINCREMENT, source, layer, errorMessage);
+CREATE TABLE IF NOT EXISTS error_messages(id INTEGER PRIMARY KEY AUTOINCREMENT, brdId, isReappear, remark, gridX, gridY, source,
   layer, priority, libraryId, errorMessage, owner INTEGER);
 CREATE INDEX IF NOT EXISTS shares_same ON shares(userId, brdId, acsTypeId);
 CREATE INDEX IF NOT EXISTS favourites_same ON favourites(userId, boardId);
-CREATE TABLE IF NOT EXISTS mall_orders(id INTEGER PRIMARY KEY, orderNum TEXT UNIQUE, userId, boardId, createtime TEXT);
-CREATE TABLE IF NOT EXISTS planner_models(id INTEGER PRIMARY KEY, name TEXT, params TEXT, createtime TEXT);
+CREATE TABLE IF NOT EXISTS mall_orders(id INTEGER PRIMARY KEY AUTOINCREMENT, orderNum TEXT UNIQUE, userId, boardId, createtime TEXT);
+CREATE TABLE IF NOT EXISTS planner_models(id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT, params TEXT, createtime TEXT);
 )";
 
 QString now()
@@ -287,6 +292,24 @@ void RecordsService::upgrade()
         if (ownerFrom)
             db.execute(std::string("UPDATE ") + table + " SET owner = " + ownerFrom);
     };
+    // A table from before whose ids could come round again is made anew, with
+    // its rows and ids, as the schema has it.
+    const auto numberOnwards = [this](const std::string& table) {
+        const QJsonArray made = db.query("SELECT sql FROM sqlite_master WHERE type = 'table' AND name = ?",
+                                         {QString::fromStdString(table)});
+        if (made.isEmpty() || made.first().toObject().value("sql").toString().contains(QLatin1String("AUTOINCREMENT")))
+            return;
+        std::string columns;
+        for (const QJsonValue& column : db.query("SELECT name FROM pragma_table_info('" + table + "')"))
+            columns += (columns.empty() ? "" : ", ") + column.toObject().value("name").toString().toStdString();
+        const std::string text = schema;
+        const std::size_t start = text.find("CREATE TABLE IF NOT EXISTS " + table + "(");
+        const std::size_t end = text.find(");", start);
+        db.execute("ALTER TABLE " + table + " RENAME TO " + table + "_before");
+        db.execute(text.substr(start, end + 2 - start));
+        db.execute("INSERT INTO " + table + "(" + columns + ") SELECT " + columns + " FROM " + table + "_before");
+        db.execute("DROP TABLE " + table + "_before");
+    };
     db.execute("BEGIN");
     // Tokens from before stood in clear text: their users log in again.
     db.execute("DROP TABLE IF EXISTS tokens");
@@ -294,6 +317,9 @@ void RecordsService::upgrade()
     addOwner("favourites", "userId");
     addOwner("original_files", "createuserid");
     addOwner("error_messages", nullptr);
+    for (const char* table : numberedTables)
+        numberOnwards(table);
+    db.execute(schema); // the indexes of the tables made anew
     bool rehashed = false;
     for (const QJsonValue& user : db.query("SELECT id, userPwd FROM users")) {
         const std::string stored = user.toObject().value("userPwd").toString().toStdString();

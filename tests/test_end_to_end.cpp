@@ -377,6 +377,11 @@ void EndToEndTest::plainPasswordsAreConvertedOnOpen()
     // The share of before is its user's, and that user may remove it.
     QCOMPARE(call(norva_sdk_delete_share, {{"data", QJsonObject{{"id", 1}, {"userId", 1}}}}, service.address, token)["status"].toInt(),
              200);
+    // Its id does not come round again, though it was the last.
+    QCOMPARE(call(norva_sdk_add2share, {{"userid", 1}, {"boardid", 6}, {"sharewith_id", 2}}, service.address, token)["status"].toInt(), 200);
+    const QJsonArray shares = call(norva_sdk_select_share, {}, service.address, token)["data"].toArray();
+    QCOMPARE(shares.size(), 1);
+    QCOMPARE(shares.first().toObject()["id"].toInt(), 2);
     QVERIFY(!filesIn(data).contains("legacy-secret-9"));
     QVERIFY(!QFile::exists(data + "/files/1"));
 }
