@@ -552,53 +552,77 @@ bool HttpServer::listen(const std::string& host, int port, std::string& error)
     return false;
 }
 
+namespace {
+
+// A connection that has ended leaves the open ones.
+void forget(HttpServer::Context& c, Connection* connection)
+{
+    connection->finish();
+    const std::lock_guard<std::mutex> lock(c.mutex);
+    c.open.erase(connection);
+    c.ended.notify_all();
+}
+
+// Accepts connections until the acceptor closes, each made by `make` and
+// counted among the open ones, then hands each to `take` with whether it is
+// one more than `most`.
+template <class Make, class Take> void acceptEach(HttpServer::Context& c, int most, Make make, Take take)
+{
+    auto connection = make();
+    c.acceptor.async_accept(connection->stream.socket(), [&c, most, make, take, connection](const error_code& ec) {
+        if (ec)
+            return; // the acceptor was closed
+        // An answer goes out as it is written: with Nagle's wait, a client
+        // that keeps its connection and acknowledges late (delayed ACK) gets
+        // the second piece of each answer 40 ms after the first.
+        error_code ignored;
+        connection->stream.socket().set_option(net::ip::tcp::no_delay(true), ignored);
+        bool tooMany;
+        {
+            std::lock_guard<std::mutex> lock(c.mutex);
+            tooMany = int(c.open.size()) >= most;
+            c.open.insert(connection.get());
+        }
+        take(connection, tooMany);
+        acceptEach(c, most, make, take);
+    });
+}
+
+} // namespace
+
+void HttpServer::watchSignals()
+{
+    if (!handleSignals)
+        return;
+    Context& c = *context;
+    c.signals.add(SIGINT);
+    c.signals.add(SIGTERM);
+    c.signals.async_wait([this](const error_code& ec, int) {
+        if (!ec)
+            stop();
+    });
+}
+
 void HttpServer::run(ConnectionHandler serve)
 {
     Context& c = *context;
-    if (handleSignals) {
-        c.signals.add(SIGINT);
-        c.signals.add(SIGTERM);
-        c.signals.async_wait([this](const error_code& ec, int) {
-            if (!ec)
-                stop();
-        });
-    }
-    std::function<void()> acceptNext = [&] {
-        auto connection = std::make_shared<Connection>(limits, c.stopping);
-        c.acceptor.async_accept(connection->stream.socket(), [&, connection](const error_code& ec) {
-            if (ec)
-                return; // the acceptor was closed
-            // An answer goes out as it is written: with Nagle's wait, a client
-            // that keeps its connection and acknowledges late (delayed ACK)
-            // gets the second piece of each answer 40 ms after the first.
-            error_code ignored;
-            connection->stream.socket().set_option(net::ip::tcp::no_delay(true), ignored);
-            bool tooMany;
-            {
-                std::lock_guard<std::mutex> lock(c.mutex);
-                tooMany = int(c.open.size()) >= limits.connections;
-                c.open.insert(connection.get());
+    watchSignals();
+    const auto make = [this, &c] { return std::make_shared<Connection>(limits, c.stopping); };
+    acceptEach(c, limits.connections, make, [this, &c, serve](std::shared_ptr<Connection> connection, bool tooMany) {
+        std::thread([this, &c, connection, serve, tooMany] {
+            try {
+                if (!connection->startTls(limits.tls.get(), limits.handshake))
+                    ; // nothing to answer on: no TLS, no HTTP
+                else if (tooMany)
+                    connection->write(HttpResponse::text(503, "too many connections\n"), false);
+                else
+                    serve(*connection);
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "connection ended: %s\n", e.what());
             }
-            std::thread([this, &c, connection, serve, tooMany] {
-                try {
-                    if (!connection->startTls(limits.tls.get(), limits.handshake))
-                        ; // nothing to answer on: no TLS, no HTTP
-                    else if (tooMany)
-                        connection->write(HttpResponse::text(503, "too many connections\n"), false);
-                    else
-                        serve(*connection);
-                } catch (const std::exception& e) {
-                    std::fprintf(stderr, "connection ended: %s\n", e.what());
-                }
-                connection->finish();
-                std::lock_guard<std::mutex> lock(c.mutex);
-                c.open.erase(connection.get());
-                c.ended.notify_all();
-            }).detach();
-            acceptNext();
-        });
-    };
-    acceptNext();
+            forget(c, connection.get());
+        }).detach();
+    });
     c.context.run();
     std::unique_lock<std::mutex> lock(c.mutex);
     c.ended.wait(lock, [&c] { return c.open.empty(); });
@@ -625,7 +649,7 @@ namespace {
 
 // The handler's answer to a whole request. The spooled form goes before the
 // answer: once a client has its answer, nothing of its request is left in the
-// data folder.
+// data folder, nor held in memory.
 HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
 {
     HttpResponse response;
@@ -644,6 +668,9 @@ HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
         std::remove(request.bodyFile.c_str());
         request.bodyFile.clear();
     }
+    // So is the body held in memory, and its share of the server's bound.
+    std::string().swap(request.body);
+    request.bodyMemory.reset();
     return response;
 }
 
@@ -828,12 +855,7 @@ private:
 
     void close(const std::shared_ptr<Connection>& connection)
     {
-        net::post(connection->stream.get_executor(), [this, connection] {
-            connection->finish();
-            const std::lock_guard<std::mutex> lock(c.mutex);
-            c.open.erase(connection.get());
-            c.ended.notify_all();
-        });
+        net::post(connection->stream.get_executor(), [this, connection] { forget(c, connection.get()); });
     }
 
     HttpServer::Context& c;
@@ -845,39 +867,17 @@ private:
 void HttpServer::serve(const HttpHandler& handler)
 {
     Context& c = *context;
-    if (handleSignals) {
-        c.signals.add(SIGINT);
-        c.signals.add(SIGTERM);
-        c.signals.async_wait([this](const error_code& ec, int) {
-            if (!ec)
-                stop();
-        });
-    }
+    watchSignals();
     // Declared before the pool's threads, so it outlives them; its workers
     // end with it, after the last connection.
     PooledConnections connections(c, limits, handler);
-    std::function<void()> acceptNext = [&] {
-        auto connection = std::make_shared<Connection>(limits, c.stopping, c.context);
-        c.acceptor.async_accept(connection->stream.socket(), [&, connection](const error_code& ec) {
-            if (ec)
-                return; // the acceptor was closed
-            error_code ignored;
-            connection->stream.socket().set_option(net::ip::tcp::no_delay(true), ignored);
-            bool tooMany;
-            {
-                std::lock_guard<std::mutex> lock(c.mutex);
-                tooMany = int(c.open.size()) >= limits.openConnections;
-                if (!tooMany)
-                    c.open.insert(connection.get());
-            }
-            if (tooMany)
-                connection->finish(); // nothing read, nothing answered: no thread may wait on it
-            else
-                net::post(connection->stream.get_executor(), [&connections, connection] { connections.start(connection); });
-            acceptNext();
-        });
-    };
-    acceptNext();
+    const auto make = [this, &c] { return std::make_shared<Connection>(limits, c.stopping, c.context); };
+    acceptEach(c, limits.openConnections, make, [&c, &connections](std::shared_ptr<Connection> connection, bool tooMany) {
+        if (tooMany)
+            forget(c, connection.get()); // nothing read, nothing answered: no thread may wait on it
+        else
+            net::post(connection->stream.get_executor(), [&connections, connection] { connections.start(connection); });
+    });
     {
         // Work stays until stop(): between a worker's request and the next wait
         // for a head, the pool may have nothing else to run.

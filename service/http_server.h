@@ -197,6 +197,9 @@ public:
     struct Context;
 
 private:
+    // SIGINT and SIGTERM call stop(), when asked for.
+    void watchSignals();
+
     std::unique_ptr<Context> context;
     HttpLimits limits;
     int boundPort = 0;
