@@ -8,9 +8,9 @@
 // thread's Qt events, so a host's timers and queued signals keep running and
 // operations may nest.
 //
-//  * The caller passes "ipconfig" ("host:port") in every call, and "token" (from
-//    its own earlier login) in every operation that needs one. Nothing is kept
-//    between calls.
+//  * The caller passes "ipconfig" ("host:port", or "https://host:port" for TLS)
+//    in every call, and "token" (from its own earlier login) in every operation
+//    that needs one. Nothing is kept between calls.
 //  * Every result document has an integer "status": 200 success, 206 partly done,
 //    400 any failure without a value of its own, 402 token expired, 410 no such
 //    user, 411 wrong password, 412 login refused. A fixed English "message" says
