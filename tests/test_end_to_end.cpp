@@ -137,6 +137,7 @@ private slots:
     void tokensAndPasswordsAreKeptSafe();
     void slowClientsHoldNothing();
     void bodiesInMemoryAreBounded();
+    void aBatchThatFailsLeavesNoRows();
     void badRequests_data();
     void badRequests();
     void https_data();
@@ -523,6 +524,28 @@ void EndToEndTest::bodiesInMemoryAreBounded()
     QVERIFY(answer(third).startsWith("HTTP/1.1 200"));
 }
 
+// A batch that fails half way (a statement that can't run, a full disk) leaves
+// none of its rows, and the next one goes in whole.
+void EndToEndTest::aBatchThatFailsLeavesNoRows()
+{
+    norva::service::Database db;
+    std::string error;
+    QVERIFY(db.open(folder.filePath("batch.sqlite3").toStdString(), error));
+    db.execute("CREATE TABLE shares(id INTEGER PRIMARY KEY AUTOINCREMENT, userId)");
+    const auto batch = [&db](const std::vector<const char*>& tables) {
+        try {
+            norva::service::Transaction transaction(db);
+            for (const char* table : tables)
+                db.change(std::string("INSERT INTO ") + table + "(userId) VALUES(?)", {1});
+            transaction.commit();
+        } catch (const std::exception&) {
+        }
+        return db.query("SELECT COUNT(*) AS n FROM shares").first().toObject()["n"].toInt();
+    };
+    QCOMPARE(batch({"shares", "shares", "no_such_table", "shares"}), 0);
+    QCOMPARE(batch({"shares", "shares"}), 2);
+}
+
 void EndToEndTest::badRequests_data()
 {
     QTest::addColumn<bool>("tls");
@@ -587,6 +610,9 @@ void EndToEndTest::badRequests()
         QVERIFY2(answer.startsWith(exchange.answer), answer.left(200).constData());
         QCOMPARE(answer.count("HTTP/1.1 "), exchange.answers);
     }
+    // Nothing of the refused bodies was kept.
+    const QDir incoming(folder.filePath(tls ? "data-limits-tls/incoming" : "data-limits/incoming"));
+    QVERIFY(incoming.exists() && incoming.isEmpty());
 }
 
 const TestCertificates& EndToEndTest::certificates()
