@@ -890,6 +890,7 @@ void HttpServer::serve(const HttpHandler& handler)
         c.context.run();
         for (std::thread& thread : pool)
             thread.join();
+        c.keepRunning = nullptr; // the guard goes; nothing runs the context now
     }
     // Workers still answering finish their requests; what they hand back to
     // the pool meanwhile (closes) runs after them.
