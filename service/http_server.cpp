@@ -639,10 +639,16 @@ void HttpServer::stop()
         if (c.keepRunning)
             c.keepRunning();
     });
-    // An open connection ends at its next read, or now if it is waiting for one.
+    // An open connection ends at its next read, or now if it is waiting for one;
+    // one that ends meanwhile may be gone by then.
     std::lock_guard<std::mutex> lock(c.mutex);
-    for (Connection* connection : c.open)
-        net::post(connection->stream.get_executor(), [connection] { connection->stream.close(); });
+    for (Connection* connection : c.open) {
+        const std::weak_ptr<Connection> weak = connection->weak_from_this();
+        net::post(connection->stream.get_executor(), [weak] {
+            if (const std::shared_ptr<Connection> alive = weak.lock())
+                alive->stream.close();
+        });
+    }
 }
 
 namespace {
