@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <random>
 
 namespace norva::service {
 
@@ -84,101 +85,190 @@ void readDisposition(const std::string& value, FormField& field)
 
 namespace {
 
-constexpr std::size_t window = 64 << 10;
+// A part's head ends within this many bytes, or the form is broken.
 constexpr std::size_t headLimit = 16 << 10;
 
-// Where `pattern` next starts at or after `from`, reading the stream a window
-// at a time; npos when the stream ends first.
-std::uint64_t find(std::istream& in, const std::string& pattern, std::uint64_t from, std::uint64_t within = UINT64_MAX)
+std::string partFileName(const std::string& folder)
 {
-    std::string chunk;
-    for (std::uint64_t at = from; at - from < within;) {
-        in.clear();
-        in.seekg(std::streamoff(at));
-        chunk.resize(window + pattern.size() - 1);
-        in.read(&chunk[0], std::streamsize(chunk.size()));
-        chunk.resize(std::size_t(in.gcount()));
-        const std::size_t hit = chunk.find(pattern);
-        if (hit != std::string::npos)
-            return at + hit;
-        if (chunk.size() < window + pattern.size() - 1)
-            return std::string::npos;
-        at += window;
-    }
-    return std::string::npos;
-}
-
-std::string read(std::istream& in, std::uint64_t at, std::size_t count)
-{
-    std::string bytes(count, '\0');
-    in.clear();
-    in.seekg(std::streamoff(at));
-    in.read(&bytes[0], std::streamsize(count));
-    bytes.resize(std::size_t(in.gcount()));
-    return bytes;
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    char name[40];
+    std::snprintf(name, sizeof name, "/part-%016llx", static_cast<unsigned long long>(random()));
+    return folder + name;
 }
 
 } // namespace
 
-bool readForm(std::istream& body, const std::string& boundary, std::vector<FormField>& fields)
+FormSplitter::FormSplitter(std::string boundary, FormPlan plan, std::string folder)
+    : delimiter("--" + boundary),
+      terminator("\r\n--" + boundary),
+      plan(std::move(plan)),
+      folder(std::move(folder)),
+      state(boundary.empty() ? State::Broken : State::Preamble)
 {
-    if (boundary.empty())
-        return false;
-    const std::string delimiter = "--" + boundary;
-    std::uint64_t at = find(body, delimiter, 0);
-    if (at == std::string::npos)
-        return false;
-    at += delimiter.size();
-    for (;;) {
-        const std::string after = read(body, at, 2);
-        if (after == "--")
-            return true; // the closing delimiter
-        if (after != "\r\n")
-            return false;
-        at += 2;
-        const std::uint64_t headEnd = find(body, "\r\n\r\n", at, headLimit);
-        if (headEnd == std::string::npos)
-            return false;
-        const std::string head = read(body, at, std::size_t(headEnd - at)) + "\r\n";
-        FormField field;
-        for (std::size_t line = 0; line < head.size();) {
-            const std::size_t lineEnd = head.find("\r\n", line);
-            const std::string header = head.substr(line, lineEnd - line);
-            const std::size_t colon = header.find(':');
-            if (colon != std::string::npos && lowered(header.substr(0, colon)) == "content-disposition")
-                readDisposition(header.substr(colon + 1), field);
-            line = lineEnd + 2;
+}
+
+FormSplitter::~FormSplitter()
+{
+    if (out)
+        std::fclose(out);
+    if (!current.file.empty())
+        std::remove(current.file.c_str());
+    for (const FormPart& part : kept) {
+        if (!part.file.empty())
+            std::remove(part.file.c_str());
+    }
+}
+
+bool FormSplitter::feed(const char* bytes, std::size_t size)
+{
+    if (state == State::Done || state == State::Broken)
+        return true; // what follows a form, or a broken one, is dropped
+    pending.append(bytes, size);
+    // Bytes before `at` are placed; they leave `pending` once per call, so
+    // that many small parts in one piece cost no more than one large one.
+    std::size_t at = 0;
+    bool stored = true;
+    for (bool more = true; more && stored;) {
+        switch (state) {
+        case State::Preamble: {
+            const std::size_t found = pending.find(delimiter, at);
+            if (found == std::string::npos) {
+                at = std::max(at, pending.size() - std::min(pending.size(), delimiter.size() - 1));
+                more = false;
+            } else {
+                at = found + delimiter.size();
+                state = State::AfterDelimiter;
+            }
+            break;
         }
-        const std::uint64_t next = find(body, "\r\n" + delimiter, headEnd + 4);
-        if (next == std::string::npos)
-            return false;
-        field.offset = headEnd + 4;
-        field.size = next - field.offset;
-        fields.push_back(std::move(field));
-        at = next + 2 + delimiter.size();
+        case State::AfterDelimiter:
+            if (pending.size() - at < 2) {
+                more = false;
+            } else if (pending.compare(at, 2, "--") == 0) {
+                state = State::Done;
+                more = false;
+            } else if (pending.compare(at, 2, "\r\n") == 0) {
+                at += 2;
+                state = State::Head;
+            } else {
+                state = State::Broken;
+                more = false;
+            }
+            break;
+        case State::Head: {
+            const std::size_t end = pending.find("\r\n\r\n", at);
+            if (end == std::string::npos) {
+                if (pending.size() - at > headLimit)
+                    state = State::Broken;
+                more = false;
+            } else {
+                stored = startPart(pending.substr(at, end - at) + "\r\n");
+                at = end + 4;
+                state = State::Content;
+            }
+            break;
+        }
+        case State::Content: {
+            const std::size_t end = pending.find(terminator, at);
+            if (end == std::string::npos) {
+                // All but what could be the start of the terminator.
+                const std::size_t safe = std::max(at, pending.size() - std::min(pending.size(), terminator.size() - 1));
+                stored = keep(pending.data() + at, safe - at);
+                at = safe;
+                more = false;
+            } else {
+                stored = keep(pending.data() + at, end - at) && endPart();
+                at = end + terminator.size();
+                state = State::AfterDelimiter;
+            }
+            break;
+        }
+        case State::Done:
+        case State::Broken:
+            more = false;
+            break;
+        }
     }
+    if (state == State::Done || state == State::Broken)
+        std::string().swap(pending);
+    else
+        pending.erase(0, at);
+    return stored;
 }
 
-bool readPart(std::istream& body, const FormField& field, std::string& content, std::uint64_t limit)
+bool FormSplitter::startPart(const std::string& head)
 {
-    if (field.size > limit)
+    current = FormPart();
+    for (std::size_t line = 0; line < head.size();) {
+        const std::size_t lineEnd = head.find("\r\n", line);
+        const std::string header = head.substr(line, lineEnd - line);
+        const std::size_t colon = header.find(':');
+        if (colon != std::string::npos && lowered(header.substr(0, colon)) == "content-disposition")
+            readDisposition(header.substr(colon + 1), current.field);
+        line = lineEnd + 2;
+    }
+    const std::string& name = current.field.name;
+    sink = Sink::Drop;
+    if (plan.keepAll || (name == plan.fieldPart && !fieldKept)) {
+        sink = Sink::Memory;
+        fieldKept = true;
+    } else if (name == plan.filePart && files < plan.maxFiles) {
+        sink = Sink::File;
+        ++files;
+        current.file = partFileName(folder);
+        out = std::fopen(current.file.c_str(), "wb");
+        if (!out) {
+            current.file.clear();
+            return false;
+        }
+    }
+    return true;
+}
+
+bool FormSplitter::keep(const char* bytes, std::size_t size)
+{
+    current.field.size += size;
+    switch (sink) {
+    case Sink::Drop:
+        return true;
+    case Sink::Memory:
+        if (!plan.keepAll && current.field.size > plan.fieldLimit) {
+            current.tooLarge = true;
+            std::string().swap(current.content);
+        } else {
+            current.content.append(bytes, size);
+        }
+        return true;
+    case Sink::File:
+        return std::fwrite(bytes, 1, size, out) == size;
+    }
+    return true;
+}
+
+bool FormSplitter::endPart()
+{
+    if (out) {
+        const bool written = std::fclose(out) == 0;
+        out = nullptr;
+        if (!written)
+            return false;
+    }
+    if (sink != Sink::Drop)
+        kept.push_back(std::move(current));
+    current = FormPart();
+    return true;
+}
+
+bool splitForm(const std::string& body, const std::string& boundary, std::vector<FormPart>& parts)
+{
+    FormPlan plan;
+    plan.keepAll = true;
+    FormSplitter splitter(boundary, std::move(plan));
+    splitter.feed(body.data(), body.size());
+    if (!splitter.complete())
         return false;
-    content = read(body, field.offset, std::size_t(field.size));
-    return content.size() == field.size;
-}
-
-bool copyPart(std::istream& body, const FormField& field, std::ostream& out)
-{
-    body.clear();
-    body.seekg(std::streamoff(field.offset));
-    std::string chunk(window, '\0');
-    for (std::uint64_t left = field.size; left > 0;) {
-        const std::size_t count = std::size_t(std::min<std::uint64_t>(left, window));
-        if (!body.read(&chunk[0], std::streamsize(count)) || !out.write(chunk.data(), std::streamsize(count)))
-            return false;
-        left -= count;
-    }
-    return bool(out.flush());
+    parts = std::move(splitter.parts());
+    return true;
 }
 
 } // namespace norva::service

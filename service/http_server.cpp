@@ -15,9 +15,6 @@
 #include <cerrno>
 #include <deque>
 #include <cstdio>
-#include <fstream>
-#include <random>
-#include <sstream>
 #include <thread>
 
 namespace norva::service {
@@ -54,14 +51,6 @@ void splitTarget(HttpRequest& request)
         }
         at = amp + 1;
     }
-}
-
-std::string spoolName(const std::string& folder)
-{
-    static thread_local std::mt19937_64 random{std::random_device{}()};
-    char name[40];
-    std::snprintf(name, sizeof name, "/body-%016llx", static_cast<unsigned long long>(random()));
-    return folder + name;
 }
 
 // A broken message, as opposed to a peer that went away or went quiet.
@@ -198,6 +187,7 @@ public:
         // The head first: a request refused by it is answered before any of its
         // body is read, and the body is never kept.
         std::uint64_t headLimit = UINT64_MAX;
+        std::optional<FormPlan> formPlan;
         if (limits.checkHead) {
             HeadVerdict verdict = limits.checkHead(request);
             if (verdict.refusal) {
@@ -206,40 +196,43 @@ public:
                 return Read::None;
             }
             headLimit = verdict.bodyLimit;
+            formPlan = std::move(verdict.form);
         }
 
-        // Forms go to the spool folder as they come; other bodies stay in memory,
-        // under a smaller limit. Beast checks the limit for chunked bodies as they
-        // come; a Content-Length is checked here, before any of the body.
-        const bool toFile = !limits.spoolFolder.empty()
-                            && lowered(request.header("Content-Type")).rfind("multipart/form-data", 0) == 0;
+        // A form the head has a plan for is split into its parts as it comes;
+        // other bodies stay in memory, under a smaller limit. Beast checks the
+        // limit for chunked bodies as they come; a Content-Length is checked
+        // here, before any of the body.
+        const std::string contentType = request.header("Content-Type");
+        const bool split = !limits.spoolFolder.empty() && formPlan
+                           && lowered(contentType).rfind("multipart/form-data", 0) == 0;
         const std::uint64_t cap = std::min(
-            headLimit, toFile ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes));
+            headLimit, split ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes));
         if (parser.content_length() && *parser.content_length() > cap)
             return refused(http::error::body_limit);
         parser.body_limit(cap);
         // A body held in memory counts against the server's bound from its
         // head when it says its length, else as it comes.
-        if (!toFile) {
+        if (split) {
+            request.form = std::make_shared<FormSplitter>(formBoundary(contentType), *formPlan, limits.spoolFolder);
+        } else {
             request.bodyMemory = std::make_shared<HeldBodyMemory>(limits.bodyMemory);
             if (parser.content_length() && !request.bodyMemory->grow(*parser.content_length()))
                 return busy();
         }
-        std::ofstream spool;
-        if (toFile) {
-            request.bodyFile = spoolName(limits.spoolFolder);
-            spool.open(request.bodyFile, std::ios::binary | std::ios::trunc);
-        }
         char chunk[64 << 10];
-        while (!parser.is_done() && (!toFile || spool)) {
+        while (!parser.is_done()) {
             parser.get().body().data = chunk;
             parser.get().body().size = sizeof chunk;
             http::read(timed, buffer, parser, ec);
             if (ec == http::error::need_buffer)
                 ec = {};
             const std::size_t count = sizeof chunk - parser.get().body().size;
-            if (toFile) {
-                spool.write(chunk, std::streamsize(count));
+            if (split) {
+                if (!request.form->feed(chunk, count)) {
+                    refuse(lastWriteFoundNoRoom() ? 507 : 500);
+                    return Read::None;
+                }
             } else {
                 if (request.body.size() + count > request.bodyMemory->size()
                     && !request.bodyMemory->grow(request.body.size() + count - request.bodyMemory->size()))
@@ -248,10 +241,6 @@ public:
             }
             if (ec)
                 return isMalformed(ec) ? refused(ec) : Read::Partial;
-        }
-        if (toFile && !spool.flush()) {
-            refuse(lastWriteFoundNoRoom() ? 507 : 500);
-            return Read::None;
         }
         return Read::Request;
     }
@@ -409,15 +398,6 @@ template <class Buffers> std::size_t TimedStream::write_some(const Buffers& buff
     return connection.writeSome(buffers, ec);
 }
 
-struct RemovedAtEnd {
-    const std::string& path;
-    ~RemovedAtEnd()
-    {
-        if (!path.empty())
-            std::remove(path.c_str());
-    }
-};
-
 } // namespace
 
 bool lastWriteFoundNoRoom()
@@ -439,13 +419,6 @@ std::string HttpRequest::queryValue(const std::string& name, const std::string& 
 {
     const auto it = query.find(name);
     return it == query.end() ? fallback : it->second;
-}
-
-std::unique_ptr<std::istream> HttpRequest::openBody() const
-{
-    if (bodyFile.empty())
-        return std::make_unique<std::istringstream>(body);
-    return std::make_unique<std::ifstream>(bodyFile, std::ios::binary);
 }
 
 HttpResponse HttpResponse::json(const std::string& body, int status)
@@ -670,10 +643,7 @@ HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
     } catch (...) {
         response = HttpResponse::text(500, "the service failed; its log says why\n");
     }
-    if (!request.bodyFile.empty()) {
-        std::remove(request.bodyFile.c_str());
-        request.bodyFile.clear();
-    }
+    request.form.reset();
     // So is the body held in memory, and its share of the server's bound.
     std::string().swap(request.body);
     request.bodyMemory.reset();
@@ -686,7 +656,6 @@ void serveRequests(HttpConnection& connection, const HttpHandler& handler)
 {
     for (;;) {
         HttpRequest request;
-        const RemovedAtEnd spooled{request.bodyFile};
         if (connection.readRequest(request) != HttpConnection::Read::Request)
             return;
         const HttpResponse response = respond(handler, request);
@@ -845,7 +814,6 @@ private:
     void serveRequest(const std::shared_ptr<Connection>& connection)
     {
         HttpRequest request;
-        const RemovedAtEnd spooled{request.bodyFile};
         TimedStream timed(*connection);
         if (connection->readAfterHead(request, timed) != HttpConnection::Read::Request) {
             close(connection);

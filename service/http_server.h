@@ -2,9 +2,11 @@
 // around it this layer keeps what a local service needs: a thread per
 // connection (handlers block on SQLite or on an injected delay), an idle limit
 // on every read and write, limits on head and body size, form bodies spooled
-// to a file as they arrive, answers streamed from a file, and a clean stop.
+// into their parts as they arrive, answers streamed from a file, and a clean stop.
 // The tests' scripted service serves its connections with the same layer.
 #pragma once
+
+#include "form_reader.h"
 
 #include <atomic>
 #include <chrono>
@@ -69,8 +71,10 @@ struct HttpRequest {
     std::string path;   // percent-decoded, without the query
     std::multimap<std::string, std::string> query; // decoded
     std::vector<std::pair<std::string, std::string>> headers; // in the order sent
-    std::string body;     // the decoded body, unless it went to `bodyFile`
-    std::string bodyFile; // the spooled body; removed when the request is done
+    std::string body; // the decoded body, unless it went to `form`
+    // A form body split into its parts as it came, when the head's verdict
+    // gave a plan for it; its part files go when the request is done.
+    std::shared_ptr<FormSplitter> form;
     bool keepAlive = true;
     std::shared_ptr<HeldBodyMemory> bodyMemory; // what `body` holds of the server's bound
 
@@ -78,8 +82,6 @@ struct HttpRequest {
     std::string header(const std::string& name) const;
     // The first query value of that name; `fallback` when absent.
     std::string queryValue(const std::string& name, const std::string& fallback = std::string()) const;
-    // The body from its start, wherever it is kept.
-    std::unique_ptr<std::istream> openBody() const;
 };
 
 struct HttpResponse {
@@ -112,6 +114,9 @@ bool lastWriteFoundNoRoom();
 struct HeadVerdict {
     std::optional<HttpResponse> refusal; // answered at once; the body is never read
     std::uint64_t bodyLimit = UINT64_MAX; // the largest body the request may have
+    // For a multipart/form-data body: which parts to keep, in the spool
+    // folder. Without a plan, a form is a body like any other.
+    std::optional<FormPlan> form;
 };
 
 struct HttpLimits {
@@ -133,7 +138,8 @@ struct HttpLimits {
     // byte, must come whole within `headDeadline`.
     int openConnections = 20000;
     std::chrono::milliseconds headDeadline{10000};
-    // Where form bodies are spooled as they arrive; empty keeps them in memory.
+    // Where the parts of form bodies go as they arrive (see HeadVerdict::form);
+    // empty keeps every body in memory.
     std::string spoolFolder;
     // Looks at each request's head first; none takes every request.
     std::function<HeadVerdict(const HttpRequest& head)> checkHead;

@@ -186,9 +186,10 @@ QString suffixOf(const QString& name)
 
 } // namespace
 
-// An upload's form, read and its file parts copied out of the spooled body
-// before the database is locked, so that storing a large file keeps no other
-// request waiting. A staged file that no record took is removed with the form.
+// An upload's form, its file parts already in files of their own beside the
+// stored files (split so as the body came): a record takes its file by
+// renaming it, and no other request waits while a large file is stored. A
+// part file that no record took is removed with the form.
 struct RecordsService::UploadForm {
     struct File {
         FormField field;
@@ -478,6 +479,15 @@ HeadVerdict RecordsService::checkHead(const HttpRequest& head)
     HeadVerdict verdict;
     if ((verdict.refusal = refusedRoute(head)))
         return verdict;
+    const RouteEntry& route = routes.at(head.path);
+    if (route.filePart) {
+        FormPlan plan;
+        plan.filePart = route.filePart;
+        plan.maxFiles = route.maxFiles;
+        plan.fieldPart = "data";
+        plan.fieldLimit = 1 << 20;
+        verdict.form = std::move(plan);
+    }
     if (isOpen(head.path)) {
         verdict.bodyLimit = openBodyBytes;
         return verdict;
@@ -508,11 +518,9 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
         call.object = document.object();
         call.array = document.array();
     }
-    // An upload's files are copied out of the spooled body before the lock:
-    // storing a large file keeps no other request waiting.
     UploadForm upload;
     if (route->second.filePart) {
-        stage(request, route->second, upload);
+        take(request, route->second, upload);
         call.upload = &upload;
     }
     std::unique_lock<std::mutex> lock(db.lock());
@@ -520,28 +528,20 @@ HttpResponse RecordsService::handle(const HttpRequest& request)
     return route->second.handler(call);
 }
 
-void RecordsService::stage(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const
+void RecordsService::take(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const
 {
-    const std::unique_ptr<std::istream> form = request.openBody();
-    std::vector<FormField> fields;
-    if (!readForm(*form, formBoundary(request.header("Content-Type")), fields))
+    if (!request.form || !request.form->complete())
         return;
-    const auto dataPart = std::find_if(fields.begin(), fields.end(), [](const FormField& f) { return f.name == "data"; });
-    std::string text;
-    if (dataPart == fields.end() || !readPart(*form, *dataPart, text, 1 << 20))
+    std::vector<FormPart>& parts = request.form->parts();
+    const auto data = std::find_if(parts.begin(), parts.end(), [](const FormPart& p) { return p.field.name == "data"; });
+    if (data == parts.end() || data->tooLarge)
         return;
-    upload.data = QJsonDocument::fromJson(QByteArray::fromStdString(text)).object();
-    for (const FormField& field : fields) {
-        if (upload.files.size() == route.maxFiles)
-            break;
-        if (field.name != route.filePart)
-            continue;
-        // Beside the spooled bodies, on the file system of the stored files, so
-        // that a record takes its file by renaming it.
-        upload.files.push_back({field, spoolFolder() + "/staged-" + QUuid::createUuid().toString(QUuid::Id128).toStdString()});
-        std::ofstream out(upload.files.back().path, std::ios::binary | std::ios::trunc);
-        if (!copyPart(*form, field, out))
-            failedToStore();
+    upload.data = QJsonDocument::fromJson(QByteArray::fromStdString(data->content)).object();
+    for (FormPart& part : parts) {
+        if (part.field.name == route.filePart && !part.file.empty()) {
+            upload.files.push_back({part.field, std::move(part.file)});
+            part.file.clear();
+        }
     }
     upload.complete = true;
 }

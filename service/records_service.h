@@ -38,7 +38,7 @@ public:
     // set when the name is taken.
     bool addUser(const std::string& name, const std::string& password, std::string& error);
 
-    // Where request bodies are spooled as they arrive; emptied by open().
+    // Where the parts of upload forms go as they arrive; emptied by open().
     std::string spoolFolder() const;
 
     static constexpr const char* seededUser = "norva";
@@ -51,10 +51,10 @@ private:
     struct RouteEntry {
         std::string method;
         Route handler;
-        // An upload's part name for its files; its form is staged before the
-        // database is locked. nullptr elsewhere.
+        // An upload's part name for its files, which are split out of the form
+        // as it arrives. nullptr elsewhere.
         const char* filePart;
-        // How many of those parts an upload stores; later ones are not staged.
+        // How many of those parts an upload stores; later ones are dropped.
         std::size_t maxFiles;
     };
 
@@ -68,9 +68,8 @@ private:
     void removeFilesWithoutRecord();
     void keepPrivate() const;
     std::string filePath(long long id) const;
-    // Reads an upload's form and copies out its first `maxFiles` parts named
-    // `filePart`; throws when a copy fails.
-    void stage(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const;
+    // Takes an upload's data part and its part files from the request's form.
+    void take(const HttpRequest& request, const RouteEntry& route, UploadForm& upload) const;
 
     ServiceOptions options;
     Database db;

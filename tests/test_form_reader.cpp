@@ -1,7 +1,7 @@
 // The service's form reader on forms as other clients write them, broken ones,
-// and delimiters across the edge of its reading window. (test_transfer reads
-// every form the library sends with it, too.) And how its HTTP layer answers a
-// handler that fails.
+// forms that arrive in pieces of any size (delimiters across their edges), and
+// what it keeps where. (test_transfer reads every form the library sends with
+// it, too.) And how its HTTP layer answers a handler that fails.
 #include "form_reader.h"
 #include "http_server.h"
 
@@ -10,30 +10,29 @@
 
 #include <QtTest>
 
-#include <sstream>
 
 using norva::service::FormField;
 
 namespace {
 
-struct Part {
-    FormField field;
-    std::string content;
-};
+using norva::service::FormPart;
 
-// The parts of a form with their content; none when it is not complete.
-std::vector<Part> readParts(const std::string& body, const std::string& boundary)
+// The parts of a form fed to the reader `piece` bytes at a time, every part
+// kept; none when it is not complete.
+std::vector<FormPart> readParts(const std::string& body, const std::string& boundary, std::size_t piece)
 {
-    std::istringstream in(body);
-    std::vector<FormField> fields;
-    std::vector<Part> parts;
-    if (!norva::service::readForm(in, boundary, fields))
-        return parts;
-    for (const FormField& field : fields) {
-        parts.push_back({field, std::string()});
-        norva::service::readPart(in, field, parts.back().content, field.size);
-    }
-    return parts;
+    norva::service::FormPlan plan;
+    plan.keepAll = true;
+    norva::service::FormSplitter splitter(boundary, plan);
+    for (std::size_t at = 0; at < body.size(); at += piece)
+        splitter.feed(body.data() + at, std::min(piece, body.size() - at));
+    return splitter.complete() ? std::move(splitter.parts()) : std::vector<FormPart>();
+}
+
+QByteArray contentOf(const std::string& path)
+{
+    QFile file(QString::fromStdString(path));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(missing)");
 }
 
 } // namespace
@@ -45,6 +44,7 @@ class FormReaderTest : public QObject
 private slots:
     void dispositions();
     void rawForms();
+    void keptWhereAsked();
     void failingHandlers();
 };
 
@@ -85,16 +85,84 @@ void FormReaderTest::rawForms()
         {"no blank line", "--b\r\nno blank line", "b", -1, {}},
         {"one part", head + "v\r\n--b--\r\n", "b", 1, "v"},
     };
-    // The reader looks through a window of 64 KiB: a delimiter across its edge.
+    // Large parts, whose delimiter falls across the edge of the 64 KiB pieces
+    // the service reads.
     for (const int size : {65536 - 4, 65536 - 1, 65536 + 3})
         rows.push_back({"delimiter at " + QByteArray::number(size),
                         head + QByteArray(size - head.size(), 'c') + "\r\n--b\r\n" + head.mid(5) + "z\r\n--b--", "b", 2, "z"});
+    rows.push_back({"preamble, and a part that holds almost the delimiter",
+                    "junk --x\r\n" + head + "a\r\n--c\r\n-\r\n--b\r\n" + head.mid(5) + "\r\n--b--junk", "b", 2, ""});
+    rows.push_back({"a part head without an end", "--b\r\n" + QByteArray(20000, 'h'), "b", -1, {}});
+    rows.push_back({"something else after a delimiter", head + "v\r\n--bxy", "b", -1, {}});
     for (const Row& row : rows) {
-        const std::vector<Part> read = readParts(row.body.toStdString(), row.boundary.toStdString());
-        QVERIFY2(int(read.size()) == std::max(row.parts, 0), row.name);
-        QVERIFY2(row.parts <= 0 || QByteArray::fromStdString(read.back().content) == row.lastContent, row.name);
+        // The same parts whatever the pieces the body comes in.
+        for (const std::size_t piece : {std::size_t(1), std::size_t(3), std::size_t(65536), std::size_t(1) << 30}) {
+            const std::vector<FormPart> read = readParts(row.body.toStdString(), row.boundary.toStdString(), piece);
+            const QByteArray what = row.name + " in pieces of " + QByteArray::number(qulonglong(piece));
+            QVERIFY2(int(read.size()) == std::max(row.parts, 0), what);
+            QVERIFY2(row.parts <= 0 || QByteArray::fromStdString(read.back().content) == row.lastContent, what);
+            QVERIFY2(row.parts <= 0 || read.back().field.size == std::uint64_t(row.lastContent.size()), what);
+        }
     }
     QCOMPARE(QString::fromStdString(norva::service::formBoundary("multipart/form-data; boundary=\"q;x\"")), QStringLiteral("q;x"));
+}
+
+// An upload's plan: its first file parts each in a file of their own, its data
+// part in memory when small, the rest dropped; files nobody took go with the
+// reader.
+void FormReaderTest::keptWhereAsked()
+{
+    QTemporaryDir folder;
+    const std::string path = folder.path().toStdString();
+    const auto part = [](const QByteArray& name, const QByteArray& content) {
+        return "--B\r\nContent-Disposition: form-data;name=" + name + ";filename=" + name + ".brd\r\n\r\n" + content + "\r\n";
+    };
+    const QByteArray form = part("other", "o") + part("file", "first") + part("data", "{}") + part("file", QByteArray(100000, 'x'))
+                            + part("file", "third") + part("data", "second data") + "--B--\r\n";
+    const auto plan = [](std::size_t fieldLimit) {
+        norva::service::FormPlan plan;
+        plan.filePart = "file";
+        plan.maxFiles = 2;
+        plan.fieldPart = "data";
+        plan.fieldLimit = fieldLimit;
+        return plan;
+    };
+    std::string taken;
+    {
+        norva::service::FormSplitter splitter("B", plan(2), path);
+        for (int at = 0; at < form.size(); at += 1000)
+            QVERIFY(splitter.feed(form.constData() + at, std::size_t(std::min(1000, int(form.size()) - at))));
+        QVERIFY(splitter.complete());
+        std::vector<FormPart>& parts = splitter.parts();
+        QCOMPARE(int(parts.size()), 3);
+        QCOMPARE(QByteArray::fromStdString(parts[0].field.name + parts[1].field.name + parts[2].field.name), QByteArray("filedatafile"));
+        QCOMPARE(contentOf(parts[0].file), QByteArray("first"));
+        QVERIFY(parts[1].file.empty() && parts[1].content == "{}" && !parts[1].tooLarge);
+        QCOMPARE(contentOf(parts[2].file), QByteArray(100000, 'x'));
+        QCOMPARE(parts[2].field.size, std::uint64_t(100000));
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files).size(), 2);
+        taken = folder.path().toStdString() + "/taken";
+        QCOMPARE(std::rename(parts[0].file.c_str(), taken.c_str()), 0);
+        parts[0].file.clear();
+    }
+    // The part taken stays; the other went with the reader.
+    QCOMPARE(QDir(folder.path()).entryList(QDir::Files), QStringList{"taken"});
+    QVERIFY(QFile::remove(QString::fromStdString(taken)));
+
+    // A data part over its limit is marked, its content dropped; a form that
+    // stops half way leaves no file behind.
+    {
+        norva::service::FormSplitter splitter("B", plan(1), path);
+        splitter.feed(form.constData(), std::size_t(form.size()));
+        QVERIFY(splitter.parts()[1].tooLarge && splitter.parts()[1].content.empty());
+    }
+    {
+        norva::service::FormSplitter splitter("B", plan(2), path);
+        splitter.feed(form.constData(), std::size_t(form.size() / 2));
+        QVERIFY(!splitter.complete());
+        QVERIFY(!QDir(folder.path()).entryList(QDir::Files).isEmpty());
+    }
+    QVERIFY(QDir(folder.path()).entryList(QDir::Files).isEmpty());
 }
 
 // A handler's exception is answered 500, or 507 for a full disk, and its text

@@ -10,7 +10,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <sstream>
 
 #ifdef Q_OS_UNIX
 #include <csignal>
@@ -122,17 +121,15 @@ QList<FormPart> TransferTest::recordedForm(const char* path)
         QVERIFY2(contentType.startsWith("multipart/form-data; boundary="), contentType);
         QCOMPARE(request.header("Content-Length"), QByteArray::number(request.body.size()));
         const QByteArray boundary = QByteArray::fromStdString(norva::service::formBoundary(contentType.toStdString()));
-        std::istringstream form(request.body.toStdString());
-        std::vector<norva::service::FormField> fields;
-        QVERIFY(!boundary.isEmpty() && norva::service::readForm(form, boundary.toStdString(), fields));
+        std::vector<norva::service::FormPart> read;
+        QVERIFY(!boundary.isEmpty() && norva::service::splitForm(request.body.toStdString(), boundary.toStdString(), read));
         QByteArray written;
-        for (const norva::service::FormField& field : fields) {
+        for (const norva::service::FormPart& part : read) {
+            const norva::service::FormField& field = part.field;
             const QByteArray name = QByteArray::fromStdString(field.name);
-            std::string content;
-            QVERIFY(norva::service::readPart(form, field, content, field.size));
             parts.append({field.hasFilename ? "form-data;name=" + name + ";filename=" + QByteArray::fromStdString(field.filename)
                                             : "form-data;name=\"" + name + '"',
-                          QByteArray::fromStdString(content)});
+                          QByteArray::fromStdString(part.content)});
             written += "--" + boundary + "\r\nContent-Disposition: " + parts.last().disposition + "\r\n\r\n" + parts.last().body + "\r\n";
         }
         QCOMPARE(request.body, written + "--" + boundary + "--\r\n");
