@@ -91,22 +91,42 @@ public:
 
 } // namespace
 
-Database::~Database()
+thread_local Database* Database::reading = nullptr;
+
+Database::Reading::Reading(Database& db) : previous(reading)
+{
+    reading = &db;
+}
+
+Database::Reading::~Reading()
+{
+    reading = previous;
+}
+
+Database::~Database() = default;
+
+Database::Connection::~Connection()
 {
     for (const auto& kept : statements)
         sqlite3_finalize(kept.second);
-    sqlite3_close(db);
+    sqlite3_close(handle);
 }
 
-sqlite3_stmt* Database::prepared(const std::string& sql)
+Database::Connection& Database::current()
 {
+    return reading == this ? reader : writer;
+}
+
+sqlite3_stmt* Database::prepared(Connection& connection, const std::string& sql)
+{
+    auto& statements = connection.statements;
     const auto kept = statements.find(sql);
     if (kept != statements.end())
         return kept->second;
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v3(db, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr)
+    if (sqlite3_prepare_v3(connection.handle, sql.c_str(), int(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement, nullptr)
         != SQLITE_OK)
-        fail(db, sqlite3_errmsg(db));
+        fail(connection.handle, sqlite3_errmsg(connection.handle));
     // Statements made from filters vary without end; only so many are kept.
     if (statements.size() >= 256) {
         for (const auto& old : statements)
@@ -119,16 +139,29 @@ sqlite3_stmt* Database::prepared(const std::string& sql)
 
 bool Database::open(const std::string& path, std::string& error)
 {
-    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
-        error = sqlite3_errmsg(db);
+    const int readWrite = SQLITE_OPEN_READWRITE;
+    for (Connection* connection : {&writer, &reader}) {
+        if (sqlite3_open_v2(path.c_str(), &connection->handle, readWrite | (connection == &writer ? SQLITE_OPEN_CREATE : 0),
+                            nullptr)
+            != SQLITE_OK) {
+            error = sqlite3_errmsg(connection->handle);
+            return false;
+        }
+        sqlite3_busy_timeout(connection->handle, 5000);
+    }
+    // The reader may not write, whatever a route asks of it.
+    char* message = nullptr;
+    if (sqlite3_exec(reader.handle, "PRAGMA query_only=ON", nullptr, nullptr, &message) != SQLITE_OK) {
+        error = message ? message : "cannot make the reader read only";
+        sqlite3_free(message);
         return false;
     }
-    sqlite3_busy_timeout(db, 5000);
     return true;
 }
 
 void Database::execute(const std::string& sql)
 {
+    sqlite3* const db = current().handle;
     char* message = nullptr;
     if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string text = message ? message : "unknown error";
@@ -139,7 +172,8 @@ void Database::execute(const std::string& sql)
 
 QJsonArray Database::query(const std::string& sql, const std::vector<QJsonValue>& values)
 {
-    Statement statement(prepared(sql));
+    Connection& connection = current();
+    Statement statement(prepared(connection, sql));
     for (std::size_t i = 0; i < values.size(); ++i)
         statement.bind(int(i) + 1, values[i]);
     QJsonArray rows;
@@ -151,19 +185,19 @@ QJsonArray Database::query(const std::string& sql, const std::vector<QJsonValue>
         rows.append(row);
     }
     if (step != SQLITE_DONE)
-        fail(db, sqlite3_errmsg(db));
+        fail(connection.handle, sqlite3_errmsg(connection.handle));
     return rows;
 }
 
 int Database::change(const std::string& sql, const std::vector<QJsonValue>& values)
 {
     query(sql, values);
-    return sqlite3_changes(db);
+    return sqlite3_changes(current().handle);
 }
 
-long long Database::lastInsertId() const
+long long Database::lastInsertId()
 {
-    return sqlite3_last_insert_rowid(db);
+    return sqlite3_last_insert_rowid(current().handle);
 }
 
 } // namespace norva::service

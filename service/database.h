@@ -1,5 +1,7 @@
-// SQLite for the records service: one connection, used under one lock, with
-// statements that bind and read JSON values as they are.
+// SQLite for the records service: a connection that writes and one that only
+// reads, each used under its own lock, with statements that bind and read JSON
+// values as they are. In WAL mode the reader sees the last commit and waits
+// for no writer, so a request that only reads is not held up by a long batch.
 #pragma once
 
 #include <QJsonArray>
@@ -25,6 +27,7 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
+    // Opens both connections to the file at `path`, made when missing.
     bool open(const std::string& path, std::string& error);
     // Runs statements without results; throws std::runtime_error on failure.
     void execute(const std::string& sql);
@@ -33,19 +36,44 @@ public:
     QJsonArray query(const std::string& sql, const std::vector<QJsonValue>& values = {});
     // The same for a statement without rows; returns the changed row count.
     int change(const std::string& sql, const std::vector<QJsonValue>& values = {});
-    long long lastInsertId() const;
+    long long lastInsertId();
 
-    // Everything a request does with the database happens under this lock.
-    std::mutex& lock() { return mutex; }
+    // Everything a request that writes does with the database happens under
+    // this lock.
+    std::mutex& lock() { return writer.mutex; }
+    // And a request that only reads, under this one, within a Reading.
+    std::mutex& readLock() { return reader.mutex; }
+
+    // While one lives, this thread's statements on `db` go to its reader,
+    // which refuses to write.
+    class Reading
+    {
+    public:
+        explicit Reading(Database& db);
+        ~Reading();
+        Reading(const Reading&) = delete;
+        Reading& operator=(const Reading&) = delete;
+
+    private:
+        Database* const previous;
+    };
 
 private:
-    // The compiled statement of `sql`, compiled once and kept: a batch runs the
-    // same two statements for each of its rows.
-    sqlite3_stmt* prepared(const std::string& sql);
+    struct Connection {
+        sqlite3* handle = nullptr;
+        std::mutex mutex;
+        // Compiled statements by their text, compiled once and kept: a batch
+        // runs the same two statements for each of its rows.
+        std::unordered_map<std::string, sqlite3_stmt*> statements;
+        ~Connection();
+    };
 
-    sqlite3* db = nullptr;
-    std::mutex mutex;
-    std::unordered_map<std::string, sqlite3_stmt*> statements;
+    Connection& current();
+    sqlite3_stmt* prepared(Connection& connection, const std::string& sql);
+
+    Connection writer;
+    Connection reader;
+    static thread_local Database* reading; // whose reader this thread uses
 };
 
 // A transaction that ends with commit(), or is rolled back when it goes

@@ -15,6 +15,8 @@
 
 namespace norva::service {
 
+class Filter;
+
 struct ServiceOptions {
     std::string dataFolder = "./norva-data";
     long long tokenLifetimeSeconds = 8 * 3600;
@@ -51,6 +53,8 @@ private:
     struct RouteEntry {
         std::string method;
         Route handler;
+        // Runs on the database's reader: it waits for no write.
+        bool readsOnly;
         // An upload's part name for its files, which are split out of the form
         // as it arrives. nullptr elsewhere.
         const char* filePart;
@@ -58,7 +62,24 @@ private:
         std::size_t maxFiles;
     };
 
+    // The route families, each in a file of its own.
     void addRoutes();
+    void addAccountRoutes();
+    void addTransferRoutes();
+    void addRecordRoutes();
+    void addMallRoutes();
+    // A route that writes; one that only reads (POST, GET); an upload, whose
+    // first `maxFiles` parts named `filePart` are stored.
+    void post(const char* path, Route route);
+    void query(const char* path, Route route);
+    void get(const char* path, Route route);
+    void upload(const char* path, const char* filePart, std::size_t maxFiles, Route route);
+
+    // Lists a table, whole or by the page `paged` asks for, with the filter's
+    // WHERE clause.
+    QJsonValue list(const std::string& select, const Filter& filter, const std::string& order, const Call* paged);
+    // A stored file as a download, or `missingStatus` when there is none.
+    HttpResponse sendFile(long long id, int missingStatus);
     void seed();
     void upgrade();
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);

@@ -1,0 +1,73 @@
+// Logging in and out, passwords, and the user list.
+#include "routes.h"
+#include "passwords.h"
+
+#include <chrono>
+#include <thread>
+
+namespace norva::service {
+
+void RecordsService::addAccountRoutes()
+{
+    post("/kvr/authority/login", [this](Call& call) {
+        const QString name = call["userName"].toString();
+        // Guessing one user's password slows down; other users' logins do not.
+        const std::chrono::seconds wait = loginFailures.waitBeforeAnswering(name.toStdString());
+        if (wait.count() > 0)
+            call.unlocked([wait] {
+                std::this_thread::sleep_for(wait);
+                return 0;
+            });
+        const QJsonArray users = db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {name});
+        if (users.isEmpty()) {
+            loginFailures.failed(name.toStdString());
+            return refuse("user does not exist", 410);
+        }
+        const QJsonObject user = users.first().toObject();
+        const std::string stored = user.value("userPwd").toString().toStdString();
+        const std::string typed = call["userPwd"].toVariant().toString().toStdString();
+        if (!call.unlocked([&] { return passwordMatches(stored, typed); })) {
+            loginFailures.failed(name.toStdString());
+            return refuse("wrong password", 411);
+        }
+        purgeExpiredTokens();
+        const std::string token = newToken();
+        db.change("INSERT INTO login_tokens(hash, userId, expires) VALUES(?,?,?)",
+                  {QString::fromStdString(tokenHash(token)), user.value("id"),
+                   double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds)});
+        return ok(QJsonObject{{"token", QString::fromStdString(token)},
+                              {"userId", user.value("id")},
+                              {"userName", call["userName"]},
+                              {"userRealname", user.value("userRealname")}},
+                  "login success");
+    });
+    post("/kvr/authority/logOut", [this](Call& call) {
+        if (db.query("SELECT id FROM users WHERE id = ?", {call["id"]}).isEmpty())
+            return refuse("no such user");
+        db.change("DELETE FROM login_tokens WHERE userId = ?", {call["id"]});
+        return ok(call["id"], "logged out");
+    });
+    post("/kvr/authority/updateUser", [this](Call& call) {
+        if (call["userPwd"].toString().isEmpty())
+            return refuse("the password must not be empty");
+        if (static_cast<long long>(call["id"].toDouble()) != call.userId)
+            return refuse("a token may change only its own user's password", notYours);
+        const std::string typed = call["userPwd"].toString().toStdString();
+        const QString hash = QString::fromStdString(call.unlocked([&] { return hashPassword(typed); }));
+        if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {hash, call["id"]}) == 0)
+            return refuse("no such user");
+        // Whoever held the old password holds none of the user's other tokens.
+        db.change("DELETE FROM login_tokens WHERE userId = ? AND hash <> ?",
+                  {call["id"], QString::fromStdString(tokenHash(call.request.header("token")))});
+        return ok(call["id"], "password changed");
+    });
+    const auto selectUsers = [this](Call& call, bool paged) {
+        Filter filter;
+        filter.equal("id", call["id"]).like("userName", call["userName"]).like("userRealname", call["userRealname"]);
+        return ok(list("SELECT id, userName, userRealname FROM users", filter, " ORDER BY id", paged ? &call : nullptr));
+    };
+    query("/kvr/authority/selectUser", [selectUsers](Call& call) { return selectUsers(call, false); });
+    query("/kvr/authority/selectUserByPage", [selectUsers](Call& call) { return selectUsers(call, true); });
+}
+
+} // namespace norva::service
