@@ -254,12 +254,7 @@ public:
             message.body() = bodiless ? std::string() : response.body;
             return send(message, response, keepAlive);
         }
-        http::response<http::file_body> message;
-        error_code ec;
-        message.body().open(response.bodyFile.c_str(), beast::file_mode::scan, ec);
-        if (ec)
-            return write(HttpResponse::text(500, "cannot read the file\n"), false);
-        return send(message, response, keepAlive);
+        return sendFile(response, keepAlive);
     }
 
     bool writeRaw(const std::string& bytes) override
@@ -354,6 +349,37 @@ private:
         TimedStream timed(*this);
         error_code ec;
         http::write(timed, message, ec);
+        return !ec;
+    }
+
+    // Beast's file body reads a file 4 KiB at a time, and each write here is
+    // one awaited operation (80 MB/s): the file goes in larger pieces instead.
+    bool sendFile(const HttpResponse& response, bool keepAlive)
+    {
+        beast::file file;
+        error_code ec;
+        file.open(response.bodyFile.c_str(), beast::file_mode::scan, ec);
+        const std::uint64_t size = ec ? 0 : file.size(ec);
+        if (ec)
+            return write(HttpResponse::text(500, "cannot read the file\n"), false);
+        http::response<http::empty_body> message;
+        message.version(11);
+        message.result(unsigned(response.status));
+        for (const auto& header : response.headers)
+            message.insert(header.first, header.second);
+        message.keep_alive(keepAlive);
+        message.content_length(size);
+        TimedStream timed(*this);
+        http::response_serializer<http::empty_body> head(message);
+        http::write_header(timed, head, ec);
+        std::vector<char> piece(256 << 10);
+        for (std::uint64_t left = size; !ec && left > 0;) {
+            const std::size_t count = file.read(piece.data(), std::size_t(std::min<std::uint64_t>(left, piece.size())), ec);
+            if (!ec && count == 0)
+                return false; // the file became shorter meanwhile: the answer cannot be whole
+            net::write(timed, net::buffer(piece.data(), count), ec);
+            left -= count;
+        }
         return !ec;
     }
 

@@ -222,6 +222,39 @@ void EndToEndTest::aWholeSession()
     const QJsonObject page = call(norva_sdk_select_share_by_page, {{"which_page", 1}, {"data_num_in_each_page", 5}}, at, token);
     QCOMPARE(page["data"].toObject()["total"].toInt(), 1);
 
+    // Every other route that only reads, once: these run on the database
+    // connection that may not write, and none of them fails there (a failure
+    // would stand in the service's log).
+    const QJsonObject firstPage{{"which_page", 1}, {"data_num_in_each_page", 5}};
+    const struct {
+        OperationFunction operation;
+        QJsonObject argument;
+        bool withToken;
+    } reads[] = {
+        {norva_sdk_get_user_info_list, {}, true},
+        {norva_sdk_get_user_info_list_by_page, firstPage, true},
+        {norva_sdk_select_favorite, {}, true},
+        {norva_sdk_select_favorite_by_page, firstPage, true},
+        {norva_sdk_select_origfiles_manage_by_page, firstPage, true},
+        {norva_sdk_select_error_library, {}, true},
+        {norva_sdk_select_error_library_by_page, firstPage, true},
+        {norva_sdk_select_error_msg, {}, true},
+        {norva_sdk_select_error_msg_by_page, firstPage, true},
+        {norva_tavlin_download_binaryfile, {{"file_downloadpath", folder.filePath("mall")}, {"data", QJsonObject{{"id", board}}}}, false},
+        {norva_tavlin_select_order_by_page, firstPage, false},
+        {norva_tavlin_select_orig_file_by_page, firstPage, false},
+        {norva_tavlin_get_bid_name_list_by_page, firstPage, false},
+        {norva_tavlin_get_latest_model_id, {}, false},
+        {norva_tavlin_get_process_parameters, {{"data", QJsonObject{{"modelId", 1}}}}, false},
+    };
+    QDir().mkpath(folder.filePath("mall"));
+    for (const auto& read : reads) {
+        const QJsonObject result = call(read.operation, read.argument, at, read.withToken ? token : QString());
+        QVERIFY2(result["status"].toInt() == 200, QJsonDocument(result).toJson().constData());
+    }
+    const QByteArray log = service.process.readAllStandardError();
+    QVERIFY2(!log.contains("sql:"), log.constData());
+
     QCOMPARE(call(norva_tavlin_select_boardid_by_order_num, {{"data", QJsonObject{{"orderNum", "A-1001"}}}}, at)["status"].toInt(), 200);
     QCOMPARE(call(norva_tavlin_get_all_model_id, {}, at)["data"].toArray().size(), 3);
 
