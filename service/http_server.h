@@ -1,8 +1,9 @@
 // The service's HTTP/1.1 layer. Boost.Beast parses and writes the messages;
-// around it this layer keeps what a local service needs: a thread per
-// connection (handlers block on SQLite or on an injected delay), an idle limit
-// on every read and write, limits on head and body size, form bodies spooled
-// into their parts as they arrive, answers streamed from a file, and a clean stop.
+// around it this layer keeps what a local service needs: heads read
+// asynchronously under deadlines, handlers on worker threads (they block on
+// SQLite or on an injected delay), an idle limit on every read and write,
+// limits on head and body size, form bodies split into their parts as they
+// arrive, answers streamed from a file, and a clean stop.
 // The tests' scripted service serves its connections with the same layer.
 #pragma once
 
