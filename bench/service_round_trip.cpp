@@ -1,10 +1,13 @@
 // A large file through the library into norva-records-service and back: the
 // bytes must come back equal, and the service's peak resident memory shows
-// that it streams (bodies spooled to disk, downloads read from disk). Meanwhile
+// that it streams (file parts written to disk as they come, downloads read
+// from disk). Meanwhile
 // another client's slowest answer shows whether storing the file holds up
-// everybody else. Last, 5,000 connections each send half a request head and
-// stay: a logged-in client's queries (its favourites, none) meanwhile, and the service's memory, show
-// what such connections cost.
+// everybody else (and during logins, and a batch of 50,000 shares). Then
+// 5,000 connections each send half a request head and stay: a logged-in
+// client's queries (its favourites, none) meanwhile, and the service's memory,
+// show what such connections cost. Last, 64 clients send a 15 MiB JSON batch
+// each at once: how many are taken, and the service's memory during and after.
 //
 //   bench_service_round_trip SERVICE [MiB (default 2048)]
 #include "norva_api_qt.h"
@@ -25,12 +28,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace NORVA::NORVA_API_QT;
@@ -182,6 +189,72 @@ std::vector<int> halfHeads(int port, int count)
     return sockets;
 }
 
+// `count` clients that each send one JSON batch of `bytes` at the same time,
+// the way a client with no token checks its body size would; the answers' HTTP
+// status codes, counted, and the service's resident memory, the most seen
+// while they ran and a second after.
+struct LargeBodies {
+    std::map<std::string, int> statuses;
+    long peakKiB = 0;
+    long afterKiB = 0;
+};
+
+LargeBodies largeJsonBodies(pid_t service, int port, const QString& token, int count, std::size_t bytes)
+{
+    std::string body = "[";
+    const std::string row = R"({"userId":1,"brdId":1,"acsTypeId":1,"acsType":1},)";
+    while (body.size() + row.size() < bytes)
+        body += row;
+    body.back() = ']';
+    const std::string head = "POST /kvr/share/insertMultipleShare HTTP/1.1\r\nHost: bench\r\nContent-Type: application/json\r\n"
+                             "Connection: close\r\ntoken: " + token.toStdString() + "\r\nContent-Length: "
+                             + std::to_string(body.size()) + "\r\n\r\n";
+    LargeBodies seen;
+    std::mutex mutex;
+    std::atomic<bool> done{false};
+    std::thread watch([&] {
+        while (!done) {
+            seen.peakKiB = std::max(seen.peakKiB, statusKiB(service, "VmRSS:"));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    std::vector<std::thread> clients;
+    for (int i = 0; i < count; ++i) {
+        clients.emplace_back([&] {
+            sockaddr_in to{};
+            to.sin_family = AF_INET;
+            to.sin_port = htons(std::uint16_t(port));
+            to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+            std::string answer;
+            if (s >= 0 && ::connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0) {
+                const std::string request = head + body;
+                for (std::size_t at = 0; at < request.size();) {
+                    const ssize_t sent = ::send(s, request.data() + at, request.size() - at, MSG_NOSIGNAL);
+                    if (sent <= 0)
+                        break; // answered (503) before the body was all sent
+                    at += std::size_t(sent);
+                }
+                char chunk[4096];
+                ssize_t n;
+                while ((n = ::recv(s, chunk, sizeof chunk, 0)) > 0)
+                    answer.append(chunk, std::size_t(n));
+            }
+            if (s >= 0)
+                ::close(s);
+            const std::lock_guard<std::mutex> lock(mutex);
+            ++seen.statuses[answer.size() >= 12 ? answer.substr(9, 3) : "none"];
+        });
+    }
+    for (std::thread& client : clients)
+        client.join();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    done = true;
+    watch.join();
+    seen.afterKiB = statusKiB(service, "VmRSS:");
+    return seen;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -278,6 +351,11 @@ int main(int argc, char** argv)
     const long withHalfHeads = statusKiB(service, "VmRSS:");
     for (const int s : held)
         ::close(s);
+    const int jsonClients = 64;
+    const LargeBodies large = largeJsonBodies(service, address.section(':', 1).toInt(), token, jsonClients, 15 << 20);
+    std::string statuses;
+    for (const auto& [status, times] : large.statuses)
+        statuses += (statuses.empty() ? "" : ", ") + std::to_string(times) + " x " + status;
     ::kill(service, SIGTERM);
     ::waitpid(service, nullptr, 0);
 
@@ -291,14 +369,17 @@ int main(int argc, char** argv)
                 "  another client during %d logins: %ld answers, the slowest in %.0f ms,\n"
                 "  %d shares in one batch: %s in %.2f s; another client meanwhile: %ld answers, the slowest in %.0f ms,\n"
                 "  %zu connections holding half a head: %d of 20 queries answered, the slowest in %.1f ms;\n"
-                "  service resident %.1f MiB before them, %.1f MiB with them\n",
+                "  service resident %.1f MiB before them, %.1f MiB with them,\n"
+                "  %d clients sending a 15 MiB JSON batch at once: answered %s; service resident at most %.1f MiB,\n"
+                "  %.1f MiB a second after\n",
                 static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
                 fetched["message"].toString().toUtf8().constData(), megabytes / downSeconds, equal ? "yes" : "NO",
                 double(servicePeak) / 1024, double(self.ru_maxrss) / 1024, duringUpload.answers,
                 duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs, shares,
                 batchResult["message"].toString().toUtf8().constData(), batchSeconds, duringBatch.answers,
                 duringBatch.slowestMs, held.size(), answered,
-                slowestQueryMs, double(beforeHalfHeads) / 1024, double(withHalfHeads) / 1024);
+                slowestQueryMs, double(beforeHalfHeads) / 1024, double(withHalfHeads) / 1024, jsonClients,
+                statuses.c_str(), double(large.peakKiB) / 1024, double(large.afterKiB) / 1024);
     std::system(("rm -rf '" + scratch + "'").c_str());
     return equal ? 0 : 1;
 }

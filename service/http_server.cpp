@@ -1,5 +1,6 @@
 #include "http_server.h"
 
+#include "free_memory.h"
 #include "tls_session.h"
 
 #include <boost/asio/ip/tcp.hpp>
@@ -188,6 +189,7 @@ public:
         // body is read, and the body is never kept.
         std::uint64_t headLimit = UINT64_MAX;
         std::optional<FormPlan> formPlan;
+        std::uint64_t memoryPerByte = 1;
         if (limits.checkHead) {
             HeadVerdict verdict = limits.checkHead(request);
             if (verdict.refusal) {
@@ -197,6 +199,7 @@ public:
             }
             headLimit = verdict.bodyLimit;
             formPlan = std::move(verdict.form);
+            memoryPerByte = std::max<std::uint64_t>(1, verdict.memoryPerBodyByte);
         }
 
         // A form the head has a plan for is split into its parts as it comes;
@@ -217,7 +220,7 @@ public:
             request.form = std::make_shared<FormSplitter>(formBoundary(contentType), *formPlan, limits.spoolFolder);
         } else {
             request.bodyMemory = std::make_shared<HeldBodyMemory>(limits.bodyMemory);
-            if (parser.content_length() && !request.bodyMemory->grow(*parser.content_length()))
+            if (parser.content_length() && !request.bodyMemory->grow(*parser.content_length() * memoryPerByte))
                 return busy();
         }
         char chunk[64 << 10];
@@ -234,8 +237,8 @@ public:
                     return Read::None;
                 }
             } else {
-                if (request.body.size() + count > request.bodyMemory->size()
-                    && !request.bodyMemory->grow(request.body.size() + count - request.bodyMemory->size()))
+                const std::uint64_t needed = (request.body.size() + count) * memoryPerByte;
+                if (needed > request.bodyMemory->size() && !request.bodyMemory->grow(needed - request.bodyMemory->size()))
                     return busy();
                 request.body.append(chunk, count);
             }
@@ -652,9 +655,13 @@ void HttpServer::stop()
 
 namespace {
 
-// The handler's answer to a whole request. The spooled form goes before the
-// answer: once a client has its answer, nothing of its request is left in the
-// data folder, nor held in memory.
+// A request that held this much of the memory bound (its body, and what its
+// handler took for it) leaves enough freed memory behind to give it back.
+constexpr std::uint64_t largeBodyBytes = 1 << 20;
+
+// The handler's answer to a whole request. The request's part files go before
+// the answer: once a client has its answer, nothing of its request is left in
+// the data folder, nor held in memory.
 HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
 {
     HttpResponse response;
@@ -670,9 +677,13 @@ HttpResponse respond(const HttpHandler& handler, HttpRequest& request)
         response = HttpResponse::text(500, "the service failed; its log says why\n");
     }
     request.form.reset();
-    // So is the body held in memory, and its share of the server's bound.
+    // So is the body held in memory, and its share of the server's bound;
+    // after a large one, the memory freed goes back to the system.
     std::string().swap(request.body);
+    const bool large = request.bodyMemory && request.bodyMemory->size() >= largeBodyBytes;
     request.bodyMemory.reset();
+    if (large)
+        returnFreeMemory();
     return response;
 }
 

@@ -77,7 +77,8 @@ struct HttpRequest {
     // gave a plan for it; its part files go when the request is done.
     std::shared_ptr<FormSplitter> form;
     bool keepAlive = true;
-    std::shared_ptr<HeldBodyMemory> bodyMemory; // what `body` holds of the server's bound
+    // What `body`, and what its handler took for it, hold of the server's bound.
+    std::shared_ptr<HeldBodyMemory> bodyMemory;
 
     // The first header of that name, case-insensitive; empty when absent.
     std::string header(const std::string& name) const;
@@ -115,6 +116,9 @@ bool lastWriteFoundNoRoom();
 struct HeadVerdict {
     std::optional<HttpResponse> refusal; // answered at once; the body is never read
     std::uint64_t bodyLimit = UINT64_MAX; // the largest body the request may have
+    // What a body held in memory takes of the server's bound, per byte: more
+    // than one when its handler makes more of it (parses it).
+    std::uint64_t memoryPerBodyByte = 1;
     // For a multipart/form-data body: which parts to keep, in the spool
     // folder. Without a plan, a form is a body like any other.
     std::optional<FormPlan> form;

@@ -528,10 +528,12 @@ void EndToEndTest::bodiesInMemoryAreBounded()
     QVERIFY(service.start(folder.filePath("data-memory"), {"--max-memory-mb", "1"}));
     const QString token = login(service.address);
     const quint16 port = service.address.section(':', 1).toUShort();
-    const QByteArray body = "[" + QByteArray(700000, ' ') + "]";
-    const QByteArray head = "POST /kvr/share/insertMultipleShare HTTP/1.1\r\nContent-Type: application/json\r\n"
-                            "Connection: close\r\ntoken: " + token.toUtf8() + "\r\nContent-Length: "
-                            + QByteArray::number(body.size()) + "\r\n\r\n";
+    const auto headOf = [&token](const QByteArray& path, const QByteArray& type, const QByteArray& body) {
+        return "POST " + path + " HTTP/1.1\r\nContent-Type: " + type + "\r\nConnection: close\r\ntoken: " + token.toUtf8()
+               + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n";
+    };
+    const QByteArray body = "id=1&pad=" + QByteArray(700000, 'x');
+    const QByteArray head = headOf("/kvr/share/deleteShare", "application/x-www-form-urlencoded", body);
     const auto answer = [](QTcpSocket& socket) {
         QByteArray bytes;
         while (socket.waitForReadyRead(5000))
@@ -555,6 +557,17 @@ void EndToEndTest::bodiesInMemoryAreBounded()
     QVERIFY(third.waitForConnected(3000));
     third.write(head + body);
     QVERIFY(answer(third).startsWith("HTTP/1.1 200"));
+
+    // A JSON body counts with its parsed form, about ten times the text: 80 KB
+    // of JSON fits the bound of 1 MiB, 100 KB does not.
+    for (const int size : {80000, 100000}) {
+        const QByteArray json = "[" + QByteArray(size - 2, ' ') + "]";
+        QTcpSocket socket;
+        socket.connectToHost("127.0.0.1", port);
+        QVERIFY(socket.waitForConnected(3000));
+        socket.write(headOf("/kvr/share/insertMultipleShare", "application/json", json) + json);
+        QVERIFY2(answer(socket).startsWith(size == 80000 ? "HTTP/1.1 200" : "HTTP/1.1 503"), QByteArray::number(size));
+    }
 }
 
 // A batch that fails half way (a statement that can't run, a full disk) leaves

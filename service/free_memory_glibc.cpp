@@ -1,0 +1,12 @@
+#include "free_memory.h"
+
+#include <malloc.h>
+
+namespace norva::service {
+
+void returnFreeMemory()
+{
+    malloc_trim(0);
+}
+
+} // namespace norva::service
