@@ -9,10 +9,12 @@
 #include "frame/progress_pacer.h"
 #include "frame/result.h"
 
+#include <QElapsedTimer>
 #include <QMetaMethod>
 #include <QNetworkAccessManager>
 #include <QPointer>
 #include <QThread>
+#include <QTimer>
 
 #include <algorithm>
 #include <deque>
@@ -28,7 +30,10 @@ struct CallReply::State {
     const char* operation = "";
     std::unique_ptr<DeferredCall> deferred = std::make_unique<DeferredCall>();
     std::unique_ptr<ExchangeInFlight> exchange;
-    std::optional<IdleLimit> idle;
+    // In flight: the last progress either way, and the limit on silence.
+    QElapsedTimer sinceProgress;
+    int idleLimitMs = 0;
+    bool idlePassed = false;
     std::optional<ProgressPacer> pacer;
     std::string result;
     bool finished = false;
@@ -37,6 +42,11 @@ struct CallReply::State {
 
 struct Client::Private {
     QNetworkAccessManager manager;
+    // One timer for the idle limits of all calls in flight: it fires when the
+    // first of them could have passed its limit, looks at each, and waits on
+    // for what is left (a timer of each call's own cost more than the rest of
+    // the call's bookkeeping together).
+    QTimer idleWatch;
     std::deque<QPointer<CallReply>> waiting;
     std::vector<CallReply*> inFlight;
     int idleLimitMs = 120 * 1000;
@@ -77,8 +87,12 @@ struct CallDriver {
         OutgoingRequest& outgoing = s.deferred->outgoing();
         s.exchange = makeExchange(outgoing, &client.d->manager);
         ExchangeInFlight& exchange = *s.exchange;
-        s.idle.emplace(client.d->idleLimitMs, [&exchange] { exchange.abort(); });
-        exchange.onActivity = [&s] { s.idle->noteProgress(); };
+        s.idleLimitMs = client.d->idleLimitMs;
+        s.sinceProgress.start();
+        QTimer& watch = client.d->idleWatch;
+        if (!watch.isActive() || watch.remainingTime() > s.idleLimitMs)
+            watch.start(s.idleLimitMs);
+        exchange.onActivity = [&s] { s.sinceProgress.restart(); };
         exchange.onSent = [reply](qint64 done, qint64 total) {
             if (ProgressPacer* pacer = pacerOf(reply))
                 pacer->sent(done, total);
@@ -91,6 +105,32 @@ struct CallDriver {
         // abort), never inside call(); the exchange itself goes later.
         exchange.onFinished = [reply] { complete(reply); };
         exchange.start();
+    }
+
+    // Ends the calls in flight that were silent for their whole idle limit,
+    // and waits for the next one that could be.
+    static void watchIdle(Client& client)
+    {
+        Client::Private& c = *client.d;
+        std::vector<QPointer<CallReply>> silent;
+        qint64 next = -1;
+        for (CallReply* reply : c.inFlight) {
+            const CallReply::State& s = *reply->d;
+            const qint64 left = s.idleLimitMs - s.sinceProgress.elapsed();
+            if (left <= 0)
+                silent.push_back(reply);
+            else if (next < 0 || left < next)
+                next = left;
+        }
+        if (next > 0)
+            c.idleWatch.start(int(next));
+        // Each ends at once (complete() runs), which may start waiting calls.
+        for (const QPointer<CallReply>& reply : silent) {
+            if (reply && reply->d->exchange && !reply->d->finished) {
+                reply->d->idlePassed = true;
+                reply->d->exchange->abort();
+            }
+        }
     }
 
     // The reply's pacer, made when somebody first listens to its progress: a
@@ -112,12 +152,11 @@ struct CallDriver {
         CallReply::State& s = *reply->d;
         if (s.finished || !s.exchange)
             return;
-        s.idle->stop();
         if (s.pacer)
             s.pacer->finish();
         ReceivedReply received = s.exchange->takeReply();
         received.cancelled = s.cancelled;
-        if (s.idle->passed()) {
+        if (s.idlePassed) {
             received.httpStatus = 0;
             received.complete = false;
         }
@@ -147,7 +186,6 @@ struct CallDriver {
             QObject::connect(exchange, &QObject::destroyed, [request] {});
             exchange->deleteLater();
         }
-        s.idle.reset();
         s.pacer.reset();
         if (!s.client)
             return;
@@ -209,7 +247,11 @@ void CallReply::cancel()
     CallDriver::cancel(this, true);
 }
 
-Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>()) {}
+Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>())
+{
+    d->idleWatch.setSingleShot(true);
+    connect(&d->idleWatch, &QTimer::timeout, this, [this] { CallDriver::watchIdle(*this); });
+}
 
 Client::~Client()
 {
