@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QString>
+#include <QUrl>
 
 #include <functional>
 #include <memory>
@@ -11,10 +12,14 @@
 QT_BEGIN_NAMESPACE
 class QObject;
 class QTcpSocket;
-class QUrl;
 QT_END_NAMESPACE
 
 namespace norva {
+
+inline bool isHttps(const QUrl& url)
+{
+    return url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0;
+}
 
 // Whether `url` can be reached by this build; when not, `why` says so in a
 // line a user can act on.

@@ -8,7 +8,7 @@ namespace norva {
 
 bool canReach(const QUrl& url, QString& why)
 {
-    if (url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) != 0)
+    if (!isHttps(url))
         return true;
     why = QStringLiteral("norva-api-qt: %1 needs TLS, and this Qt was built without it; "
                          "HTTPS needs a Qt built with OpenSSL")

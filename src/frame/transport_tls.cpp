@@ -5,18 +5,9 @@
 
 namespace norva {
 
-namespace {
-
-bool isTls(const QUrl& url)
-{
-    return url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0;
-}
-
-} // namespace
-
 bool canReach(const QUrl& url, QString& why)
 {
-    if (!isTls(url) || QSslSocket::supportsSsl())
+    if (!isHttps(url) || QSslSocket::supportsSsl())
         return true;
     why = QStringLiteral("norva-api-qt: %1 needs TLS, and Qt found no TLS library to load (%2)")
               .arg(url.toString(QUrl::RemovePath | QUrl::RemoveQuery), QSslSocket::sslLibraryBuildVersionString());
@@ -25,7 +16,7 @@ bool canReach(const QUrl& url, QString& why)
 
 std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::function<void()> ready)
 {
-    if (!isTls(url)) {
+    if (!isHttps(url)) {
         auto socket = std::make_unique<QTcpSocket>();
         QObject::connect(socket.get(), &QTcpSocket::connected, context, std::move(ready));
         return socket;
@@ -39,7 +30,7 @@ std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::f
 
 void connectSocket(QTcpSocket& socket, const QUrl& url)
 {
-    if (isTls(url))
+    if (isHttps(url))
         static_cast<QSslSocket&>(socket).connectToHostEncrypted(url.host(), quint16(url.port(443)));
     else
         socket.connectToHost(url.host(), quint16(url.port(80)));
