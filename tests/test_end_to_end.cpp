@@ -214,6 +214,26 @@ void EndToEndTest::aWholeSession()
     QCOMPARE(fetched["filename"].toString(), QStringLiteral("round trip.gbr"));
     QCOMPARE(readFile(into + "/round trip.gbr"), bytes);
 
+    // A folder goes in one form, each file a part of its own: every file is
+    // stored whole, under its own record.
+    const QString boards = folder.filePath("boards");
+    QDir().mkpath(boards);
+    const QByteArray large(300000, 'L');
+    writeFile(boards + "/top.gbr", large);
+    writeFile(boards + "/bottom.gbr", QByteArray("B"));
+    QCOMPARE(call(norva_sdk_upload_files, {{"file_uploadpath", boards}, {"data", QJsonObject{{"createuserid", userId}}}}, at,
+                  token)["status"].toInt(),
+             200);
+    for (const QString& name : {QStringLiteral("top.gbr"), QStringLiteral("bottom.gbr")}) {
+        const QJsonArray records = call(norva_sdk_select_origfiles_manage, {{"origfilename", name}}, at, token)["data"].toArray();
+        QCOMPARE(records.size(), 1);
+        const QString back = folder.filePath("back-" + name);
+        QDir().mkpath(back);
+        call(norva_sdk_download_binary_file,
+             {{"file_downloadpath", back}, {"data", QJsonObject{{"id", records[0].toObject()["id"]}, {"userId", userId}}}}, at, token);
+        QCOMPARE(readFile(back + "/" + name), name == "top.gbr" ? large : QByteArray("B"));
+    }
+
     QCOMPARE(call(norva_sdk_add2share, {{"userid", userId}, {"boardid", board}, {"sharewith_id", 7}, {"sharetype", 1}}, at, token)["status"].toInt(), 200);
     const QJsonObject again = call(norva_sdk_add2share_batch,
                                    {{"data", QJsonArray{QJsonObject{{"userid", userId}, {"boardid", board}, {"sharewith_id", 7}}}}}, at, token);
