@@ -42,6 +42,7 @@ struct CallReply::State {
 
 struct Client::Private {
     QNetworkAccessManager manager;
+    RequestCache requests;
     // One timer for the idle limits of all calls in flight: it fires when the
     // first of them could have passed its limit, looks at each, and waits on
     // for what is left (a timer of each call's own cost more than the rest of
@@ -139,7 +140,8 @@ struct CallDriver {
     static ProgressPacer* pacerOf(CallReply* reply)
     {
         CallReply::State& s = *reply->d;
-        if (!s.pacer && reply->isSignalConnected(QMetaMethod::fromSignal(&CallReply::progress))) {
+        static const QMetaMethod progressSignal = QMetaMethod::fromSignal(&CallReply::progress);
+        if (!s.pacer && reply->isSignalConnected(progressSignal)) {
             const OutgoingRequest& outgoing = s.deferred->outgoing();
             const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
             s.pacer.emplace(s.operation, bytesToSend, [reply](const CallProgress& progress) { emit reply->progress(progress); });
@@ -169,8 +171,8 @@ struct CallDriver {
         emit reply->finished();
     }
 
-    // Lets go of the exchange and of the client's slot. The exchange goes
-    // later, since this may run inside one of its signals, and the call's
+    // Lets go of the exchange and of the client's slot. The exchange goes at
+    // once when none of its code is under way, else later, and the call's
     // request and sink go with it.
     static void release(CallReply* reply, bool pumpLater = true)
     {
@@ -182,9 +184,12 @@ struct CallDriver {
             exchange->onReceived = [](qint64, qint64) {};
             exchange->onFinished = [] {};
             exchange->abort();
-            const std::shared_ptr<DeferredCall> request(std::move(s.deferred));
-            QObject::connect(exchange, &QObject::destroyed, [request] {});
-            exchange->deleteLater();
+            if (exchange->deletableNow()) {
+                delete exchange;
+            } else {
+                exchange->keepUntilDeleted(std::move(s.deferred));
+                exchange->deleteLater();
+            }
         }
         s.pacer.reset();
         if (!s.client)
@@ -309,6 +314,7 @@ CallReply* Client::call(OperationFunction function, const std::string& argument)
     std::string immediate;
     {
         const DeferredCall::Capture capture(*s.deferred);
+        const RequestCache::Use requestCache(d->requests);
         immediate = function(argument);
     }
     if (!s.deferred->hasExchange()) {

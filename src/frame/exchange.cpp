@@ -36,14 +36,13 @@ bool isTransferError(QNetworkReply::NetworkError error)
            || (error >= QNetworkReply::ProtocolUnknownError && error <= QNetworkReply::ProtocolFailure);
 }
 
+// The request comes pinned down and with its body asked for in place (request.h).
 QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 {
-    qt_line::pinRequestBehaviour(outgoing.request);
     // Qt passes on at most one upload progress signal in 100 ms unless asked
     // for all: an observer would not hear of the last bytes before a stall.
     if (ExchangeWatch::observed())
         outgoing.request.setAttribute(QNetworkRequest::EmitAllUploadProgressSignalsAttribute, true);
-    qt_line::askForBodyInPlace(outgoing.request, !outgoing.bodySink);
     if (outgoing.verb == Verb::Get)
         return manager.get(outgoing.request);
     if (outgoing.form) {
@@ -166,21 +165,33 @@ public:
         // is not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
         reply->setReadBufferSize(readBufferBytes);
         collector.emplace(*reply, outgoing.bodySink);
-        connect(reply, &QNetworkReply::readyRead, this, &ManagerExchange::bodyArrived);
+        connect(reply, &QNetworkReply::readyRead, this, [this] {
+            const Running running(*this);
+            bodyArrived();
+        });
         connect(reply, &QNetworkReply::metaDataChanged, this, [this] {
+            const Running running(*this);
             onActivity();
             onReceived(0, announcedLength(*reply));
         });
         connect(reply, &QNetworkReply::uploadProgress, this, [this](qint64 done, qint64 total) {
+            const Running running(*this);
             onActivity();
             onSent(done, total);
         });
-        connect(reply, &QNetworkReply::downloadProgress, this, [this] { onActivity(); });
         connect(reply, &QNetworkReply::finished, this, [this] {
-            bodyArrived(); // what the last readyRead left, and the figures it makes
-            onFinished();
+            {
+                const Running running(*this);
+                bodyArrived(); // what the last readyRead left, and the figures it makes
+            }
+            onFinished(); // the last use of this exchange here
         });
     }
+
+    // Deleting the exchange later costs a posted event a call; at once is safe
+    // unless one of its handlers is under way (a host's slot run from a
+    // progress figure that cancels the call, say).
+    bool deletableNow() const override { return handlersRunning == 0; }
 
     void abort() override
     {
@@ -213,8 +224,18 @@ public:
     }
 
 private:
+    // Counts a handler of the exchange while it runs.
+    struct Running {
+        explicit Running(ManagerExchange& exchange) : exchange(exchange) { ++exchange.handlersRunning; }
+        ~Running() { --exchange.handlersRunning; }
+        ManagerExchange& exchange;
+    };
+
+    // Qt says readyRead whenever body bytes came, and downloadProgress only
+    // at most every 100 ms: readyRead alone is the body's activity.
     void bodyArrived()
     {
+        onActivity();
         collector->readAvailable();
         onReceived(collector->received(), announcedLength(*reply));
     }
@@ -224,6 +245,7 @@ private:
     // The manager's child: gone with the manager, which may go first.
     QPointer<QNetworkReply> reply;
     std::optional<BodyCollector> collector;
+    int handlersRunning = 0;
 };
 
 // An exchange that can't take place in this build (an "https" service where Qt

@@ -78,6 +78,17 @@ public:
     std::function<void(qint64 done, qint64 announced)> onReceived;
     // Called once; the exchange may be deleted only later (deleteLater).
     std::function<void()> onFinished;
+
+    // Keeps `owner` (what holds the exchange's request) as long as the exchange.
+    void keepUntilDeleted(std::shared_ptr<void> owner) { kept = std::move(owner); }
+
+    // Whether the exchange may be deleted at once rather than later: true only
+    // while none of its own code is on the stack but the tail call of
+    // onFinished, after which it touches nothing of itself.
+    virtual bool deletableNow() const { return false; }
+
+private:
+    std::shared_ptr<void> kept;
 };
 
 // The exchange of `outgoing`: on `manager` (which keeps connections), or, for a

@@ -23,12 +23,11 @@ namespace norva::qt_line {
 void pinRequestBehaviour(QNetworkRequest& request);
 
 // Qt 5 writes a reply of known length straight into one buffer of that length,
-// which the call then keeps: for any length when asked to, a large reply is held
-// once instead of passing through Qt's queues beside the call's copy; never
-// when asked not to, so that a body sink sees every body. (Unasked, Qt 5 does so
-// up to 128 KiB.) Qt 6 has no such buffer; there the exchange drains the body as
-// it arrives.
-void askForBodyInPlace(QNetworkRequest& request, bool inPlace);
+// which the call then keeps: asked to, it does so for any length, so that a
+// large reply is held once instead of passing through Qt's queues beside the
+// call's copy. (Unasked, Qt 5 does so up to 128 KiB.) Qt 6 has no such buffer;
+// there the exchange drains the body as it arrives.
+void askForBodyInPlace(QNetworkRequest& request);
 // The storage Qt wrote the body into; null when it did not write in place.
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply);
 

@@ -15,10 +15,10 @@ void pinRequestBehaviour(QNetworkRequest&)
     // Qt 5 follows no redirect and uses no HTTP/2 unless asked to.
 }
 
-void askForBodyInPlace(QNetworkRequest& request, bool inPlace)
+void askForBodyInPlace(QNetworkRequest& request)
 {
     // Larger replies than 1 GiB are drained as they arrive, as on Qt 6.
-    request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, inPlace ? qint64(1) << 30 : 0);
+    request.setAttribute(QNetworkRequest::MaximumDownloadBufferSizeAttribute, qint64(1) << 30);
 }
 
 QSharedPointer<char> bodyStorage(const QNetworkReply& reply)

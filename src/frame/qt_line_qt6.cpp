@@ -12,7 +12,7 @@ void pinRequestBehaviour(QNetworkRequest& request)
     request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
 }
 
-void askForBodyInPlace(QNetworkRequest&, bool)
+void askForBodyInPlace(QNetworkRequest&)
 {
 }
 

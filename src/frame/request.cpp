@@ -1,5 +1,7 @@
 #include "frame/request.h"
 
+#include "frame/qt_line.h"
+
 #include <QHttpMultiPart>
 #include <QJsonDocument>
 #include <QUrl>
@@ -26,13 +28,69 @@ QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery)
 
 namespace {
 
+thread_local RequestCache* activeCache = nullptr;
+
+// Every request the library sends starts here: the behaviour both Qt lines
+// share pinned down, a body of known length asked for in place (a request
+// whose body goes to a sink goes on a socket of its own, not through Qt's
+// manager), and the content type.
+QNetworkRequest uncachedRequest(const QUrl& url, const char* contentType)
+{
+    QNetworkRequest request(url);
+    qt_line::pinRequestBehaviour(request);
+    qt_line::askForBodyInPlace(request);
+    if (contentType)
+        request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(contentType));
+    return request;
+}
+
+// The same request, built or copied: a cached head is the same value.
+QNetworkRequest requestFor(const QString& url, const char* contentType)
+{
+    return activeCache ? activeCache->request(url, contentType)
+                       : uncachedRequest(QUrl(url, QUrl::TolerantMode), contentType);
+}
+
+} // namespace
+
+RequestCache::Use::Use(RequestCache& cache) : outer(activeCache)
+{
+    activeCache = &cache;
+}
+
+RequestCache::Use::~Use()
+{
+    activeCache = outer;
+}
+
+QNetworkRequest RequestCache::request(const QString& url, const char* contentType)
+{
+    auto found = heads.find(url);
+    if (found == heads.end()) {
+        // A host that calls many services keeps at most this many heads.
+        if (heads.size() >= 64)
+            heads.clear();
+        found = heads.insert(url, Head{QUrl(url, QUrl::TolerantMode), false, false, QByteArray(), QNetworkRequest()});
+    }
+    Head& head = *found;
+    const bool typed = contentType != nullptr;
+    if (!head.built || head.typed != typed || (typed && head.contentType != contentType)) {
+        head.built = true;
+        head.typed = typed;
+        head.contentType = contentType;
+        head.request = uncachedRequest(head.url, contentType);
+    }
+    return head.request;
+}
+
+namespace {
+
 OutgoingRequest withBody(const QString& url, const QByteArray& body, const char* type)
 {
     OutgoingRequest outgoing;
-    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    outgoing.request = requestFor(url, type);
     outgoing.body = body;
     outgoing.sentText.utf8 = body;
-    outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
     outgoing.request.setHeader(QNetworkRequest::ContentLengthHeader, body.size());
     return outgoing;
 }
@@ -53,10 +111,9 @@ OutgoingRequest bodilessGet(const QString& url, const char* type, bool hasQuery)
 {
     OutgoingRequest outgoing;
     outgoing.verb = Verb::Get;
-    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    outgoing.request = requestFor(url, type);
     if (hasQuery)
         outgoing.sentText.url = url;
-    outgoing.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArray(type));
     return outgoing;
 }
 
@@ -64,7 +121,7 @@ OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> for
                          const QByteArray& record)
 {
     OutgoingRequest outgoing;
-    outgoing.request = QNetworkRequest(QUrl(url, QUrl::TolerantMode));
+    outgoing.request = requestFor(url, nullptr);
     outgoing.form = std::move(form);
     outgoing.sentText.utf8 = record;
     return outgoing;

@@ -5,6 +5,7 @@
 #include "frame/result.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QJsonValue>
 #include <QNetworkRequest>
 #include <QString>
@@ -44,6 +45,41 @@ struct OutgoingRequest {
 // "http://" + ipconfig + pathAndQuery; an ipconfig that names its scheme
 // ("https://host:port", "http://host:port") keeps it.
 QString serviceUrlText(const QString& ipconfig, const QString& pathAndQuery);
+
+// Request heads built once per service URL. A client that calls the same
+// service again and again would otherwise parse the same few URLs, and set the
+// same content type on them, on every call, which costs more than the rest of
+// building a request. While a Use is alive on a thread, the requests built
+// there start from that cache.
+class RequestCache
+{
+public:
+    class Use
+    {
+    public:
+        explicit Use(RequestCache& cache);
+        ~Use();
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+
+    private:
+        RequestCache* const outer;
+    };
+
+    // A request for `url` with Content-Type `contentType` (none when null).
+    QNetworkRequest request(const QString& url, const char* contentType);
+
+private:
+    // The last request built for a URL, and the content type it was built with.
+    struct Head {
+        QUrl url;
+        bool built;
+        bool typed;
+        QByteArray contentType;
+        QNetworkRequest request;
+    };
+    QHash<QString, Head> heads;
+};
 
 // POST with a compact JSON body: Content-Type "application/json", Content-Length.
 OutgoingRequest jsonPost(const QString& url, const QByteArray& compactJson);
