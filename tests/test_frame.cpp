@@ -173,7 +173,7 @@ void FrameTest::aDownloadSendsWhatTheManagerSends()
             norva::OutgoingRequest outgoing =
                 norva::formTextPost(norva::serviceUrlText(service.address(), QString::fromLatin1(row.path)), row.form);
             if (!row.token.isNull())
-                norva::setTokenHeader(outgoing, row.token);
+                norva::setTokenHeader(outgoing, row.token.toUtf8());
             if (throughSocket)
                 outgoing.bodySink = &sink;
             service.reset();

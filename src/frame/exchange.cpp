@@ -61,12 +61,10 @@ QNetworkReply* send(QNetworkAccessManager& manager, OutgoingRequest& outgoing)
 bool hasAnnouncedLength(const QNetworkReply& reply, qint64 received)
 {
     const QVariant announced = reply.header(QNetworkRequest::ContentLengthHeader);
-    if (!announced.isValid())
+    if (!announced.isValid() || announced.toLongLong() == received)
         return true;
     const QByteArray encoding = reply.rawHeader(QByteArrayLiteral("Content-Encoding")).trimmed().toLower();
-    if (!encoding.isEmpty() && encoding != "identity")
-        return true;
-    return announced.toLongLong() == received;
+    return !encoding.isEmpty() && encoding != "identity";
 }
 
 // The body length the reply's head announced; -1 when it announced none (or

@@ -91,7 +91,7 @@ std::optional<OutgoingRequest> Operation::request(const Arguments& arguments) co
     OutgoingRequest outgoing = jsonPost(serviceUrlText(flatText(*flat, "ipconfig"), QString::fromLatin1(path)),
                                         mappedFlatText(*flat, body.keys));
     if (access == Access::Token)
-        setTokenHeader(outgoing, flatText(*flat, "token"));
+        setTokenHeader(outgoing, flatUtf8(*flat, "token"));
     return outgoing;
 }
 
@@ -133,7 +133,7 @@ std::optional<OutgoingRequest> Operation::request(const QJsonObject& arguments) 
         break;
     }
     if (access == Access::Token)
-        setTokenHeader(outgoing, readText(arguments, QStringLiteral("token")));
+        setTokenHeader(outgoing, readText(arguments, QStringLiteral("token")).toUtf8());
     return outgoing;
 }
 

@@ -160,9 +160,14 @@ QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings)
 
 QString flatText(const FlatMembers& from, const char* key)
 {
+    return QString::fromLatin1(flatUtf8(from, key));
+}
+
+QByteArray flatUtf8(const FlatMembers& from, const char* key)
+{
     const FlatMember* const member = findMember(from, key);
-    return member && member->isText() ? QString::fromLatin1(member->value.data() + 1, int(member->value.size()) - 2)
-                                      : QString();
+    return member && member->isText() ? QByteArray(member->value.data() + 1, int(member->value.size()) - 2)
+                                      : QByteArray();
 }
 
 } // namespace norva

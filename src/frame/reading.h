@@ -59,5 +59,7 @@ QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings);
 QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings);
 // readText of flat members.
 QString flatText(const FlatMembers& from, const char* key);
+// The same as UTF-8 (a flat text is printable ASCII, without escapes).
+QByteArray flatUtf8(const FlatMembers& from, const char* key);
 
 } // namespace norva

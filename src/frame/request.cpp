@@ -91,7 +91,9 @@ OutgoingRequest withBody(const QString& url, const QByteArray& body, const char*
     outgoing.request = requestFor(url, type);
     outgoing.body = body;
     outgoing.sentText.utf8 = body;
-    outgoing.request.setHeader(QNetworkRequest::ContentLengthHeader, body.size());
+    // The raw field, which Qt reads back as the same known header: on Qt 6
+    // setHeader costs four times as much for the same field.
+    outgoing.request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(body.size()));
     return outgoing;
 }
 
@@ -127,9 +129,9 @@ OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> for
     return outgoing;
 }
 
-void setTokenHeader(OutgoingRequest& outgoing, const QString& token)
+void setTokenHeader(OutgoingRequest& outgoing, const QByteArray& tokenUtf8)
 {
-    outgoing.request.setRawHeader(QByteArrayLiteral("token"), token.toUtf8());
+    outgoing.request.setRawHeader(QByteArrayLiteral("token"), tokenUtf8);
 }
 
 } // namespace norva

@@ -92,7 +92,7 @@ OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> for
                          const QByteArray& record);
 
 // Adds the raw "token" header; always set after the content headers.
-void setTokenHeader(OutgoingRequest& outgoing, const QString& token);
+void setTokenHeader(OutgoingRequest& outgoing, const QByteArray& tokenUtf8);
 
 namespace contentType {
 inline const char* const json = "application/json";
