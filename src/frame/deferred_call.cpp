@@ -35,15 +35,13 @@ void DeferredCall::keep(std::shared_ptr<const Arguments> keptArguments, std::sha
 
 void DeferredCall::defer(OutgoingRequest outgoing, const HttpClasses& classes, ReplyJudge judge)
 {
-    exchange.emplace(Exchange{std::move(outgoing), [classes, judge = std::move(judge)](const ReceivedReply& reply) {
-                                  return judgeExchange(reply, classes, judge);
-                              }});
+    exchange.emplace(Exchange{std::move(outgoing), classes, std::move(judge)});
 }
 
 std::string DeferredCall::finish(const ReceivedReply& reply)
 {
     const ConsoleSilence quiet;
-    return guardedResult(options, [&] { return compactText(exchange->judged(reply)); });
+    return guardedResult(options, [&] { return compactText(judgeExchange(reply, exchange->classes, exchange->judge)); });
 }
 
 } // namespace norva

@@ -17,9 +17,6 @@
 
 namespace norva {
 
-struct HttpClasses;
-using ReplyJudge = std::function<ResultDocument(const ReceivedReply& reply)>;
-
 class DeferredCall
 {
 public:
@@ -61,7 +58,8 @@ public:
 private:
     struct Exchange {
         OutgoingRequest outgoing;
-        std::function<ResultDocument(const ReceivedReply&)> judged;
+        HttpClasses classes;
+        ReplyJudge judge;
     };
 
     std::shared_ptr<const Arguments> arguments;

@@ -213,9 +213,12 @@ public:
             received.bodyInSink = collector->inSink;
         }
         received.httpStatus = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
+        // A download's name comes from here, but downloads take a socket of their own.
+        if (outgoing.bodySink)
+            received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
         received.networkError = reply->error();
-        received.errorString = reply->errorString();
+        if (received.networkError != QNetworkReply::NoError)
+            received.errorString = reply->errorString();
         received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
                             && hasAnnouncedLength(*reply, received.bodySize);
         return received;

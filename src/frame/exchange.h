@@ -32,7 +32,7 @@ struct ReceivedReply {
     QSharedPointer<char> bodyStorage; // owns `body`'s bytes when Qt wrote them in place
     QByteArray contentDisposition; // raw header, empty when absent
     QNetworkReply::NetworkError networkError = QNetworkReply::NoError;
-    QString errorString;
+    QString errorString; // empty without an error
     // Whether `body` is the whole body the service announced: a status, no
     // transfer error, and as many bytes as Content-Length said. Only a download
     // looks at it, and stores nothing incomplete; its reply is read on a socket
@@ -42,6 +42,16 @@ struct ReceivedReply {
     // The host cancelled the call while it waited: nothing else here counts.
     bool cancelled = false;
 };
+
+// Which HTTP statuses an exchange hands to the operation's own judge.
+struct HttpClasses {
+    bool with402Branch = false;   // 402 is "token expired"
+    bool withNoReplyClass = true; // 0 is "Server shuts down" (else "request fail")
+    int alsoJudged = -1;          // one more status the judge takes, tested after 200
+};
+
+// What an operation makes of a reply its classes hand to it.
+using ReplyJudge = std::function<ResultDocument(const ReceivedReply& reply)>;
 
 // Takes a reply's body as it arrives, in place of the call's array: a download
 // writes a large file to disk instead of holding all of it in memory.

@@ -71,11 +71,10 @@ ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& clas
     return httpClassDocument(httpClass);
 }
 
-ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
-                     const ReplyJudge& judge)
+ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes, ReplyJudge judge)
 {
     if (call.deferredTo) {
-        call.deferredTo->defer(std::move(outgoing), classes, judge);
+        call.deferredTo->defer(std::move(outgoing), classes, std::move(judge));
         return {};
     }
     call.startApplication();

@@ -64,15 +64,6 @@ KeyList pagedIntegers();
 // The text "key=value&key=value" of keys read as text or integer.
 QString keyValueText(const QJsonObject& source, const KeyList& keys);
 
-// Which HTTP statuses an exchange hands to the operation's own judge.
-struct HttpClasses {
-    bool with402Branch = false;   // 402 is "token expired"
-    bool withNoReplyClass = true; // 0 is "Server shuts down" (else "request fail")
-    int alsoJudged = -1;          // one more status the judge takes, tested after 200
-};
-
-using ReplyJudge = std::function<ResultDocument(const ReceivedReply& reply)>;
-
 // Sorts a reply into its HTTP class; 200 (and `alsoJudged`) go to `judge`.
 ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& classes, const ReplyJudge& judge);
 
@@ -80,8 +71,7 @@ ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& clas
 // its reply. A deferred call's exchange is left to it instead (the document is
 // then empty): `judge` may run after the flow returned, and must own what it
 // reads.
-ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes,
-                     const ReplyJudge& judge);
+ResultDocument exchange(Call& call, OutgoingRequest& outgoing, const HttpClasses& classes, ReplyJudge judge);
 
 struct Operation {
     const char* path;

@@ -102,9 +102,19 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
             if (error.error != QJsonParseError::NoError)
                 return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
         }
-        // Shared: a deferred call keeps them until its reply came.
-        const auto arguments = std::make_shared<const Arguments>(std::move(text), std::move(flat), document.object());
-        const auto call = std::make_shared<Call>(needsApplication);
+        // Shared: a deferred call keeps them until its reply came. One block
+        // holds both.
+        struct Held {
+            Held(QByteArray text, std::optional<FlatMembers> flat, QJsonObject object, bool needsApplication)
+                : arguments(std::move(text), std::move(flat), std::move(object)), call(needsApplication)
+            {
+            }
+            const Arguments arguments;
+            Call call;
+        };
+        const auto held = std::make_shared<Held>(std::move(text), std::move(flat), document.object(), needsApplication);
+        const std::shared_ptr<const Arguments> arguments(held, &held->arguments);
+        const std::shared_ptr<Call> call(held, &held->call);
         call->deferredTo = deferred;
         ResultDocument result = flow(*arguments, *call);
         if (deferred && deferred->hasExchange()) {
