@@ -56,6 +56,7 @@ private slots:
     void namesAndThreads();
     void manyInFlightEachReachTheirOwnCall();
     void cancelOrDeleteInFlightOrWaiting();
+    void endedFromItsOwnProgressSlot();
     void aClientGoneFinishesItsCalls();
     void downloadsOfOneNameNeverMix();
 
@@ -188,6 +189,40 @@ void AsyncTest::cancelOrDeleteInFlightOrWaiting()
     waitForAll({third.get()});
     QCOMPARE(third->result(), cancelled);
     QCOMPARE(finishedSignals, 2);
+}
+
+// A call cancelled, or its reply deleted, from a slot of its own progress: the
+// exchange's code is then under way beneath the slot and must outlive it (the
+// sanitizer pass sees any use after it went). The call ends as cancelled, and
+// the next one goes.
+void AsyncTest::endedFromItsOwnProgressSlot()
+{
+    service.setDefaultReply(ScriptedReply::stall());
+    for (const bool deleteIt : {false, true}) {
+        const int sentBefore = service.requestCount();
+        Client client;
+        client.setMaxCallsInFlight(1);
+        CallReply* const reply = client.call("select_share", shareQuery(service, 1));
+        const std::unique_ptr<CallReply> next(client.call("select_share", shareQuery(service, 2)));
+        int finishedSignals = 0;
+        std::string resultInSlot;
+        QObject::connect(reply, &CallReply::finished, [&] { ++finishedSignals; });
+        QObject::connect(reply, &CallReply::progress, reply, [&, reply] {
+            if (deleteIt) {
+                delete reply;
+                return;
+            }
+            reply->cancel();
+            resultInSlot = reply->result();
+        });
+        QTRY_COMPARE(service.requestCount(), sentBefore + 2);
+        QVERIFY(service.lastRequest().body.contains(R"("currentUserId":2,)"));
+        QCOMPARE(finishedSignals, deleteIt ? 0 : 1);
+        if (!deleteIt) {
+            QCOMPARE(resultInSlot, cancelled);
+            delete reply;
+        }
+    }
 }
 
 // A client destroyed with calls in flight and waiting: each finishes, once, as
