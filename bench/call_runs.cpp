@@ -109,9 +109,12 @@ double asyncMicrosPerCall(const std::string& address, int calls, int inFlight)
         R"({"ipconfig":")" + address + R"(","token":"bench-token","userid":1,"boardname":"top"})";
     return keepInFlight(calls, inFlight, [&](int, std::function<void()> done) {
         NORVA::NORVA_API_QT::CallReply* const reply = client.call(NORVA::NORVA_API_QT::norva_sdk_select_share, select);
+        // Deleted in its own finished(), as the header allows: a QNetworkReply
+        // must wait for deleteLater(), a posted event that also contends with
+        // Qt's network thread for the event queue.
         QObject::connect(reply, &NORVA::NORVA_API_QT::CallReply::finished, reply, [reply, done] {
-            reply->deleteLater();
             done();
+            delete reply;
         });
     });
 }

@@ -13,7 +13,7 @@
 //     CallReply* reply = client.call("select_share", argument);
 //     QObject::connect(reply, &CallReply::finished, [reply] {
 //         show(reply->result());
-//         reply->deleteLater();
+//         delete reply;
 //     });
 #ifndef NORVA_API_QT_ASYNC_H
 #define NORVA_API_QT_ASYNC_H
@@ -38,7 +38,10 @@ class Client;
 struct CallDriver; // the library's own
 
 // One call of a Client, owned by the caller (like a QNetworkReply). Deleting a
-// reply that has not finished cancels its call, without finished().
+// reply that has not finished cancels its call, without finished(). Unlike a
+// QNetworkReply, a reply may be deleted in a slot of its own finished() (no
+// deleteLater() needed, which costs a posted event); nothing of it is touched
+// after that signal.
 class NORVA_API_QT_EXPORT CallReply : public QObject
 {
     Q_OBJECT

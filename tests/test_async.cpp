@@ -9,6 +9,7 @@
 #include <QEventLoop>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPointer>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
@@ -57,6 +58,7 @@ private slots:
     void manyInFlightEachReachTheirOwnCall();
     void cancelOrDeleteInFlightOrWaiting();
     void endedFromItsOwnProgressSlot();
+    void deletedInItsOwnFinished();
     void aClientGoneFinishesItsCalls();
     void downloadsOfOneNameNeverMix();
 
@@ -222,6 +224,43 @@ void AsyncTest::endedFromItsOwnProgressSlot()
             QCOMPARE(resultInSlot, cancelled);
             delete reply;
         }
+    }
+}
+
+// A reply deleted in a slot of its own finished(), whichever way its call
+// ended: nothing of it is touched afterwards (the sanitizer pass would see it).
+void AsyncTest::deletedInItsOwnFinished()
+{
+    enum Way { Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone };
+    for (const Way way : {Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone}) {
+        service.setDefaultReply(way == Answered ? ScriptedReply::json(R"({"code":200,"data":[]})")
+                                                : ScriptedReply::stall());
+        const int sentBefore = service.requestCount();
+        auto client = std::make_unique<Client>();
+        client->setMaxCallsInFlight(1);
+        std::unique_ptr<CallReply> inFlightBefore;
+        if (way == CancelledWaiting)
+            inFlightBefore.reset(client->call("select_share", shareQuery(service, 0)));
+        const QPointer<CallReply> reply =
+            client->call(way == UnknownName ? "no_such_operation" : "select_share", shareQuery(service, 1));
+        int finishedSignals = 0;
+        std::string result;
+        QObject::connect(reply, &CallReply::finished, [&, reply = reply.data()] {
+            ++finishedSignals;
+            result = reply->result();
+            delete reply;
+        });
+        if (way == CancelledInFlight || way == CancelledWaiting || way == ClientGone)
+            QTRY_COMPARE(service.requestCount(), sentBefore + 1);
+        if (way == CancelledInFlight || way == CancelledWaiting)
+            reply->cancel();
+        if (way == ClientGone)
+            client.reset();
+        QTRY_VERIFY(reply.isNull());
+        QCOMPARE(finishedSignals, 1);
+        const bool cancelledWay = way == CancelledInFlight || way == CancelledWaiting || way == ClientGone;
+        QCOMPARE(result == cancelled, cancelledWay);
+        QCOMPARE(result.find("unknown operation") != std::string::npos, way == UnknownName);
     }
 }
 

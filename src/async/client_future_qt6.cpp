@@ -15,7 +15,7 @@ QFuture<std::string> Client::callFuture(const std::string& operation, const std:
     connect(reply, &CallReply::finished, reply, [promise, reply] {
         promise->addResult(reply->result());
         promise->finish();
-        reply->deleteLater();
+        delete reply; // allowed in its own finished()
     });
     return promise->future();
 }
