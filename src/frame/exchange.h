@@ -86,7 +86,8 @@ public:
     // The reply body bytes received so far, and the length the head announced
     // (-1 when none, or no head yet).
     std::function<void(qint64 done, qint64 announced)> onReceived;
-    // Called once; the exchange may be deleted only later (deleteLater).
+    // Called once; from it the exchange may be deleted at once only when
+    // deletableNow() says so, else later (deleteLater).
     std::function<void()> onFinished;
 
     // Keeps `owner` (what holds the exchange's request) as long as the exchange.
