@@ -231,10 +231,10 @@ void AsyncTest::endedFromItsOwnProgressSlot()
 // ended: nothing of it is touched afterwards (the sanitizer pass would see it).
 void AsyncTest::deletedInItsOwnFinished()
 {
-    enum Way { Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone };
-    for (const Way way : {Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone}) {
-        service.setDefaultReply(way == Answered ? ScriptedReply::json(R"({"code":200,"data":[]})")
-                                                : ScriptedReply::stall());
+    enum Way { Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone, ClientGoneInSlot };
+    for (const Way way : {Answered, UnknownName, CancelledInFlight, CancelledWaiting, ClientGone, ClientGoneInSlot}) {
+        const bool answered = way == Answered || way == ClientGoneInSlot;
+        service.setDefaultReply(answered ? ScriptedReply::json(R"({"code":200,"data":[]})") : ScriptedReply::stall());
         const int sentBefore = service.requestCount();
         auto client = std::make_unique<Client>();
         client->setMaxCallsInFlight(1);
@@ -249,6 +249,8 @@ void AsyncTest::deletedInItsOwnFinished()
             ++finishedSignals;
             result = reply->result();
             delete reply;
+            if (way == ClientGoneInSlot) // a window that owned the client closes
+                client.reset();
         });
         if (way == CancelledInFlight || way == CancelledWaiting || way == ClientGone)
             QTRY_COMPARE(service.requestCount(), sentBefore + 1);
