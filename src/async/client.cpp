@@ -48,7 +48,8 @@ struct Client::Private {
     // for what is left (a timer of each call's own cost more than the rest of
     // the call's bookkeeping together).
     QTimer idleWatch;
-    std::deque<QPointer<CallReply>> waiting;
+    // A reply leaves these before it is deleted (CallDriver::release).
+    std::deque<CallReply*> waiting;
     std::vector<CallReply*> inFlight;
     int idleLimitMs = 120 * 1000;
     int maxInFlight = 6;
@@ -74,10 +75,9 @@ struct CallDriver {
     {
         Client::Private& c = *client.d;
         while (int(c.inFlight.size()) < c.maxInFlight && !c.waiting.empty()) {
-            const QPointer<CallReply> next = c.waiting.front();
+            CallReply* const next = c.waiting.front();
             c.waiting.pop_front();
-            if (next)
-                start(client, next);
+            start(client, next);
         }
     }
 
@@ -322,8 +322,12 @@ CallReply* Client::call(OperationFunction function, const std::string& argument)
         return reply;
     }
     s.operation = s.deferred->operationName();
-    d->waiting.push_back(reply);
-    CallDriver::pump(*this);
+    if (d->waiting.empty() && int(d->inFlight.size()) < d->maxInFlight) {
+        CallDriver::start(*this, reply);
+    } else {
+        d->waiting.push_back(reply);
+        CallDriver::pump(*this);
+    }
     return reply;
 }
 

@@ -75,77 +75,10 @@ qint64 announcedLength(const QNetworkReply& reply)
     return announced.isValid() ? announced.toLongLong() : -1;
 }
 
-// Collects a body that Qt does not write in place, as it arrives: into the
-// request's sink when the sink takes it, else into one array reserved at the
-// announced size.
-class BodyCollector
-{
-public:
-    BodyCollector(QNetworkReply& reply, BodySink* sink) : reply(reply), sink(sink) {}
-
-    void readAvailable()
-    {
-        // An abandoned reply is closed and has nothing more to read.
-        if (!reply.isOpen() || !qt_line::bodyStorage(reply).isNull())
-            return;
-        const qint64 available = reply.bytesAvailable();
-        if (available <= 0)
-            return;
-        if (!asked) {
-            asked = true;
-            const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-            inSink = sink && sink->take(status);
-            const qint64 announced = reply.header(QNetworkRequest::ContentLengthHeader).toLongLong();
-            if (!inSink && announced > 0 && announced <= maxReservedBody)
-                body.reserve(int(announced));
-        }
-        if (inSink)
-            passToSink(available);
-        else
-            appendToBody(available);
-    }
-
-    // The body bytes that arrived so far, wherever they are.
-    qint64 received() const
-    {
-        return qt_line::bodyStorage(reply).isNull() || !reply.isOpen() ? size : reply.bytesAvailable();
-    }
-
-    QByteArray body;
-    qint64 size = 0;
-    bool inSink = false;
-
-private:
-    // Read straight into the array: no copy of Qt's buffer on the way.
-    void appendToBody(qint64 available)
-    {
-        const int before = body.size();
-        body.resize(before + int(available));
-        const qint64 got = reply.read(body.data() + before, available);
-        body.resize(before + int(qMax<qint64>(got, 0)));
-        size = body.size();
-    }
-
-    void passToSink(qint64 available)
-    {
-        while (available > 0) {
-            chunk.resize(int(qMin(available, readBufferBytes)));
-            const qint64 got = reply.read(chunk.data(), chunk.size());
-            if (got <= 0)
-                return;
-            sink->write(chunk.constData(), got);
-            size += got;
-            available -= got;
-        }
-    }
-
-    QNetworkReply& reply;
-    BodySink* const sink;
-    bool asked = false;
-    QByteArray chunk;
-};
-
-// An exchange on Qt's network manager.
+// An exchange on Qt's network manager. Its body is one Qt wrote in place
+// (qt_line.h), or one collected here as it arrives, into one array reserved at
+// the announced size. (A body for a sink never comes here: such a request goes
+// on a socket of its own.)
 class ManagerExchange final : public ExchangeInFlight
 {
 public:
@@ -162,15 +95,15 @@ public:
         // Qt 5's HTTP thread waits while this much is unread, so a large reply
         // is not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
         reply->setReadBufferSize(readBufferBytes);
-        collector.emplace(*reply, outgoing.bodySink);
         connect(reply, &QNetworkReply::readyRead, this, [this] {
             const Running running(*this);
             bodyArrived();
         });
         connect(reply, &QNetworkReply::metaDataChanged, this, [this] {
             const Running running(*this);
+            announced = announcedLength(*reply);
             onActivity();
-            onReceived(0, announcedLength(*reply));
+            onReceived(0, announced);
         });
         connect(reply, &QNetworkReply::uploadProgress, this, [this](qint64 done, qint64 total) {
             const Running running(*this);
@@ -206,16 +139,11 @@ public:
         if (!received.bodyStorage.isNull()) {
             // Qt wrote the reply in place; the bytes not read yet are all of it.
             received.body = QByteArray::fromRawData(received.bodyStorage.data(), int(reply->bytesAvailable()));
-            received.bodySize = received.body.size();
         } else {
-            received.body = std::move(collector->body);
-            received.bodySize = collector->size;
-            received.bodyInSink = collector->inSink;
+            received.body = std::move(body);
         }
+        received.bodySize = received.body.size();
         received.httpStatus = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        // A download's name comes from here, but downloads take a socket of their own.
-        if (outgoing.bodySink)
-            received.contentDisposition = reply->rawHeader(QByteArrayLiteral("Content-Disposition"));
         received.networkError = reply->error();
         if (received.networkError != QNetworkReply::NoError)
             received.errorString = reply->errorString();
@@ -237,15 +165,36 @@ private:
     void bodyArrived()
     {
         onActivity();
-        collector->readAvailable();
-        onReceived(collector->received(), announcedLength(*reply));
+        onReceived(readAvailable(), announced);
+    }
+
+    // Reads what arrived straight into the body array (no copy of Qt's buffer
+    // on the way); the body bytes that arrived so far, wherever they are.
+    qint64 readAvailable()
+    {
+        // An abandoned reply is closed and has nothing more to read.
+        if (!reply->isOpen())
+            return body.size();
+        if (!qt_line::bodyStorage(*reply).isNull())
+            return reply->bytesAvailable();
+        const qint64 available = reply->bytesAvailable();
+        if (available <= 0)
+            return body.size();
+        if (body.isNull() && announced > 0 && announced <= maxReservedBody)
+            body.reserve(int(announced));
+        const int before = body.size();
+        body.resize(before + int(available));
+        const qint64 got = reply->read(body.data() + before, available);
+        body.resize(before + int(qMax<qint64>(got, 0)));
+        return body.size();
     }
 
     OutgoingRequest& outgoing;
     QNetworkAccessManager& manager;
     // The manager's child: gone with the manager, which may go first.
     QPointer<QNetworkReply> reply;
-    std::optional<BodyCollector> collector;
+    QByteArray body;
+    qint64 announced = -1;
     int handlersRunning = 0;
 };
 

@@ -9,6 +9,7 @@
 namespace norva {
 
 OutgoingRequest::OutgoingRequest() = default;
+OutgoingRequest::OutgoingRequest(QNetworkRequest request) : request(std::move(request)) {}
 OutgoingRequest::OutgoingRequest(OutgoingRequest&&) noexcept = default;
 OutgoingRequest& OutgoingRequest::operator=(OutgoingRequest&&) noexcept = default;
 OutgoingRequest::~OutgoingRequest() = default;
@@ -87,8 +88,7 @@ namespace {
 
 OutgoingRequest withBody(const QString& url, const QByteArray& body, const char* type)
 {
-    OutgoingRequest outgoing;
-    outgoing.request = requestFor(url, type);
+    OutgoingRequest outgoing(requestFor(url, type));
     outgoing.body = body;
     outgoing.sentText.utf8 = body;
     // The raw field, which Qt reads back as the same known header: on Qt 6
@@ -111,9 +111,8 @@ OutgoingRequest formTextPost(const QString& url, const QByteArray& formText)
 
 OutgoingRequest bodilessGet(const QString& url, const char* type, bool hasQuery)
 {
-    OutgoingRequest outgoing;
+    OutgoingRequest outgoing(requestFor(url, type));
     outgoing.verb = Verb::Get;
-    outgoing.request = requestFor(url, type);
     if (hasQuery)
         outgoing.sentText.url = url;
     return outgoing;
@@ -122,8 +121,7 @@ OutgoingRequest bodilessGet(const QString& url, const char* type, bool hasQuery)
 OutgoingRequest formPost(const QString& url, std::unique_ptr<QHttpMultiPart> form,
                          const QByteArray& record)
 {
-    OutgoingRequest outgoing;
-    outgoing.request = requestFor(url, nullptr);
+    OutgoingRequest outgoing(requestFor(url, nullptr));
     outgoing.form = std::move(form);
     outgoing.sentText.utf8 = record;
     return outgoing;

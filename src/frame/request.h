@@ -26,6 +26,8 @@ enum class Verb { Post, Get };
 // A request ready to send, with what the operation will report as sent.
 struct OutgoingRequest {
     OutgoingRequest();
+    // Starts from `request` (a default QNetworkRequest is not free).
+    explicit OutgoingRequest(QNetworkRequest request);
     OutgoingRequest(OutgoingRequest&&) noexcept;
     OutgoingRequest& operator=(OutgoingRequest&&) noexcept;
     ~OutgoingRequest();
