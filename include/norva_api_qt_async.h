@@ -63,6 +63,9 @@ Q_SIGNALS:
     // returned.
     void finished();
 
+protected:
+    void connectNotify(const QMetaMethod& signal) override;
+
 private:
     friend class Client;
     friend struct CallDriver;

@@ -38,6 +38,7 @@ struct CallReply::State {
     std::string result;
     bool finished = false;
     bool cancelled = false;
+    bool progressHeard = false; // somebody connected to progress()
 };
 
 struct Client::Private {
@@ -140,8 +141,7 @@ struct CallDriver {
     static ProgressPacer* pacerOf(CallReply* reply)
     {
         CallReply::State& s = *reply->d;
-        static const QMetaMethod progressSignal = QMetaMethod::fromSignal(&CallReply::progress);
-        if (!s.pacer && reply->isSignalConnected(progressSignal)) {
+        if (!s.pacer && s.progressHeard) {
             const OutgoingRequest& outgoing = s.deferred->outgoing();
             const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
             s.pacer.emplace(s.operation, bytesToSend, [reply](const CallProgress& progress) { emit reply->progress(progress); });
@@ -250,6 +250,13 @@ std::string CallReply::result() const
 void CallReply::cancel()
 {
     CallDriver::cancel(this, true);
+}
+
+void CallReply::connectNotify(const QMetaMethod& signal)
+{
+    // Asking whether the signal is connected costs more on every figure.
+    if (signal == QMetaMethod::fromSignal(&CallReply::progress))
+        d->progressHeard = true;
 }
 
 Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>())

@@ -38,8 +38,9 @@ void DeferredCall::defer(OutgoingRequest outgoing, const HttpClasses& classes, R
     exchange.emplace(Exchange{std::move(outgoing), classes, std::move(judge)});
 }
 
-std::string DeferredCall::finish(const ReceivedReply& reply)
+std::string DeferredCall::finish(ReceivedReply& reply)
 {
+    reply.sentText = &exchange->outgoing.sentText;
     const ConsoleSilence quiet;
     return guardedResult(options, [&] { return compactText(judgeExchange(reply, exchange->classes, exchange->judge)); });
 }

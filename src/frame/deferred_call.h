@@ -49,7 +49,7 @@ public:
     // The operation's public name, for the progress figures.
     const char* operationName() const { return options.operation; }
     // The result text for the exchange's reply, written nowhere.
-    std::string finish(const ReceivedReply& reply);
+    std::string finish(ReceivedReply& reply);
 
     // For the shell and the frame: what the operation keeps until its reply.
     void keep(std::shared_ptr<const Arguments> arguments, std::shared_ptr<Call> call, const ShellOptions& options);

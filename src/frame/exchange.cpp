@@ -269,6 +269,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     if (const seam::ExchangeStub stub = seam::exchangeStub()) {
         ReceivedReply stubbed = stub(outgoing);
         stubbed.bodySize = stubbed.body.size();
+        stubbed.sentText = &outgoing.sentText;
         return stubbed;
     }
     // Without an application the thread has no event dispatcher: nothing would
@@ -304,6 +305,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
 
     ReceivedReply received = exchange->takeReply();
     received.cancelled = watch.cancelled();
+    received.sentText = &outgoing.sentText;
     if (idle.passed()) {
         received.httpStatus = 0;
         received.complete = false;

@@ -41,6 +41,9 @@ struct ReceivedReply {
     bool complete = false;
     // The host cancelled the call while it waited: nothing else here counts.
     bool cancelled = false;
+    // What the request reports as sent (request.h), set by the frame before a
+    // judge sees the reply; it lives as long as the request.
+    const SentText* sentText = nullptr;
 };
 
 // Which HTTP statuses an exchange hands to the operation's own judge.

@@ -87,8 +87,8 @@ std::optional<OutgoingRequest> Operation::request(const Arguments& arguments) co
     if (!flat || body.form != Body::Form::JsonObject || body.within)
         return request(arguments.object());
     // A flat argument text: its members go into the body as they stand.
-    OutgoingRequest outgoing = jsonPost(serviceUrlText(flatText(*flat, "ipconfig"), QString::fromLatin1(path)),
-                                        mappedFlatText(*flat, body.keys));
+    OutgoingRequest outgoing =
+        jsonPost(RequestCache::serviceUrl(flatTextView(*flat, "ipconfig"), path), mappedFlatText(*flat, body.keys));
     if (access == Access::Token)
         setTokenHeader(outgoing, flatUtf8(*flat, "token"));
     return outgoing;
@@ -147,9 +147,10 @@ std::string Operation::call(std::string argument, const char* name) const
             return statusDocument(400, QString::fromLatin1(message::jsonParametersError));
         HttpClasses classes;
         classes.with402Branch = access == Access::Token;
-        // The judge may run after this returns (a deferred call): it keeps what it reads.
-        return exchange(call, *outgoing, classes, [this, sentText = outgoing->sentText](const ReceivedReply& reply) {
-            return judgeServiceReply(reply.body, outcomes, sentText);
+        // The judge may run after this returns (a deferred call); the sent text
+        // comes with the reply, from the request that was sent.
+        return exchange(call, *outgoing, classes, [this](const ReceivedReply& reply) {
+            return judgeServiceReply(reply.body, outcomes, *reply.sentText);
         });
     });
 }

@@ -103,33 +103,28 @@ QByteArray orderedObjectText(JsonMembers members)
 }
 
 // What readValue gives of a flat member (nullptr: none), as its JSON text;
-// null for no value. Text and integers stand in flat members as Qt writes them.
-// The text refers to the argument text, which outlives the body's writing.
-QByteArray flatValueText(const FlatMember* member, Read mode)
+// empty for no value. Text and integers stand in flat members as Qt writes them.
+std::string_view flatValueText(const FlatMember* member, Read mode)
 {
-    const auto text = [member] { return QByteArray::fromRawData(member->value.data(), int(member->value.size())); };
-    // Literals: no allocation for the values a body holds most.
-    const QByteArray empty = QByteArrayLiteral("\"\"");
-    const QByteArray null = QByteArrayLiteral("null");
-    const QByteArray zero = QByteArrayLiteral("0");
     switch (mode) {
     case Read::Text:
     case Read::OptionalText:
-        return member && member->isText() ? text() : empty;
+        return member && member->isText() ? member->value : "\"\"";
     case Read::Integer: {
         if (!member || !member->isInteger())
-            return zero;
-        const qint64 value = text().toLongLong(); // at most 15 digits
-        return value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max() ? text() : zero;
+            return "0";
+        // At most 15 digits (a flat member holds no longer number).
+        const qint64 value = QByteArray::fromRawData(member->value.data(), int(member->value.size())).toLongLong();
+        return value >= std::numeric_limits<int>::min() && value <= std::numeric_limits<int>::max() ? member->value : "0";
     }
     case Read::Raw:
-        return member ? text() : QByteArray();
+        return member ? member->value : std::string_view();
     case Read::OptionalRaw:
-        return member ? text() : null;
+        return member ? member->value : "null";
     case Read::OptionalMessage:
-        return !member ? null : member->isText() ? text() : empty;
+        return !member ? "null" : member->isText() ? member->value : "\"\"";
     }
-    return QByteArray();
+    return {};
 }
 
 } // namespace
@@ -148,26 +143,75 @@ QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
 
 QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings)
 {
-    JsonMembers members;
-    members.reserve(mappings.size());
-    for (const KeyMapping& m : mappings) {
-        QByteArray text = flatValueText(findMember(from, m.from), m.mode);
-        if (!text.isNull())
-            members.push_back({m.to, QJsonValue(), std::move(text)});
+    // A body has a handful of keys: they are ordered on the stack, and the text
+    // written straight into the body, with no value or member built on the way.
+    struct Mapped {
+        const char* key;
+        std::string_view text;
+    };
+    constexpr size_t onStack = 16;
+    if (mappings.size() > onStack) {
+        JsonMembers members;
+        for (const KeyMapping& m : mappings) {
+            const std::string_view text = flatValueText(findMember(from, m.from), m.mode);
+            if (!text.empty())
+                members.push_back({m.to, QJsonValue(), QByteArray(text.data(), int(text.size()))});
+        }
+        return orderedObjectText(std::move(members));
     }
-    return orderedObjectText(std::move(members));
+    Mapped mapped[onStack];
+    size_t count = 0;
+    qsizetype length = 2;
+    for (const KeyMapping& m : mappings) {
+        const std::string_view text = flatValueText(findMember(from, m.from), m.mode);
+        if (text.empty())
+            continue;
+        // In QJsonObject's order; of equal keys the one mapped last stays.
+        size_t at = count;
+        while (at > 0 && keyBefore(m.to, mapped[at - 1].key))
+            --at;
+        if (at > 0 && std::strcmp(mapped[at - 1].key, m.to) == 0) {
+            length -= qsizetype(mapped[at - 1].text.size());
+            mapped[at - 1].text = text;
+            length += qsizetype(text.size());
+            continue;
+        }
+        std::move_backward(mapped + at, mapped + count, mapped + count + 1);
+        mapped[at] = {m.to, text};
+        ++count;
+        length += qsizetype(std::strlen(m.to) + 4 + text.size()); // "key":value,
+    }
+    // Written through a pointer: on Qt 6 each append of QByteArray is an insert.
+    QByteArray body(length, Qt::Uninitialized);
+    char* to = body.data();
+    const auto put = [&to](const char* from, size_t size) {
+        std::memcpy(to, from, size);
+        to += size;
+    };
+    *to++ = '{';
+    for (size_t i = 0; i < count; ++i) {
+        if (i > 0)
+            *to++ = ',';
+        *to++ = '"';
+        put(mapped[i].key, std::strlen(mapped[i].key));
+        put("\":", 2);
+        put(mapped[i].text.data(), mapped[i].text.size());
+    }
+    *to++ = '}';
+    body.truncate(int(to - body.constData()));
+    return body;
 }
 
-QString flatText(const FlatMembers& from, const char* key)
+std::string_view flatTextView(const FlatMembers& from, const char* key)
 {
-    return QString::fromLatin1(flatUtf8(from, key));
+    const FlatMember* const member = findMember(from, key);
+    return member && member->isText() ? member->value.substr(1, member->value.size() - 2) : std::string_view();
 }
 
 QByteArray flatUtf8(const FlatMembers& from, const char* key)
 {
-    const FlatMember* const member = findMember(from, key);
-    return member && member->isText() ? QByteArray(member->value.data() + 1, int(member->value.size()) - 2)
-                                      : QByteArray();
+    const std::string_view text = flatTextView(from, key);
+    return QByteArray(text.data(), int(text.size()));
 }
 
 } // namespace norva

@@ -57,9 +57,9 @@ QJsonObject mapKeys(const QJsonObject& from, const KeyList& mappings);
 QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings);
 // The same of flat members: what mappedObjectText writes of their object.
 QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings);
-// readText of flat members.
-QString flatText(const FlatMembers& from, const char* key);
-// The same as UTF-8 (a flat text is printable ASCII, without escapes).
+// readText of flat members, as UTF-8 (a flat text is printable ASCII, without
+// escapes): a view into the argument text, and a copy.
+std::string_view flatTextView(const FlatMembers& from, const char* key);
 QByteArray flatUtf8(const FlatMembers& from, const char* key);
 
 } // namespace norva

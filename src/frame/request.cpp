@@ -84,6 +84,22 @@ QNetworkRequest RequestCache::request(const QString& url, const char* contentTyp
     return head.request;
 }
 
+QString RequestCache::serviceUrl(std::string_view ipconfig, const char* path)
+{
+    const auto build = [&] {
+        return serviceUrlText(QString::fromUtf8(ipconfig.data(), int(ipconfig.size())), QString::fromLatin1(path));
+    };
+    RequestCache* const cache = activeCache;
+    if (!cache)
+        return build();
+    if (cache->lastPath != path || std::string_view(cache->lastIpconfig.constData(), size_t(cache->lastIpconfig.size())) != ipconfig) {
+        cache->lastUrl = build();
+        cache->lastPath = path;
+        cache->lastIpconfig = QByteArray(ipconfig.data(), int(ipconfig.size()));
+    }
+    return cache->lastUrl;
+}
+
 namespace {
 
 OutgoingRequest withBody(const QString& url, const QByteArray& body, const char* type)

@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <memory>
+#include <string_view>
 
 QT_BEGIN_NAMESPACE
 class QHttpMultiPart;
@@ -71,6 +72,10 @@ public:
     // A request for `url` with Content-Type `contentType` (none when null).
     QNetworkRequest request(const QString& url, const char* contentType);
 
+    // serviceUrlText(ipconfig, path) for a path that lives as long as the
+    // program; with a cache in use, the last one is remembered.
+    static QString serviceUrl(std::string_view ipconfig, const char* path);
+
 private:
     // The last request built for a URL, and the content type it was built with.
     struct Head {
@@ -81,6 +86,10 @@ private:
         QNetworkRequest request;
     };
     QHash<QString, Head> heads;
+    // The last service URL built, and what it was built of.
+    const char* lastPath = nullptr;
+    QByteArray lastIpconfig;
+    QString lastUrl;
 };
 
 // POST with a compact JSON body: Content-Type "application/json", Content-Length.
