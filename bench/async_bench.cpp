@@ -3,6 +3,7 @@
 // downloads through either face.
 //
 //   bench_async [--quick]
+//   bench_async --in-flight N    the calls with N in flight alone
 //
 // The calls run in blocks, each block of the library paired with one of bare
 // Qt right beside it, the two taking turns at going first: the share is the
@@ -135,6 +136,7 @@ int main(int argc, char** argv)
     if (argc == 6 && std::strcmp(argv[1], "--child-download") == 0)
         return childDownload(argv[2], argv[3], argv[4], std::atoi(argv[5]));
     const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    const int onlyInFlight = argc == 3 && std::strcmp(argv[1], "--in-flight") == 0 ? std::atoi(argv[2]) : 0;
     const int calls = quick ? 200 : 30000;
     const int blocks = quick ? 1 : 30;
     const int repeats = quick ? 1 : 5;
@@ -159,13 +161,13 @@ int main(int argc, char** argv)
         const int null = ::open("/dev/null", O_WRONLY);
         ::dup2(null, 1);
         ::close(null);
-        for (int run = 0; run < repeats; ++run)
+        for (int run = 0; run < (onlyInFlight ? 0 : repeats); ++run)
             blocking.push_back(bench::libraryMicrosPerCall(address, std::min(calls, 2000)));
         std::fflush(stdout);
         ::dup2(console, 1);
         ::close(console);
         const int blockCalls = calls / blocks;
-        for (const int inFlight : {1, 6, 32}) {
+        for (const int inFlight : onlyInFlight ? std::vector<int>{onlyInFlight} : std::vector<int>{1, 6, 32}) {
             std::vector<double> async, qt, curl, shares;
             for (int block = 0; block < blocks; ++block) {
                 if (block % 2) {
@@ -188,9 +190,12 @@ int main(int argc, char** argv)
             std::printf("| %-52s | %-14s | %-14s | %-14s | %-10.2f |\n", label.c_str(), cells[0], cells[1], cells[2],
                         median(shares));
         }
-        std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "blocking face, host application: us per call",
-                    "-", "-", "-", std::to_string(int(median(blocking))).c_str());
+        if (!onlyInFlight)
+            std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "blocking face, host application: us per call",
+                        "-", "-", "-", std::to_string(int(median(blocking))).c_str());
     }
+    if (onlyInFlight)
+        return 0;
 
     // Downloads: peak resident memory of the whole process.
     const std::uint64_t big = (quick ? 16 : 2048) * mib;

@@ -113,6 +113,7 @@ double asyncMicrosPerCall(const std::string& address, int calls, int inFlight)
         // must wait for deleteLater(), a posted event that also contends with
         // Qt's network thread for the event queue.
         QObject::connect(reply, &NORVA::NORVA_API_QT::CallReply::finished, reply, [reply, done] {
+            reply->result(); // read, as bare Qt reads its reply
             done();
             delete reply;
         });

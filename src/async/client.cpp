@@ -53,6 +53,7 @@ struct Client::Private {
     std::deque<CallReply*> waiting;
     std::vector<CallReply*> inFlight;
     int idleLimitMs = 120 * 1000;
+    int idleWatchStartedWithMs = 0; // the limit the idle watch was last started for
     int maxInFlight = 6;
 };
 
@@ -91,9 +92,13 @@ struct CallDriver {
         ExchangeInFlight& exchange = *s.exchange;
         s.idleLimitMs = client.d->idleLimitMs;
         s.sinceProgress.start();
+        // The watch fires no later than a call of the same limit needs it to.
         QTimer& watch = client.d->idleWatch;
-        if (!watch.isActive() || watch.remainingTime() > s.idleLimitMs)
+        if (!watch.isActive()
+            || (s.idleLimitMs < client.d->idleWatchStartedWithMs && watch.remainingTime() > s.idleLimitMs)) {
             watch.start(s.idleLimitMs);
+            client.d->idleWatchStartedWithMs = s.idleLimitMs;
+        }
         exchange.onActivity = [&s] { s.sinceProgress.restart(); };
         exchange.onSent = [reply](qint64 done, qint64 total) {
             if (ProgressPacer* pacer = pacerOf(reply))
@@ -124,8 +129,10 @@ struct CallDriver {
             else if (next < 0 || left < next)
                 next = left;
         }
-        if (next > 0)
+        if (next > 0) {
             c.idleWatch.start(int(next));
+            c.idleWatchStartedWithMs = int(next);
+        }
         // Each ends at once (complete() runs), which may start waiting calls.
         for (const QPointer<CallReply>& reply : silent) {
             if (reply && reply->d->exchange && !reply->d->finished) {
@@ -207,7 +214,7 @@ struct CallDriver {
 
     static std::string cancelledText()
     {
-        return compactText(statusDocument(400, QString::fromLatin1(message::requestCancelled)));
+        return compactText(statusDocument(400, message::requestCancelled));
     }
 
     // Ends a call that has not finished: in flight, its exchange is aborted and

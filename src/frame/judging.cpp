@@ -28,14 +28,14 @@ ResultDocument httpClassDocument(HttpClass httpClass)
 {
     switch (httpClass) {
     case HttpClass::TokenExpired:
-        return statusDocument(402, QString::fromLatin1(message::tokenExpired));
+        return statusDocument(402, message::tokenExpired);
     case HttpClass::NoReply:
-        return statusDocument(400, QString::fromLatin1(message::serverShutsDown));
+        return statusDocument(400, message::serverShutsDown);
     case HttpClass::Ok:
     case HttpClass::Other:
         break;
     }
-    return statusDocument(400, QString::fromLatin1(message::requestFail));
+    return statusDocument(400, message::requestFail);
 }
 
 OutcomeTable plainOutcome(const char* success, const char* failure)
@@ -118,7 +118,7 @@ ResultDocument applyOutcome(const OutcomeTable& table, int code, const ReplyMemb
     for (const Outcome& row : table) {
         if (!row.when.matches(code))
             continue;
-        ResultDocument document = statusDocument(row.status, QString::fromUtf8(row.message));
+        ResultDocument document = statusDocument(row.status, row.message);
         for (const ResultKey& key : row.keys) {
             const ReplyValue value = valueFrom(key.from, serviceReply, sentText);
             if (!value.text.isNull())
@@ -128,7 +128,7 @@ ResultDocument applyOutcome(const OutcomeTable& table, int code, const ReplyMemb
         }
         return document;
     }
-    return statusDocument(400, QString::fromLatin1(message::requestFail));
+    return statusDocument(400, message::requestFail);
 }
 
 // The service code of a flat reply, as QJsonValue::toInt(0) reads it: an
@@ -155,7 +155,7 @@ ResultDocument judgeServiceReply(const QByteArray& body, const OutcomeTable& tab
     QJsonParseError error;
     const QJsonDocument document = parseJson(body, &error);
     if (error.error != QJsonParseError::NoError) {
-        ResultDocument unparseable = statusDocument(400, QString::fromLatin1(message::unparseableReply));
+        ResultDocument unparseable = statusDocument(400, message::unparseableReply);
         const QJsonValue sent = sentText.value();
         if (!sent.isUndefined())
             unparseable.insert("request_data", sent);

@@ -61,7 +61,7 @@ QString keyValueText(const QJsonObject& source, const KeyList& keys)
 ResultDocument judgeExchange(const ReceivedReply& reply, const HttpClasses& classes, const ReplyJudge& judge)
 {
     if (reply.cancelled)
-        return statusDocument(400, QString::fromLatin1(message::requestCancelled));
+        return statusDocument(400, message::requestCancelled);
     const int status = reply.httpStatus;
     if (status == 200 || status == classes.alsoJudged)
         return judge(reply);
@@ -144,7 +144,7 @@ std::string Operation::call(std::string argument, const char* name) const
     return runShell(argument, options, [this](const Arguments& arguments, Call& call) {
         std::optional<OutgoingRequest> outgoing = request(arguments);
         if (!outgoing)
-            return statusDocument(400, QString::fromLatin1(message::jsonParametersError));
+            return statusDocument(400, message::jsonParametersError);
         HttpClasses classes;
         classes.with402Branch = access == Access::Token;
         // The judge may run after this returns (a deferred call); the sent text

@@ -62,6 +62,25 @@ ResultDocument statusDocument(int status, const QString& message)
     return document;
 }
 
+ResultDocument statusDocument(int status, const char* message)
+{
+    if (!message)
+        message = "";
+    const size_t length = std::strlen(message);
+    const bool plain = std::all_of(message, message + length,
+                                   [](char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
+    if (!plain)
+        return statusDocument(status, QString::fromUtf8(message));
+    QByteArray text(int(length) + 2, Qt::Uninitialized);
+    text[0] = '"';
+    std::memcpy(text.data() + 1, message, length);
+    text[int(length) + 1] = '"';
+    ResultDocument document;
+    document.insertText("message", text);
+    document.insert("status", status);
+    return document;
+}
+
 std::string compactText(const ResultDocument& document)
 {
     return document.text();

@@ -56,6 +56,9 @@ struct SentText {
 
 // {"message":message,"status":status}
 ResultDocument statusDocument(int status, const QString& message);
+// The same of one of the library's own messages (UTF-8 that lives as long as
+// the program): plain text goes in as its JSON text, with no value built.
+ResultDocument statusDocument(int status, const char* message);
 
 std::string compactText(const ResultDocument& document);
 

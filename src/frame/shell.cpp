@@ -100,7 +100,7 @@ std::string runShell(const std::string& argument, const ShellOptions& options, c
             QJsonParseError error;
             document = parseJson(text, &error);
             if (error.error != QJsonParseError::NoError)
-                return finishResult(statusDocument(400, QString::fromLatin1(options.parseFailureMessage)));
+                return finishResult(statusDocument(400, options.parseFailureMessage));
         }
         // Shared: a deferred call keeps them until its reply came. One block
         // holds both.

@@ -29,7 +29,7 @@ std::string NORVA_HTTP_API::norva_sdk_login(std::string argument)
         OutgoingRequest outgoing = *login.request(arguments);
         const ReceivedReply reply = runExchange(outgoing);
         if (reply.cancelled)
-            return statusDocument(400, QString::fromLatin1(message::requestCancelled));
+            return statusDocument(400, message::requestCancelled);
 
         ResultDocument networkError;
         if (reply.networkError != QNetworkReply::NoError) {

@@ -195,7 +195,7 @@ std::string runDownload(const DownloadVariant& variant, std::string argument, co
                 echoLine(std::to_string(reply.bodySize));
             // A body cut short is not the file: it is not stored.
             if (reply.bodySize == 0 || !reply.complete)
-                return statusDocument(400, QString::fromLatin1(message::downloadFail));
+                return statusDocument(400, message::downloadFail);
             const DownloadName name =
                 deriveDownloadName(reply.contentDisposition, reName, timeStamp, QDateTime::currentDateTime(),
                                    QString::fromLatin1(variant.stampFormat));
