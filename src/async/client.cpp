@@ -9,6 +9,7 @@
 #include "frame/progress_pacer.h"
 #include "frame/result.h"
 
+#include <QAbstractEventDispatcher>
 #include <QElapsedTimer>
 #include <QMetaMethod>
 #include <QNetworkAccessManager>
@@ -52,6 +53,13 @@ struct Client::Private {
     // A reply leaves these before it is deleted (CallDriver::release).
     std::deque<CallReply*> waiting;
     std::vector<CallReply*> inFlight;
+    // What finished calls left, in the order it must go (release()).
+    struct Leftover {
+        std::unique_ptr<DeferredCall> call; // what the exchange sent: goes after it
+        std::unique_ptr<ExchangeInFlight> exchange;
+    };
+    std::vector<Leftover> leftovers;
+    bool retiringOnWait = false;
     int idleLimitMs = 120 * 1000;
     int idleWatchStartedWithMs = 0; // the limit the idle watch was last started for
     int maxInFlight = 6;
@@ -178,6 +186,33 @@ struct CallDriver {
         emit reply->finished();
     }
 
+    // What a finished call leaves (its exchange, and the request the exchange
+    // sent) goes when the thread is about to wait for events, not while the
+    // call's host could be starting the next one: a call waits for the thread
+    // to handle its request (post() sends from the event loop), so whatever
+    // runs before then makes every call that much later.
+    static void retire(Client& client, std::unique_ptr<ExchangeInFlight> exchange, std::unique_ptr<DeferredCall> call)
+    {
+        Client::Private& c = *client.d;
+        if (!c.retiringOnWait) {
+            QAbstractEventDispatcher* const dispatcher = QAbstractEventDispatcher::instance(client.thread());
+            if (!dispatcher) {
+                exchange.reset(); // before the request it sent
+                return;
+            }
+            QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client,
+                             [&c] { c.leftovers.clear(); });
+            c.retiringOnWait = true;
+        }
+        // A thread that never waits still lets go of them now and then.
+        if (c.leftovers.size() >= 64)
+            c.leftovers.clear();
+        // Qt's reply goes the way it would without the library: deleted
+        // later, from the event loop, before the thread waits.
+        exchange->letGoOfReply();
+        c.leftovers.push_back({std::move(call), std::move(exchange)});
+    }
+
     // Lets go of the exchange and of the client's slot. The exchange goes at
     // once when none of its code is under way, else later, and the call's
     // request and sink go with it.
@@ -191,11 +226,13 @@ struct CallDriver {
             exchange->onReceived = [](qint64, qint64) {};
             exchange->onFinished = [] {};
             exchange->abort();
-            if (exchange->deletableNow()) {
-                delete exchange;
-            } else {
+            if (!exchange->deletableNow()) {
                 exchange->keepUntilDeleted(std::move(s.deferred));
                 exchange->deleteLater();
+            } else if (s.client) {
+                retire(*s.client, std::unique_ptr<ExchangeInFlight>(exchange), std::move(s.deferred));
+            } else {
+                delete exchange;
             }
         }
         s.pacer.reset();

@@ -83,10 +83,13 @@ class ManagerExchange final : public ExchangeInFlight
 {
 public:
     ManagerExchange(OutgoingRequest& outgoing, QNetworkAccessManager& manager) : outgoing(outgoing), manager(manager) {}
-    ~ManagerExchange() override
+    ~ManagerExchange() override { letGoOfReply(); }
+
+    void letGoOfReply() override
     {
         if (reply)
             reply->deleteLater(); // this may run inside one of its signals
+        reply = nullptr;
     }
 
     void start() override
@@ -101,7 +104,8 @@ public:
         });
         connect(reply, &QNetworkReply::metaDataChanged, this, [this] {
             const Running running(*this);
-            announced = announcedLength(*reply);
+            if (reply)
+                announced = announcedLength(*reply);
             onActivity();
             onReceived(0, announced);
         });
@@ -172,8 +176,9 @@ private:
     // on the way); the body bytes that arrived so far, wherever they are.
     qint64 readAvailable()
     {
-        // An abandoned reply is closed and has nothing more to read.
-        if (!reply->isOpen())
+        // An abandoned reply is closed and has nothing more to read (and one
+        // let go of is not read at all).
+        if (!reply || !reply->isOpen())
             return body.size();
         if (!qt_line::bodyStorage(*reply).isNull())
             return reply->bytesAvailable();
