@@ -187,10 +187,10 @@ struct CallDriver {
     }
 
     // What a finished call leaves (its exchange, and the request the exchange
-    // sent) goes when the thread is about to wait for events, not while the
-    // call's host could be starting the next one: a call waits for the thread
-    // to handle its request (post() sends from the event loop), so whatever
-    // runs before then makes every call that much later.
+    // sent) goes when the thread is about to wait for events: between a
+    // reply's end and the host's next call whatever runs holds up that call's
+    // request, and once the thread would only wait it costs nothing. The next
+    // request's head is made ready then too (RequestCache::prepareSpare).
     static void retire(Client& client, std::unique_ptr<ExchangeInFlight> exchange, std::unique_ptr<DeferredCall> call)
     {
         Client::Private& c = *client.d;
@@ -200,8 +200,10 @@ struct CallDriver {
                 exchange.reset(); // before the request it sent
                 return;
             }
-            QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client,
-                             [&c] { c.leftovers.clear(); });
+            QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client, [&c] {
+                c.leftovers.clear();
+                c.requests.prepareSpare();
+            });
             c.retiringOnWait = true;
         }
         // A thread that never waits still lets go of them now and then.

@@ -46,9 +46,9 @@ QNetworkRequest uncachedRequest(const QUrl& url, const char* contentType)
 }
 
 // The same request, built or copied: a cached head is the same value.
-QNetworkRequest requestFor(const QString& url, const char* contentType)
+QNetworkRequest requestFor(const QString& url, const char* contentType, bool forBody = false)
 {
-    return activeCache ? activeCache->request(url, contentType)
+    return activeCache ? activeCache->request(url, contentType, forBody)
                        : uncachedRequest(QUrl(url, QUrl::TolerantMode), contentType);
 }
 
@@ -64,14 +64,15 @@ RequestCache::Use::~Use()
     activeCache = outer;
 }
 
-QNetworkRequest RequestCache::request(const QString& url, const char* contentType)
+QNetworkRequest RequestCache::request(const QString& url, const char* contentType, bool forBody)
 {
     auto found = heads.find(url);
     if (found == heads.end()) {
         // A host that calls many services keeps at most this many heads.
         if (heads.size() >= 64)
             heads.clear();
-        found = heads.insert(url, Head{QUrl(url, QUrl::TolerantMode), false, false, QByteArray(), QNetworkRequest()});
+        found = heads.insert(url, Head{QUrl(url, QUrl::TolerantMode), false, false, QByteArray(), QNetworkRequest(),
+                                       std::nullopt});
     }
     Head& head = *found;
     const bool typed = contentType != nullptr;
@@ -80,8 +81,29 @@ QNetworkRequest RequestCache::request(const QString& url, const char* contentTyp
         head.typed = typed;
         head.contentType = contentType;
         head.request = uncachedRequest(head.url, contentType);
+        head.spare.reset();
     }
-    return head.request;
+    if (!forBody)
+        return head.request;
+    lastWithLength = url;
+    spareWanted = true;
+    if (!head.spare)
+        return head.request;
+    QNetworkRequest spare = std::move(*head.spare);
+    head.spare.reset();
+    return spare;
+}
+
+void RequestCache::prepareSpare()
+{
+    if (!spareWanted)
+        return;
+    spareWanted = false;
+    const auto found = heads.find(lastWithLength);
+    if (found == heads.end() || found->spare)
+        return;
+    found->spare = found->request;
+    found->spare->setRawHeader(QByteArrayLiteral("Content-Length"), QByteArrayLiteral("0"));
 }
 
 QString RequestCache::serviceUrl(std::string_view ipconfig, const char* path)
@@ -104,7 +126,7 @@ namespace {
 
 OutgoingRequest withBody(const QString& url, const QByteArray& body, const char* type)
 {
-    OutgoingRequest outgoing(requestFor(url, type));
+    OutgoingRequest outgoing(requestFor(url, type, true));
     outgoing.body = body;
     outgoing.sentText.utf8 = body;
     // The raw field, which Qt reads back as the same known header: on Qt 6

@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <memory>
+#include <optional>
 #include <string_view>
 
 QT_BEGIN_NAMESPACE
@@ -70,7 +71,15 @@ public:
     };
 
     // A request for `url` with Content-Type `contentType` (none when null).
-    QNetworkRequest request(const QString& url, const char* contentType);
+    // `forBody`: the caller sets "Content-Length" next (the request may hold
+    // that field already).
+    QNetworkRequest request(const QString& url, const char* contentType, bool forBody);
+
+    // Makes ready, while the thread has nothing else to do, an unshared copy
+    // of the head last asked for a body's request: changing a shared
+    // request first copies all of it, which is most of a call's own cost on
+    // Qt 6, and would otherwise be paid while the call waits to be sent.
+    void prepareSpare();
 
     // serviceUrlText(ipconfig, path) for a path that lives as long as the
     // program; with a cache in use, the last one is remembered.
@@ -84,8 +93,11 @@ private:
         bool typed;
         QByteArray contentType;
         QNetworkRequest request;
+        std::optional<QNetworkRequest> spare; // unshared, with a length field
     };
     QHash<QString, Head> heads;
+    QString lastWithLength; // the URL of the head last asked for a body's request
+    bool spareWanted = false; // its spare went, or there was none
     // The last service URL built, and what it was built of.
     const char* lastPath = nullptr;
     QByteArray lastIpconfig;
