@@ -215,9 +215,9 @@ struct CallDriver {
         c.leftovers.push_back({std::move(call), std::move(exchange)});
     }
 
-    // Lets go of the exchange and of the client's slot. The exchange goes at
-    // once when none of its code is under way, else later, and the call's
-    // request and sink go with it.
+    // Lets go of the exchange and of the client's slot. The exchange goes when
+    // the thread next waits (retire) when none of its code is under way, else
+    // through a posted event; the call's request and sink go with it.
     static void release(CallReply* reply, bool pumpLater = true)
     {
         CallReply::State& s = *reply->d;
