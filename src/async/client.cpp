@@ -13,6 +13,8 @@
 #include <QElapsedTimer>
 #include <QMetaMethod>
 #include <QNetworkAccessManager>
+#include <QNetworkCookie>
+#include <QNetworkCookieJar>
 #include <QPointer>
 #include <QThread>
 #include <QTimer>
@@ -25,6 +27,19 @@
 namespace NORVA::NORVA_API_QT {
 
 using namespace norva;
+
+namespace {
+
+// A client's later calls send what a blocking call sends, and a blocking call
+// has a manager of its own, so it never sends back a cookie the service set.
+class KeepNoCookies final : public QNetworkCookieJar
+{
+public:
+    QList<QNetworkCookie> cookiesForUrl(const QUrl&) const override { return {}; }
+    bool setCookiesFromUrl(const QList<QNetworkCookie>&, const QUrl&) override { return false; }
+};
+
+} // namespace
 
 struct CallReply::State {
     QPointer<Client> client;
@@ -307,6 +322,7 @@ void CallReply::connectNotify(const QMetaMethod& signal)
 
 Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>())
 {
+    d->manager.setCookieJar(new KeepNoCookies); // the manager's child
     d->idleWatch.setSingleShot(true);
     connect(&d->idleWatch, &QTimer::timeout, this, [this] { CallDriver::watchIdle(*this); });
 }
