@@ -4,12 +4,15 @@
 
 #include "frame/exchange.h"
 #include "frame/json_text.h"
+#include "frame/reading.h"
 #include "norva_api_qt_progress.h"
 #include "transfer/download.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QtTest>
 
 using namespace testing_support;
@@ -20,6 +23,7 @@ class FrameTest : public QObject
 
 private slots:
     void repeatedKeysAreRemovedBeforeParsing();
+    void aFlatArgumentMapsAsItsObjectDoes();
     void membersWithoutAnApplicationAnswerAtOnce();
     void idleServiceEndsTheWait();
     void downloadNaming();
@@ -52,6 +56,49 @@ void FrameTest::repeatedKeysAreRemovedBeforeParsing()
     };
     for (const auto& row : rows)
         QVERIFY2(norva::withoutRepeatedKeys(row.text) == row.expected, row.name);
+}
+
+// A flat argument's body is written from its text, any other from Qt's
+// object: the two write the same body, whatever the keys and their order.
+void FrameTest::aFlatArgumentMapsAsItsObjectDoes()
+{
+    using norva::Read;
+    norva::KeyList many; // more keys than a body of the library's own has
+    static const char* const names[] = {"k00", "k01", "k02", "k03", "k04", "k05", "k06", "k07", "k08", "k09",
+                                        "k10", "k11", "k12", "k13", "k14", "k15", "k16", "k17", "k18", "k19"};
+    for (int i = 19; i >= 0; --i)
+        many.push_back({names[i], names[19 - i], Read(i % 6)});
+    const struct {
+        const char* name;
+        QByteArray argument;
+        norva::KeyList keys;
+    } rows[] = {
+        {"modes, missing keys and wrong types",
+         R"({"t":"x","n":5,"b":true,"z":null,"f":-7,"big":12345678901})",
+         {{"text", "t", Read::Text},
+          {"textOfNumber", "n", Read::Text},
+          {"int", "n", Read::Integer},
+          {"negative", "f", Read::Integer},
+          {"intTooBig", "big", Read::Integer},
+          {"raw", "b", Read::Raw},
+          {"rawMissing", "none", Read::Raw},
+          {"optional", "none", Read::OptionalRaw},
+          {"optionalNull", "z", Read::OptionalRaw},
+          {"optionalText", "n", Read::OptionalText},
+          {"message", "none", Read::OptionalMessage}}},
+        {"a key mapped twice keeps its last value", R"({"a":1,"b":2})",
+         {{"x", "a", Read::Raw}, {"y", "b", Read::Raw}, {"x", "b", Read::Raw}}},
+        {"twenty keys, written in reverse",
+         R"({"k00":0,"k01":"1","k02":null,"k03":-3,"k04":false,"k05":5,"k06":"6","k07":7,"k08":"8","k09":9,)"
+         R"("k10":10,"k11":"11","k12":12,"k13":13,"k14":"14","k15":15,"k16":16,"k17":"17","k18":18,"k19":19})",
+         many},
+    };
+    for (const auto& row : rows) {
+        const std::optional<norva::FlatMembers> flat = norva::readFlatObject(row.argument);
+        QVERIFY2(flat, row.name);
+        const QJsonObject object = QJsonDocument::fromJson(row.argument).object();
+        QCOMPARE(norva::mappedFlatText(*flat, row.keys), norva::mappedObjectText(object, row.keys));
+    }
 }
 
 void FrameTest::membersWithoutAnApplicationAnswerAtOnce()

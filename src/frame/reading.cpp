@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <memory>
 
 namespace norva {
 
@@ -143,23 +145,16 @@ QByteArray mappedObjectText(const QJsonObject& from, const KeyList& mappings)
 
 QByteArray mappedFlatText(const FlatMembers& from, const KeyList& mappings)
 {
-    // A body has a handful of keys: they are ordered on the stack, and the text
-    // written straight into the body, with no value or member built on the way.
+    // A body has a handful of keys: they are ordered on the stack (a long list
+    // on the heap), and the text written straight into the body, with no value
+    // or member built on the way.
     struct Mapped {
         const char* key;
         std::string_view text;
     };
-    constexpr size_t onStack = 16;
-    if (mappings.size() > onStack) {
-        JsonMembers members;
-        for (const KeyMapping& m : mappings) {
-            const std::string_view text = flatValueText(findMember(from, m.from), m.mode);
-            if (!text.empty())
-                members.push_back({m.to, QJsonValue(), QByteArray(text.data(), int(text.size()))});
-        }
-        return orderedObjectText(std::move(members));
-    }
-    Mapped mapped[onStack];
+    Mapped onStack[16];
+    const std::unique_ptr<Mapped[]> onHeap(mappings.size() > std::size(onStack) ? new Mapped[mappings.size()] : nullptr);
+    Mapped* const mapped = onHeap ? onHeap.get() : onStack;
     size_t count = 0;
     qsizetype length = 2;
     for (const KeyMapping& m : mappings) {
