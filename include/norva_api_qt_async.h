@@ -75,7 +75,8 @@ private:
 };
 
 // Makes calls from the thread it lives on, with one network manager: its
-// connections are kept between calls.
+// connections are kept between calls. A client may be moved to a worker's
+// thread (moveToThread()) while none of its calls is waiting or in flight.
 class NORVA_API_QT_EXPORT Client : public QObject
 {
     Q_OBJECT

@@ -15,7 +15,9 @@
 #include <QTimer>
 #include <QtTest>
 
+#include <atomic>
 #include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -45,6 +47,14 @@ void waitForAll(const std::vector<CallReply*>& replies)
 }
 
 const std::string cancelled = R"({"message":"request cancelled","status":400})";
+
+std::atomic<int> qtWarnings{0};
+
+void countWarnings(QtMsgType type, const QMessageLogContext&, const QString&)
+{
+    if (type == QtWarningMsg)
+        ++qtWarnings;
+}
 
 } // namespace
 
@@ -126,6 +136,39 @@ void AsyncTest::namesAndThreads()
     waitForAll({fromElsewhere});
     QCOMPARE(fromElsewhere->result(), std::string("{\"message\":\"called from a thread other than the client's\",\"status\":400}"));
     QCOMPARE(service.requestCount(), 0);
+
+    // Moved to a worker's thread before its first call, as Qt's workers are,
+    // a client makes its calls there: two, one after the other, so that the
+    // second follows what the first left behind.
+    const QtMessageHandler previousHandler = qInstallMessageHandler(countWarnings); // Qt's word on threads
+    QThread worker;
+    worker.start();
+    auto* const moved = new Client;
+    moved->moveToThread(&worker);
+    std::vector<std::string> results; // the worker's until `done` is kept
+    std::promise<void> done;
+    std::function<void()> callNext = [&] {
+        CallReply* const reply = moved->call("select_share", argument);
+        QObject::connect(reply, &CallReply::finished, [&, reply] {
+            results.push_back(reply->result());
+            delete reply;
+            if (results.size() < 2)
+                callNext();
+            else
+                done.set_value();
+        });
+    };
+    QMetaObject::invokeMethod(moved, callNext);
+    QCOMPARE(done.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    QMetaObject::invokeMethod(moved, [moved] {
+        delete moved;
+        QThread::currentThread()->quit();
+    });
+    QVERIFY(worker.wait(20000));
+    qInstallMessageHandler(previousHandler);
+    QCOMPARE(qtWarnings.load(), 0);
+    const std::string expected = callOperation(norva_sdk_select_share, QString::fromStdString(argument)).result.toStdString();
+    QCOMPARE(results, std::vector<std::string>(2, expected));
 }
 
 // 200 calls at once against a service that answers in another order, each

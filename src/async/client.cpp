@@ -74,7 +74,9 @@ struct Client::Private {
         std::unique_ptr<ExchangeInFlight> exchange;
     };
     std::vector<Leftover> leftovers;
-    bool retiringOnWait = false;
+    // The thread whose waits retire leftovers (the client's; it may move).
+    QThread* retiringOn = nullptr;
+    QMetaObject::Connection retiringOnWait;
     int idleLimitMs = 120 * 1000;
     int idleWatchStartedWithMs = 0; // the limit the idle watch was last started for
     int maxInFlight = 6;
@@ -209,17 +211,18 @@ struct CallDriver {
     static void retire(Client& client, std::unique_ptr<ExchangeInFlight> exchange, std::unique_ptr<DeferredCall> call)
     {
         Client::Private& c = *client.d;
-        if (!c.retiringOnWait) {
+        if (c.retiringOn != client.thread()) {
             QAbstractEventDispatcher* const dispatcher = QAbstractEventDispatcher::instance(client.thread());
             if (!dispatcher) {
                 exchange.reset(); // before the request it sent
                 return;
             }
-            QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client, [&c] {
+            QObject::disconnect(c.retiringOnWait);
+            c.retiringOnWait = QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client, [&c] {
                 c.leftovers.clear();
                 c.requests.prepareSpare();
             });
-            c.retiringOnWait = true;
+            c.retiringOn = client.thread();
         }
         // A thread that never waits still lets go of them now and then.
         if (c.leftovers.size() >= 64)
@@ -322,6 +325,9 @@ void CallReply::connectNotify(const QMetaMethod& signal)
 
 Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>())
 {
+    // Children, so that they move with the client to another thread.
+    d->manager.setParent(this);
+    d->idleWatch.setParent(this);
     d->manager.setCookieJar(new KeepNoCookies); // the manager's child
     d->idleWatch.setSingleShot(true);
     connect(&d->idleWatch, &QTimer::timeout, this, [this] { CallDriver::watchIdle(*this); });
