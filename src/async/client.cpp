@@ -9,7 +9,7 @@
 #include "frame/progress_pacer.h"
 #include "frame/result.h"
 
-#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QMetaMethod>
 #include <QNetworkAccessManager>
@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -37,6 +38,37 @@ class KeepNoCookies final : public QNetworkCookieJar
 public:
     QList<QNetworkCookie> cookiesForUrl(const QUrl&) const override { return {}; }
     bool setCookiesFromUrl(const QList<QNetworkCookie>&, const QUrl&) override { return false; }
+};
+
+// Runs the client's sweep from a posted event of low priority. Events posted
+// at the same time run first, and among them is the queued start of the
+// request that a host made in its finished() slot: Qt starts a request from
+// the event loop, after the reply deleted before it. (The dispatcher's
+// aboutToBlock comes at the start of every pass of the loop, so before that
+// start too.)
+class Sweeper final : public QObject
+{
+public:
+    explicit Sweeper(std::function<void()> sweep) : sweep(std::move(sweep)) {}
+    void post()
+    {
+        if (posted)
+            return;
+        posted = true;
+        QCoreApplication::postEvent(this, new QEvent(QEvent::User), Qt::LowEventPriority);
+    }
+    bool event(QEvent* e) override
+    {
+        if (e->type() != QEvent::User)
+            return QObject::event(e);
+        posted = false;
+        sweep();
+        return true;
+    }
+
+private:
+    const std::function<void()> sweep;
+    bool posted = false;
 };
 
 } // namespace
@@ -74,9 +106,7 @@ struct Client::Private {
         std::unique_ptr<ExchangeInFlight> exchange;
     };
     std::vector<Leftover> leftovers;
-    // The thread whose waits retire leftovers (the client's; it may move).
-    QThread* retiringOn = nullptr;
-    QMetaObject::Connection retiringOnWait;
+    Sweeper* sweeper = nullptr; // the client's child
     int idleLimitMs = 120 * 1000;
     int idleWatchStartedWithMs = 0; // the limit the idle watch was last started for
     int maxInFlight = 6;
@@ -203,38 +233,24 @@ struct CallDriver {
         emit reply->finished();
     }
 
-    // What a finished call leaves (its exchange, and the request the exchange
-    // sent) goes when the thread is about to wait for events: between a
-    // reply's end and the host's next call whatever runs holds up that call's
-    // request, and once the thread would only wait it costs nothing. The next
+    // What a finished call leaves (its exchange with Qt's reply, and the
+    // request the exchange sent) goes in the sweep (Sweeper), after the
+    // requests that the finished() slots started are on their way: anything
+    // that runs between a reply's end and the next call's start holds that
+    // call up, while after the start it runs as the service answers. The next
     // request's head is made ready then too (RequestCache::prepareSpare).
     static void retire(Client& client, std::unique_ptr<ExchangeInFlight> exchange, std::unique_ptr<DeferredCall> call)
     {
         Client::Private& c = *client.d;
-        if (c.retiringOn != client.thread()) {
-            QAbstractEventDispatcher* const dispatcher = QAbstractEventDispatcher::instance(client.thread());
-            if (!dispatcher) {
-                exchange.reset(); // before the request it sent
-                return;
-            }
-            QObject::disconnect(c.retiringOnWait);
-            c.retiringOnWait = QObject::connect(dispatcher, &QAbstractEventDispatcher::aboutToBlock, &client, [&c] {
-                c.leftovers.clear();
-                c.requests.prepareSpare();
-            });
-            c.retiringOn = client.thread();
-        }
-        // A thread that never waits still lets go of them now and then.
+        c.sweeper->post();
+        // A thread that never runs its loop still lets go of them now and then.
         if (c.leftovers.size() >= 64)
             c.leftovers.clear();
-        // Qt's reply goes the way it would without the library: deleted
-        // later, from the event loop, before the thread waits.
-        exchange->letGoOfReply();
         c.leftovers.push_back({std::move(call), std::move(exchange)});
     }
 
-    // Lets go of the exchange and of the client's slot. The exchange goes when
-    // the thread next waits (retire) when none of its code is under way, else
+    // Lets go of the exchange and of the client's slot. The exchange goes in
+    // the client's next sweep (retire) when none of its code is under way, else
     // through a posted event; the call's request and sink go with it.
     static void release(CallReply* reply, bool pumpLater = true)
     {
@@ -328,6 +344,11 @@ Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>()
     // Children, so that they move with the client to another thread.
     d->manager.setParent(this);
     d->idleWatch.setParent(this);
+    d->sweeper = new Sweeper([this] {
+        d->leftovers.clear();
+        d->requests.prepareSpare();
+    });
+    d->sweeper->setParent(this);
     d->manager.setCookieJar(new KeepNoCookies); // the manager's child
     d->idleWatch.setSingleShot(true);
     connect(&d->idleWatch, &QTimer::timeout, this, [this] { CallDriver::watchIdle(*this); });

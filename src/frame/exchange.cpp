@@ -83,13 +83,10 @@ class ManagerExchange final : public ExchangeInFlight
 {
 public:
     ManagerExchange(OutgoingRequest& outgoing, QNetworkAccessManager& manager) : outgoing(outgoing), manager(manager) {}
-    ~ManagerExchange() override { letGoOfReply(); }
-
-    void letGoOfReply() override
+    ~ManagerExchange() override
     {
         if (reply)
             reply->deleteLater(); // this may run inside one of its signals
-        reply = nullptr;
     }
 
     void start() override
@@ -177,7 +174,7 @@ private:
     qint64 readAvailable()
     {
         // An abandoned reply is closed and has nothing more to read (and one
-        // let go of is not read at all).
+        // gone with its manager is not read at all).
         if (!reply || !reply->isOpen())
             return body.size();
         if (!qt_line::bodyStorage(*reply).isNull())

@@ -93,10 +93,6 @@ public:
     // deletableNow() says so, else later (deleteLater).
     std::function<void()> onFinished;
 
-    // Hands a finished exchange's network reply, if any, to deleteLater() now,
-    // so that deleting the exchange itself posts nothing.
-    virtual void letGoOfReply() {}
-
     // Keeps `owner` (what holds the exchange's request) as long as the exchange.
     void keepUntilDeleted(std::shared_ptr<void> owner) { kept = std::move(owner); }
 
