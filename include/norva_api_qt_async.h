@@ -75,8 +75,11 @@ private:
 };
 
 // Makes calls from the thread it lives on, with one network manager: its
-// connections are kept between calls. A client may be moved to a worker's
-// thread (moveToThread()) while none of its calls is waiting or in flight.
+// connections are kept between calls. (A call to an address with credentials
+// in it, "user:password@host:port", has a manager and connection of its own,
+// as a blocking call does, so that no later call sends them unasked.) A client
+// may be moved to a worker's thread (moveToThread()) while none of its calls is
+// waiting or in flight.
 class NORVA_API_QT_EXPORT Client : public QObject
 {
     Q_OBJECT

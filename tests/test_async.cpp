@@ -65,6 +65,7 @@ class AsyncTest : public QObject
 private slots:
     void init() { service.reset(); }
     void namesAndThreads();
+    void credentialsInTheAddress();
     void manyInFlightEachReachTheirOwnCall();
     void cancelOrDeleteInFlightOrWaiting();
     void endedFromItsOwnProgressSlot();
@@ -174,6 +175,35 @@ void AsyncTest::namesAndThreads()
 // 200 calls at once against a service that answers in another order, each
 // with its own request's body: every reply carries its own call's body. Calls
 // made from the slots run without a nested event loop.
+// An address with credentials: the service challenges every call, and a
+// client's second call answers the challenge as a blocking call does, rather
+// than sending the credentials unasked.
+void AsyncTest::credentialsInTheAddress()
+{
+    const QString argument = substitute(R"({"ipconfig":"u:p@$ADDR","token":"tk","currentUserId":1})", service.address());
+    ScriptedReply challenge = ScriptedReply::withStatus(401);
+    challenge.headers.append(qMakePair(QByteArray("WWW-Authenticate"), QByteArray(R"(Basic realm="r")")));
+    const auto script = [&] {
+        service.reset();
+        service.script(challenge);
+        service.script(ScriptedReply::json(R"({"code":200,"data":[]})"));
+    };
+    Client client;
+    for (int call = 0; call < 2; ++call) {
+        script();
+        const std::string blocking = callOperation(norva_sdk_select_share, argument).result.toStdString();
+        const std::vector<RecordedRequest> sentByBlocking = service.requests();
+        script();
+        const std::unique_ptr<CallReply> reply(client.call("select_share", argument.toStdString()));
+        waitForAll({reply.get()});
+        QVERIFY(blocking.find(R"("status":200)") != std::string::npos);
+        QCOMPARE(reply->result(), blocking);
+        QCOMPARE(service.requestCount(), 2);
+        for (int i = 0; i < 2; ++i)
+            QCOMPARE(service.requests().at(i).raw, sentByBlocking.at(i).raw);
+    }
+}
+
 void AsyncTest::manyInFlightEachReachTheirOwnCall()
 {
     service.setDefaultReply(ScriptedReply::echo(20));

@@ -78,6 +78,8 @@ struct CallReply::State {
     const char* operation = "";
     std::unique_ptr<DeferredCall> deferred = std::make_unique<DeferredCall>();
     std::unique_ptr<ExchangeInFlight> exchange;
+    // The call's own manager, when its address carries credentials (start()).
+    QNetworkAccessManager* ownManager = nullptr;
     // In flight: the last progress either way, and the limit on silence.
     QElapsedTimer sinceProgress;
     int idleLimitMs = 0;
@@ -143,7 +145,14 @@ struct CallDriver {
         CallReply::State& s = *reply->d;
         client.d->inFlight.push_back(reply);
         OutgoingRequest& outgoing = s.deferred->outgoing();
-        s.exchange = makeExchange(outgoing, &client.d->manager);
+        // Once a challenge was answered with an address's credentials, Qt's
+        // manager sends them with its later requests unasked; a blocking call,
+        // on a manager of its own, waits for the challenge. Such a call gets a
+        // manager of its own here too.
+        QNetworkAccessManager* manager = &client.d->manager;
+        if (!outgoing.request.url().userInfo().isEmpty())
+            manager = s.ownManager = new QNetworkAccessManager;
+        s.exchange = makeExchange(outgoing, manager);
         ExchangeInFlight& exchange = *s.exchange;
         s.idleLimitMs = client.d->idleLimitMs;
         s.sinceProgress.start();
@@ -270,6 +279,10 @@ struct CallDriver {
             } else {
                 delete exchange;
             }
+        }
+        if (s.ownManager) { // later: one of its reply's signals may be under way
+            s.ownManager->deleteLater();
+            s.ownManager = nullptr;
         }
         s.pacer.reset();
         if (!s.client)
