@@ -40,12 +40,12 @@ public:
     bool setCookiesFromUrl(const QList<QNetworkCookie>&, const QUrl&) override { return false; }
 };
 
-// Runs the client's sweep from a posted event of low priority. Events posted
-// at the same time run first, and among them is the queued start of the
-// request that a host made in its finished() slot: Qt starts a request from
-// the event loop, after the reply deleted before it. (The dispatcher's
-// aboutToBlock comes at the start of every pass of the loop, so before that
-// start too.)
+// Runs the client's sweep from a posted event of low priority, so that the
+// events posted beside it run first. Among them is the queued start of the
+// request a host made in its finished() slot (Qt starts a request from the
+// event loop): the sweep runs while that request is on its way, not before it.
+// The dispatcher's aboutToBlock would not do: it comes at the start of every
+// pass of the loop, before the events that wait in it.
 class Sweeper final : public QObject
 {
 public:
