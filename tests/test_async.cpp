@@ -172,9 +172,6 @@ void AsyncTest::namesAndThreads()
     QCOMPARE(results, std::vector<std::string>(2, expected));
 }
 
-// 200 calls at once against a service that answers in another order, each
-// with its own request's body: every reply carries its own call's body. Calls
-// made from the slots run without a nested event loop.
 // An address with credentials: the service challenges every call, and a
 // client's second call answers the challenge as a blocking call does, rather
 // than sending the credentials unasked.
@@ -204,6 +201,9 @@ void AsyncTest::credentialsInTheAddress()
     }
 }
 
+// 200 calls at once against a service that answers in another order, each
+// with its own request's body: every reply carries its own call's body. Calls
+// made from the slots run without a nested event loop.
 void AsyncTest::manyInFlightEachReachTheirOwnCall()
 {
     service.setDefaultReply(ScriptedReply::echo(20));
