@@ -41,7 +41,8 @@ struct CallDriver; // the library's own
 // reply that has not finished cancels its call, without finished(). Unlike a
 // QNetworkReply, a reply may be deleted in a slot of its own finished() (no
 // deleteLater() needed, which costs a posted event); nothing of it is touched
-// after that signal.
+// after that signal. However a download ends, a file it began to take and did
+// not store is gone by the time the call ends (finished(), or the deletion).
 class NORVA_API_QT_EXPORT CallReply : public QObject
 {
     Q_OBJECT
@@ -53,7 +54,11 @@ public:
     // The result document once finished(); empty before.
     std::string result() const;
     // Ends the call with {"message":"request cancelled","status":400} (unless
-    // it already finished); finished() follows.
+    // it already finished); finished() follows at once, inside cancel(). A
+    // call still waiting for its turn is never sent. Neither a cancel nor a
+    // deletion starts a waiting call on its own stack: those start from the
+    // event loop, so a loop that cancels every reply of a client sends nothing
+    // beyond the calls that were already in flight.
     void cancel();
 
 Q_SIGNALS:
@@ -94,14 +99,23 @@ public:
     // norva_api_qt.h) with the argument text its blocking function takes.
     // Returns at once. An unknown name, or a call from a thread other than
     // the client's, sends nothing: its reply finishes with a document that
-    // says so.
+    // says so. Such a reply lives on the calling thread and is tied to no
+    // client. On that thread a host may connect to it, read it, cancel it and
+    // delete it at any moment; its finished() comes from that thread's event
+    // loop, never inside call(), so a slot connected before the loop next runs
+    // hears it however late. (A thread that runs no loop delivers it with
+    // QCoreApplication::sendPostedEvents().) Nothing else of a client may be
+    // used from another thread.
     CallReply* call(const std::string& operation, const std::string& argument);
     // The same, naming the operation by its function: client.call(norva_sdk_select_share, argument).
     using OperationFunction = std::string (*)(std::string);
     CallReply* call(OperationFunction operation, const std::string& argument);
 
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    // The same call as a future of its result document.
+    // The same call as a future of its result document. QFuture::cancel()
+    // cancels the call, as CallReply::cancel() does: the future ends as
+    // cancelled when the calling thread's loop next runs, and a call still
+    // waiting for its turn is never sent.
     QFuture<std::string> callFuture(const std::string& operation, const std::string& argument);
 #endif
 

@@ -72,6 +72,9 @@ private slots:
     void deletedInItsOwnFinished();
     void aClientGoneFinishesItsCalls();
     void downloadsOfOneNameNeverMix();
+    void callsFromAnotherThread();
+    void cancellingEveryCallSendsNoMore();
+    void aDownloadLeavesNoFileWhenItEnds();
 
 private:
     TestService service;
@@ -129,14 +132,6 @@ void AsyncTest::namesAndThreads()
     QTRY_VERIFY(future.isFinished());
     QCOMPARE(future.result(), callOperation(norva_sdk_select_share, QString::fromStdString(argument)).result.toStdString());
 #endif
-
-    service.reset();
-    CallReply* fromElsewhere = nullptr;
-    std::thread([&] { fromElsewhere = client.call("select_share", argument); }).join();
-    const std::unique_ptr<CallReply> owned(fromElsewhere);
-    waitForAll({fromElsewhere});
-    QCOMPARE(fromElsewhere->result(), std::string("{\"message\":\"called from a thread other than the client's\",\"status\":400}"));
-    QCOMPARE(service.requestCount(), 0);
 
     // Moved to a worker's thread before its first call, as Qt's workers are,
     // a client makes its calls there: two, one after the other, so that the
@@ -417,6 +412,174 @@ void AsyncTest::downloadsOfOneNameNeverMix()
     }
     const QByteArray stored = readFile(folder.filePath("board.gbr"));
     QVERIFY(std::find(bodies.begin(), bodies.end(), stored) != bodies.end());
+}
+
+// A call from another thread sends nothing; its reply lives on the caller's
+// thread. A caller that connects only after other work still hears finished()
+// from its own loop; callers on four threads that delete their replies at any
+// moment (before, while or after the finish is delivered) crash nothing, while
+// the client's thread runs its loop.
+void AsyncTest::callsFromAnotherThread()
+{
+    Client client;
+    const std::string argument = shareQuery(service, 7);
+    const std::string refused = R"({"message":"called from a thread other than the client's","status":400})";
+
+    QThread caller;
+    caller.start();
+    QObject onCaller;
+    onCaller.moveToThread(&caller);
+    std::promise<std::string> heard;
+    QMetaObject::invokeMethod(&onCaller, [&] {
+        CallReply* const reply = client.call("select_share", argument);
+        QThread::msleep(100); // other work first
+        QObject::connect(reply, &CallReply::finished, [&heard, reply] {
+            heard.set_value(reply->result());
+            delete reply;
+        });
+    });
+    std::future<std::string> result = heard.get_future();
+    const bool ready = result.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    caller.quit();
+    QVERIFY(caller.wait(10000));
+    QVERIFY(ready);
+    QCOMPARE(result.get(), refused);
+
+    std::atomic<int> running{4};
+    std::atomic<int> heardRefused{0};
+    std::atomic<int> delivered{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t) {
+        callers.emplace_back([&, t] {
+            for (int i = 0; i < 30000; ++i) {
+                CallReply* const reply = client.call("select_share", argument);
+                QObject::connect(reply, &CallReply::finished, [&, reply] { heardRefused += reply->result() == refused; });
+                switch ((i + t) % 4) {
+                case 0: break; // deleted at once
+                case 1: std::this_thread::yield(); break;
+                case 2: for (volatile int spin = 0; spin < i % 500; ++spin) {} break;
+                case 3: // after finished() was delivered
+                    QCoreApplication::sendPostedEvents(reply);
+                    delivered += reply->isFinished();
+                    break;
+                }
+                delete reply;
+            }
+            --running;
+        });
+    }
+    QEventLoop clientLoop; // the client's thread turns meanwhile
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &clientLoop, [&] {
+        if (running == 0)
+            clientLoop.quit();
+    });
+    check.start(5);
+    clientLoop.exec();
+    for (std::thread& thread : callers)
+        thread.join();
+    QCOMPARE(delivered.load(), 30000);
+    QCOMPARE(heardRefused.load(), 30000);
+    QCOMPARE(service.requestCount(), 0);
+}
+
+// Every reply of a client cancelled (or deleted) in one loop while six are in
+// flight and more wait: the service gets the six and nothing more, in every
+// round. A QFuture cancelled, waiting or in flight, ends as cancelled, and the
+// one that waited is never sent.
+void AsyncTest::cancellingEveryCallSendsNoMore()
+{
+    service.setDefaultReply(ScriptedReply::stall());
+    for (int round = 0; round < 16; ++round) {
+        const bool deleteThem = round % 2;
+        service.reset();
+        service.setDefaultReply(ScriptedReply::stall());
+        Client client;
+        std::vector<CallReply*> replies;
+        std::vector<std::string> results;
+        for (int user = 0; user < 40; ++user) {
+            replies.push_back(client.call("select_share", shareQuery(service, user)));
+            QObject::connect(replies.back(), &CallReply::finished, [&, reply = replies.back()] { results.push_back(reply->result()); });
+        }
+        QTRY_COMPARE(service.requestCount(), 6);
+        for (CallReply* reply : replies) {
+            if (deleteThem)
+                delete reply;
+            else
+                reply->cancel();
+        }
+        QTest::qWait(100);
+        QCOMPARE(service.requestCount(), 6);
+        QCOMPARE(results, std::vector<std::string>(deleteThem ? 0 : 40, cancelled));
+        if (!deleteThem)
+            qDeleteAll(replies);
+    }
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    service.reset();
+    service.setDefaultReply(ScriptedReply::stall());
+    Client client;
+    client.setMaxCallsInFlight(1);
+    QFuture<std::string> inFlight = client.callFuture("select_share", shareQuery(service, 1));
+    QFuture<std::string> waiting = client.callFuture("select_share", shareQuery(service, 2));
+    bool onCanceledRan = false;
+    inFlight.onCanceled([&] { onCanceledRan = true; });
+    QTRY_COMPARE(service.requestCount(), 1);
+    waiting.cancel();
+    QTRY_VERIFY(waiting.isFinished());
+    QVERIFY(waiting.isCanceled());
+    inFlight.cancel();
+    QTRY_VERIFY(inFlight.isFinished());
+    QVERIFY(inFlight.isCanceled());
+    QTRY_VERIFY(onCanceledRan);
+    QTest::qWait(100);
+    QCOMPARE(service.requestCount(), 1);
+#endif
+}
+
+// A download that fails, is cancelled or is deleted half way has removed its
+// temporary file by the time its host hears of it, so a host that ends at once
+// leaves nothing behind.
+void AsyncTest::aDownloadLeavesNoFileWhenItEnds()
+{
+    enum Ending { CutShort, Cancelled, Deleted };
+    const QByteArray head = "HTTP/1.1 200 OK\r\nContent-Disposition: attachment; filename=board.gbr\r\n"
+                            "Content-Length: 400000\r\n\r\n";
+    for (const Ending ending : {CutShort, Cancelled, Deleted}) {
+        QTemporaryDir folder;
+        service.reset();
+        const QByteArray part = head + QByteArray(200000, 'b');
+        service.script(ending == CutShort ? ScriptedReply::raw(part) : ScriptedReply::rawThenSilent(part));
+        Client client;
+        const std::string argument = substitute(R"({"ipconfig":"$ADDR","token":"tk","file_downloadpath":")" + folder.path()
+                                                    + R"(","data":{"id":1}})", service.address()).toStdString();
+        CallReply* const reply = client.call("download_binary_file", argument);
+        QStringList leftAtTheEnd{"<not ended>"};
+        std::string result;
+        QObject::connect(reply, &CallReply::finished, [&] {
+            result = reply->result();
+            leftAtTheEnd = filesBelow(folder.path());
+        });
+        bool acted = false;
+        QObject::connect(reply, &CallReply::progress, [&](const CallProgress& progress) {
+            if (progress.bytesReceived < 100000 || ending == CutShort || acted)
+                return;
+            acted = true;
+            QCOMPARE(filesBelow(folder.path()).size(), 1); // the file it takes the body in
+            if (ending == Cancelled) {
+                reply->cancel();
+                return;
+            }
+            delete reply;
+            leftAtTheEnd = filesBelow(folder.path());
+        });
+        QTRY_VERIFY(leftAtTheEnd != QStringList{"<not ended>"});
+        QCOMPARE(leftAtTheEnd, QStringList());
+        if (ending != Deleted) {
+            QCOMPARE(result, std::string(ending == Cancelled ? cancelled : R"({"message":"download fail","status":400})"));
+            delete reply;
+        }
+    }
 }
 
 QTEST_GUILESS_MAIN(AsyncTest)

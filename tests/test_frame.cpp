@@ -199,6 +199,7 @@ void FrameTest::aDownloadSendsWhatTheManagerSends()
     struct NoSink final : norva::BodySink {
         bool take(int) override { return false; }
         void write(const char*, qint64) override {}
+        void discard() override {}
     } sink;
     int argc = 1;
     char name[] = "test_frame";

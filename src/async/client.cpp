@@ -115,7 +115,19 @@ struct Client::Private {
 };
 
 struct CallDriver {
-    // Delivers `result` once call() has returned.
+    // A reply whose result is known at once and which sends nothing. It lives
+    // on the calling thread and is tied to no client: the caller may be on
+    // another thread than the client's, and then the reply's finished() comes
+    // from the caller's own loop, however late it connects, and deleting the
+    // reply there touches nothing of the client.
+    static CallReply* refused(std::string result)
+    {
+        CallReply* const reply = new CallReply(std::make_unique<CallReply::State>());
+        finishSoon(reply, std::move(result));
+        return reply;
+    }
+
+    // Delivers `result` once call() has returned, from the reply's thread.
     static void finishSoon(CallReply* reply, std::string result)
     {
         reply->d->result = std::move(result);
@@ -235,9 +247,13 @@ struct CallDriver {
         }
         s.result = s.deferred->finish(received);
         const QPointer<Client> client = s.client;
-        release(reply, false);
+        // A reply that ended by itself comes from the event loop, and the next
+        // waiting call takes its slot at once; one cancelled ended inside the
+        // host's cancel(), whose caller may be cancelling the waiting calls
+        // next, so the slot goes from the event loop.
+        release(reply, s.cancelled);
         s.finished = true;
-        if (client) // the next waiting call takes the slot
+        if (client && !s.cancelled)
             pump(*client);
         emit reply->finished();
     }
@@ -265,7 +281,10 @@ struct CallDriver {
     {
         CallReply::State& s = *reply->d;
         if (s.exchange) {
-            ExchangeInFlight* const exchange = s.exchange.release();
+            // A file the call began to take goes before the call ends, not with
+        // whatever is left of the exchange.
+        s.deferred->discardUnstored();
+        ExchangeInFlight* const exchange = s.exchange.release();
             exchange->onActivity = [] {};
             exchange->onSent = [](qint64, qint64) {};
             exchange->onReceived = [](qint64, qint64) {};
@@ -312,7 +331,7 @@ struct CallDriver {
             return;
         s.cancelled = true;
         if (s.exchange && announce) {
-            s.exchange->abort(); // complete() follows from the event loop
+            s.exchange->abort(); // complete() follows at once
             return;
         }
         release(reply);
@@ -391,35 +410,25 @@ CallReply* Client::call(const std::string& operation, const std::string& argumen
 {
     const async::OperationFunction function = async::findOperation(operation);
     if (!function) {
-        auto state = std::make_unique<CallReply::State>();
-        state->client = this;
-        CallReply* const reply = new CallReply(std::move(state));
         ResultDocument document = statusDocument(400, QStringLiteral("unknown operation"));
         document.insert("operation", QString::fromStdString(operation));
-        CallDriver::finishSoon(reply, compactText(document));
-        return reply;
+        return CallDriver::refused(compactText(document));
     }
     return call(function, argument);
 }
 
 CallReply* Client::call(OperationFunction function, const std::string& argument)
 {
+    if (QThread::currentThread() != thread())
+        return CallDriver::refused(compactText(statusDocument(400, QStringLiteral("called from a thread other than the client's"))));
+    // Only the library's own operations defer their exchange; anything else
+    // would block.
+    if (!async::isNamedOperation(function))
+        return CallDriver::refused(compactText(statusDocument(400, QStringLiteral("unknown operation"))));
     auto state = std::make_unique<CallReply::State>();
     state->client = this;
     CallReply* const reply = new CallReply(std::move(state));
     CallReply::State& s = *reply->d;
-    if (QThread::currentThread() != thread()) {
-        // Its finished() comes from the client's thread, which has a loop.
-        reply->moveToThread(thread());
-        CallDriver::finishSoon(reply, compactText(statusDocument(400, QStringLiteral("called from a thread other than the client's"))));
-        return reply;
-    }
-    // Only the library's own operations defer their exchange; anything else
-    // would block.
-    if (!async::isNamedOperation(function)) {
-        CallDriver::finishSoon(reply, compactText(statusDocument(400, QStringLiteral("unknown operation"))));
-        return reply;
-    }
     std::string immediate;
     {
         const DeferredCall::Capture capture(*s.deferred);

@@ -1,6 +1,7 @@
 // A call as a QFuture, for .then() chains and coroutine wrappers.
 #include "norva_api_qt_async.h"
 
+#include <QFutureWatcher>
 #include <QPromise>
 
 #include <memory>
@@ -11,12 +12,20 @@ QFuture<std::string> Client::callFuture(const std::string& operation, const std:
 {
     const auto promise = std::make_shared<QPromise<std::string>>();
     promise->start();
+    // The watcher hears the host's QFuture::cancel() and cancels the call; it
+    // holds the reply, and both go once the call has finished. It lives on the
+    // calling thread, as the reply does.
+    auto* const watcher = new QFutureWatcher<std::string>;
     CallReply* const reply = call(operation, argument);
-    connect(reply, &CallReply::finished, reply, [promise, reply] {
-        promise->addResult(reply->result());
+    reply->setParent(watcher);
+    connect(reply, &CallReply::finished, watcher, [promise, reply, watcher] {
+        promise->addResult(reply->result()); // ignored once cancelled
         promise->finish();
-        delete reply; // allowed in its own finished()
+        // Later: this may run inside the watcher's own canceled().
+        watcher->deleteLater();
     });
+    connect(watcher, &QFutureWatcherBase::canceled, reply, &CallReply::cancel);
+    watcher->setFuture(promise->future());
     return promise->future();
 }
 

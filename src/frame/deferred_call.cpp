@@ -45,4 +45,10 @@ std::string DeferredCall::finish(ReceivedReply& reply)
     return guardedResult(options, [&] { return compactText(judgeExchange(reply, exchange->classes, exchange->judge)); });
 }
 
+void DeferredCall::discardUnstored()
+{
+    if (exchange && exchange->outgoing.bodySink)
+        exchange->outgoing.bodySink->discard();
+}
+
 } // namespace norva

@@ -50,6 +50,9 @@ public:
     const char* operationName() const { return options.operation; }
     // The result text for the exchange's reply, written nowhere.
     std::string finish(ReceivedReply& reply);
+    // Whatever a body sink took and the call did not store goes now, before
+    // the host hears that the call ended.
+    void discardUnstored();
 
     // For the shell and the frame: what the operation keeps until its reply.
     void keep(std::shared_ptr<const Arguments> arguments, std::shared_ptr<Call> call, const ShellOptions& options);

@@ -66,6 +66,8 @@ public:
     // false keeps that body in memory as usual.
     virtual bool take(int httpStatus) = 0;
     virtual void write(const char* data, qint64 size) = 0;
+    // Lets go of what it took and did not store, once the call has ended.
+    virtual void discard() = 0;
 };
 
 // One exchange under way, driven by the events of the thread it was made on.

@@ -64,8 +64,15 @@ DownloadSpool::DownloadSpool(const QString& folder) : folder(folder) {}
 
 DownloadSpool::~DownloadSpool()
 {
-    if (created)
-        file.remove();
+    discard();
+}
+
+void DownloadSpool::discard()
+{
+    if (!created)
+        return;
+    file.remove(); // closes it first
+    created = false;
 }
 
 bool DownloadSpool::take(int httpStatus)

@@ -46,6 +46,7 @@ public:
     DownloadSpool& operator=(const DownloadSpool&) = delete;
     bool take(int httpStatus) override;
     void write(const char* data, qint64 size) override;
+    void discard() override; // removes the file unless it took its name
 
     // Closes the file; false when any write failed.
     bool finish();
