@@ -523,7 +523,10 @@ void AsyncTest::cancellingEveryCallSendsNoMore()
     QFuture<std::string> inFlight = client.callFuture("select_share", shareQuery(service, 1));
     QFuture<std::string> waiting = client.callFuture("select_share", shareQuery(service, 2));
     bool onCanceledRan = false;
-    inFlight.onCanceled([&] { onCanceledRan = true; });
+    inFlight.onCanceled([&] {
+        onCanceledRan = true;
+        return std::string();
+    });
     QTRY_COMPARE(service.requestCount(), 1);
     waiting.cancel();
     QTRY_VERIFY(waiting.isFinished());

@@ -15,6 +15,9 @@
 #include <QJsonObject>
 #include <QtTest>
 
+#include <cstdio>
+#include <unistd.h>
+
 using namespace testing_support;
 
 class FrameTest : public QObject
@@ -29,6 +32,7 @@ private slots:
     void downloadNaming();
     void downloadNamesNeverLeaveTheFolder();
     void aDownloadSendsWhatTheManagerSends();
+    void aQtWithoutTlsRefusesHttps();
 };
 
 void FrameTest::repeatedKeysAreRemovedBeforeParsing()
@@ -229,6 +233,37 @@ void FrameTest::aDownloadSendsWhatTheManagerSends()
             raw[throughSocket] = service.lastRequest().raw;
         }
         QCOMPARE(raw[true], raw[false]);
+    }
+}
+
+// With a Qt built without TLS (this test links that transport), an "https"
+// service is never reached: the call ends as if it had not answered, and a line
+// on standard error says why. Both ways out: Qt's manager and the socket of a
+// download.
+void FrameTest::aQtWithoutTlsRefusesHttps()
+{
+    TestService service;
+    const QString argument =
+        substitute(R"({"ipconfig":"https://$ADDR","username":"a","file_downloadpath":"/tmp","data":{"id":1}})", service.address());
+    for (const OperationFunction operation : {NORVA::NORVA_API_QT::norva_sdk_login, NORVA::NORVA_API_QT::norva_sdk_download_binary_file}) {
+        std::FILE* const said = std::tmpfile();
+        std::fflush(stderr);
+        const int savedStderr = dup(fileno(stderr));
+        dup2(fileno(said), fileno(stderr));
+        const CallResult call = callOperation(operation, argument);
+        std::fflush(stderr);
+        dup2(savedStderr, fileno(stderr));
+        close(savedStderr);
+        std::rewind(said);
+        char line[512] = {};
+        const bool got = std::fgets(line, sizeof line, said) != nullptr;
+        std::fclose(said);
+        QCOMPARE(call.result, QStringLiteral(R"({"message":"Server shuts down","status":400})"));
+        QVERIFY(got);
+        QCOMPARE(QString::fromLocal8Bit(line).trimmed(),
+                 QStringLiteral("norva-api-qt: https://") + service.address()
+                     + QStringLiteral(" needs TLS, and this Qt was built without it; HTTPS needs a Qt built with OpenSSL"));
+        QCOMPARE(service.requestCount(), 0);
     }
 }
 
