@@ -53,6 +53,11 @@ public:
     bool isFinished() const;
     // The result document once finished(); empty before.
     std::string result() const;
+    // Once finished(): why the call got no reply (None when the service
+    // answered), and a line that says it, naming the address; see
+    // norva_api_qt_progress.h.
+    CallFailure failure() const;
+    std::string failureText() const;
     // Ends the call with {"message":"request cancelled","status":400} (unless
     // it already finished); finished() follows at once, inside cancel(). A
     // call still waiting for its turn is never sent. Neither a cancel nor a

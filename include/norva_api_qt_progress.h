@@ -22,6 +22,7 @@
 #include "norva_api_qt.h"
 
 #include <functional>
+#include <string>
 
 namespace NORVA {
 namespace NORVA_API_QT {
@@ -60,6 +61,38 @@ NORVA_API_QT_EXPORT bool cancelCall();
 // set. Values below 1 ms count as 1 ms.
 NORVA_API_QT_EXPORT void setIdleLimit(int milliseconds);
 NORVA_API_QT_EXPORT int idleLimit();
+
+// Why a call got no reply from the service. The result document says only
+// "Server shuts down" (or "request fail"); this says what happened, for a host
+// to tell its user. The service's own answers, whatever their status, are None.
+enum class CallFailure {
+    None,               // the service answered, or nothing was sent (a refused argument)
+    ConnectionRefused,  // nothing listens at the address
+    HostNotFound,       // the name does not resolve, or no address was given
+    IdleLimit,          // the service fell silent for the whole idle limit
+    TlsNotTrusted,      // the service's certificate does not check out
+    TlsHandshakeFailed, // TLS could not be agreed (plain HTTP on the port, say)
+    ClosedEarly,        // the connection ended before a whole reply came
+    Cancelled,          // the host cancelled the call
+    UnknownOperation,   // the asynchronous face was asked for a name it does not know
+    WrongThread,        // the asynchronous face was called from another thread
+    NetworkError,       // any other failure of the network (its text says which)
+};
+
+// The failure of the last call this thread made through the blocking functions
+// (None before the first), and a line that says it as Qt's errorString() does,
+// naming the address ("Connection refused (http://127.0.0.1:9)"; for TLS, the
+// certificate's problem). Empty for None.
+NORVA_API_QT_EXPORT CallFailure lastCallFailure();
+NORVA_API_QT_EXPORT std::string lastCallFailureText();
+
+// Hears the heads of this thread's exchanges: the request head as Qt's manager
+// writes it (fields the library sets, and those Qt adds), and the head of the
+// reply as it came, each as HTTP/1.1 text, lines ended by "\r\n". The token
+// header is passed on as it is: an observer that shows it masks it.
+using HeadObserver = std::function<void(const std::string& head, bool isRequest)>;
+NORVA_API_QT_EXPORT void setHeadObserver(HeadObserver observer);
+NORVA_API_QT_EXPORT void clearHeadObserver();
 
 } // namespace NORVA_API_QT
 } // namespace NORVA

@@ -32,6 +32,7 @@ namespace {
 int usage()
 {
     std::printf("usage: norva-records-service [--listen host:port] [--token-ttl seconds] [TLS options] [fault options] [data-folder]\n"
+                "       norva-records-service --version\n"
                 "  --listen     address to serve on (default 127.0.0.1:8765; port 0 picks a free one)\n"
                 "  --token-ttl  how long a login token stays valid, in seconds (default 28800)\n"
                 "  --max-body-mb N  the largest request body taken, in MiB (default 4096)\n"
@@ -164,6 +165,10 @@ int main(int argc, char** argv)
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h")
             return usage();
+        if (arg == "--version") {
+            std::printf("norva-records-service %s\n", NORVA_VERSION);
+            return 0;
+        }
         if (arg == "--expire-tokens") {
             options.expireTokens = true;
             continue;

@@ -18,7 +18,9 @@ for member in 'NORVA_HTTP_API::norva_sdk_login(' 'NORVA_HTTP_API::norva_sdk_down
               'NORVA_HTTP_API::requestFinished(QNetworkReply\*)' 'NORVA_HTTP_API::staticMetaObject' \
               'NORVA_HTTP_API::qt_metacast(' 'NORVA_HTTP_API::NORVA_HTTP_API(QObject\*)' \
               'NORVA_API_QT::setProgressObserver(' 'NORVA_API_QT::clearProgressObserver()' \
-              'NORVA_API_QT::cancelCall()' 'NORVA_API_QT::setIdleLimit(int)' 'NORVA_API_QT::idleLimit()'; do
+              'NORVA_API_QT::cancelCall()' 'NORVA_API_QT::setIdleLimit(int)' 'NORVA_API_QT::idleLimit()' \
+              'NORVA_API_QT::lastCallFailure()' 'NORVA_API_QT::lastCallFailureText' 'NORVA_API_QT::setHeadObserver(' \
+              'NORVA_API_QT::clearHeadObserver()' 'NORVA_API_QT::libraryVersion()'; do
   grep -q "$member" <<<"$symbols" || { echo "missing export: $member"; exit 1; }
 done
 if grep -E '(^| )(norva|testing_support)::' <<<"$symbols"; then

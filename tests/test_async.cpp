@@ -75,6 +75,7 @@ private slots:
     void callsFromAnotherThread();
     void cancellingEveryCallSendsNoMore();
     void aDownloadLeavesNoFileWhenItEnds();
+    void aFailureSaysWhy();
 
 private:
     TestService service;
@@ -583,6 +584,77 @@ void AsyncTest::aDownloadLeavesNoFileWhenItEnds()
             delete reply;
         }
     }
+}
+
+// Why a call got no reply, from a reply and from the blocking function of the
+// same call (its thread's last call): the cause, and a line naming the address.
+void AsyncTest::aFailureSaysWhy()
+{
+    const QString refused = refusedAddress();
+    const struct {
+        const char* name;
+        QString ipconfig;
+        ScriptedReply reply;
+        CallFailure cause;
+        QString text; // what the line starts with; $ADDR and $REFUSED stand for the addresses
+    } rows[] = {
+        {"answered", "$ADDR", ScriptedReply::json(R"({"code":411})"), CallFailure::None, ""},
+        {"refused", refused, ScriptedReply::stall(), CallFailure::ConnectionRefused, "Connection refused (http://$REFUSED)"},
+        {"unknown host", "nosuch.invalid:80", ScriptedReply::stall(), CallFailure::HostNotFound,
+         "Host nosuch.invalid not found (http://nosuch.invalid:80)"},
+        {"no address", "", ScriptedReply::stall(), CallFailure::HostNotFound, "No service address"},
+        {"closed early", "$ADDR", ScriptedReply::closeWithoutAnswer(), CallFailure::ClosedEarly,
+         "http://$ADDR closed the connection before a reply came"},
+        {"silent past the idle limit", "$ADDR", ScriptedReply::stall(), CallFailure::IdleLimit,
+         "No byte from http://$ADDR for the whole idle limit"},
+        {"TLS to a plain port", "https://$ADDR", ScriptedReply::stall(), CallFailure::TlsHandshakeFailed,
+         "TLS handshake with https://$ADDR failed"},
+    };
+    for (const auto& row : rows) {
+        const QString argument = R"({"ipconfig":")" + row.ipconfig + R"(","token":"tk","currentUserId":1})";
+        const QString expected = QString(row.text).replace("$ADDR", service.address()).replace("$REFUSED", refused);
+        for (const bool async : {true, false}) {
+            service.reset();
+            service.setDefaultReply(row.reply);
+            CallFailure cause = CallFailure::None;
+            QString text;
+            if (async) {
+                Client client;
+                client.setIdleLimit(300);
+                const std::unique_ptr<CallReply> reply(client.call("select_share", substitute(argument, service.address()).toStdString()));
+                QVERIFY(reply->failure() == CallFailure::None); // not before it finished
+                waitForAll({reply.get()});
+                cause = reply->failure();
+                text = QString::fromStdString(reply->failureText());
+            } else {
+                NORVA::NORVA_API_QT::setIdleLimit(300);
+                callOperation(norva_sdk_select_share, substitute(argument, service.address()));
+                NORVA::NORVA_API_QT::setIdleLimit(120 * 1000);
+                cause = lastCallFailure();
+                text = QString::fromStdString(lastCallFailureText());
+            }
+            QVERIFY2(cause == row.cause, row.name);
+            QVERIFY2(row.text.isEmpty() ? text.isEmpty() : text.startsWith(expected), qPrintable(row.name + (": " + text)));
+        }
+    }
+
+    // The face's own refusals, and a cancel.
+    service.setDefaultReply(ScriptedReply::stall());
+    Client client;
+    const std::unique_ptr<CallReply> unknown(client.call("no_such_operation", "{}"));
+    const std::unique_ptr<CallReply> cancelledCall(client.call("select_share", shareQuery(service, 1)));
+    cancelledCall->cancel();
+    CallReply* fromElsewhere = nullptr;
+    std::thread([&] {
+        fromElsewhere = client.call("select_share", "{}");
+        QCoreApplication::sendPostedEvents(fromElsewhere);
+    }).join();
+    const std::unique_ptr<CallReply> owned(fromElsewhere);
+    waitForAll({unknown.get()});
+    QVERIFY(unknown->failure() == CallFailure::UnknownOperation);
+    QCOMPARE(unknown->failureText(), std::string("No operation named no_such_operation"));
+    QVERIFY(cancelledCall->failure() == CallFailure::Cancelled);
+    QVERIFY(fromElsewhere->failure() == CallFailure::WrongThread);
 }
 
 QTEST_GUILESS_MAIN(AsyncTest)

@@ -143,6 +143,7 @@ private slots:
     void https_data();
     void https();
     void norvaTrustsWhatItIsTold();
+    void readmeExamplesRunAsWritten();
 
 private:
     // Starts a service that serves `certificate` (plain HTTP for none); its
@@ -803,6 +804,8 @@ void EndToEndTest::norvaTrustsWhatItIsTold()
     QVERIFY(service.printed.contains("(SHA-256 " + fingerprint + ")"));
 
     const QString config = folder.filePath("norva-config");
+    int exitCode = -1;
+    QByteArray said; // standard error
     const auto norva = [&](const QStringList& arguments, const QString& caFromEnvironment = {}) {
         QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -815,15 +818,72 @@ void EndToEndTest::norvaTrustsWhatItIsTold()
         process.setProcessEnvironment(environment);
         process.start(NORVA_COMMAND_PATH, arguments);
         process.waitForFinished(20000);
+        exitCode = process.exitCode();
+        said = process.readAllStandardError();
         return QJsonDocument::fromJson(process.readAllStandardOutput()).object()["message"].toString();
     };
     const QStringList login{"login", "ipconfig=" + service.address, "username=norva", "password=norva"};
     QCOMPARE(norva(login), QStringLiteral("Server shuts down"));
+    QCOMPARE(exitCode, 3);
+    QVERIFY2(said.startsWith(("norva: The certificate of " + service.address + " is not trusted: ").toUtf8()), said);
     QCOMPARE(norva(login, certificate), QStringLiteral("login success"));
     QCOMPARE(norva(QStringList{"--cacert", folder.filePath("nothing.pem")} + login), QString()); // a usage error
     QCOMPARE(norva(QStringList{"--cacert", certificate} + login + QStringList{"--save"}), QStringLiteral("login success"));
     QCOMPARE(norva({"get_all_model_id"}), QStringLiteral("select all models success"));
     QCOMPARE(norva({"--no-session", "get_all_model_id", "ipconfig=" + service.address}), QStringLiteral("Server shuts down"));
+
+    // The saved session's certificate file gone: every call says so, naming
+    // the session file and --no-session, and logout still ends the session.
+    const QString copy = folder.filePath("copy-of-the-certificate.pem");
+    QVERIFY(QFile::copy(certificate, copy));
+    QCOMPARE(norva(QStringList{"--cacert", copy} + login + QStringList{"--save"}), QStringLiteral("login success"));
+    QVERIFY(QFile::remove(copy));
+    QCOMPARE(norva({"get_all_model_id"}), QString());
+    QCOMPARE(exitCode, 2);
+    QVERIFY2(said.contains(("the saved session (" + config + "/norva/session.json) trusts " + copy).toUtf8())
+                 && said.contains("--no-session"), said);
+    norva({"logout"});
+    QVERIFY2(said.contains("saved session removed"), said);
+    QVERIFY(!QFile::exists(config + "/norva/session.json"));
+}
+
+// The norva lines of the README, run as they stand against a local service in
+// a folder of their own: each succeeds, and the session fills in the
+// logged-in user where the share names its user.
+void EndToEndTest::readmeExamplesRunAsWritten()
+{
+    QFile readme(NORVA_README_PATH);
+    QVERIFY(readme.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(readme.readAll());
+    const int start = text.indexOf("```sh\n./build/tools/norva --list");
+    QVERIFY(start >= 0);
+    const QStringList lines = text.mid(start + 6, text.indexOf("```", start + 6) - start - 6).split('\n', Qt::SkipEmptyParts);
+    QVERIFY(lines.size() >= 6);
+
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-readme")));
+    QTemporaryDir work;
+    writeFile(work.filePath("big.brd"), boardBytes(300000));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("XDG_CONFIG_HOME", work.filePath("config"));
+    environment.remove("NORVA_IPCONFIG");
+    environment.remove("NORVA_TOKEN");
+    environment.remove("NORVA_CACERT");
+    QByteArray shares;
+    for (QString line : lines) {
+        line.replace("./build/tools/norva", NORVA_COMMAND_PATH).replace("127.0.0.1:8765", service.address);
+        QProcess shell;
+        shell.setProcessEnvironment(environment);
+        shell.setWorkingDirectory(work.path());
+        shell.start("bash", {"-c", line});
+        QVERIFY(shell.waitForFinished(20000));
+        const QByteArray out = shell.readAllStandardOutput();
+        QVERIFY2(shell.exitCode() == 0, qPrintable(line + ": " + out + shell.readAllStandardError()));
+        if (line.contains("select_share"))
+            shares = out;
+    }
+    // The README's add2share gives no user: the session's (norva, 1) stands in the share.
+    QVERIFY2(shares.contains(R"("userId": 1)"), shares);
 }
 
 QTEST_GUILESS_MAIN(EndToEndTest)

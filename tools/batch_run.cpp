@@ -1,6 +1,8 @@
 #include "batch_run.h"
 
 #include "command_document.h"
+#include "command_line.h"
+#include "exit_status.h"
 #include "operation_list.h"
 
 #include "norva_api_qt_async.h"
@@ -10,16 +12,17 @@
 #include <QJsonObject>
 
 #include <cstdio>
+#include <deque>
 #include <istream>
 #include <memory>
 #include <string>
-#include <unistd.h>
-#include <vector>
+#include <thread>
 
 namespace norva::command {
 
 namespace {
 
+using NORVA::NORVA_API_QT::CallFailure;
 using NORVA::NORVA_API_QT::CallReply;
 using NORVA::NORVA_API_QT::Client;
 
@@ -50,19 +53,9 @@ ReadLine readLine(const std::string& text, const std::optional<Session>& session
         return {{}, {}, refusal("a line needs \"operation\" (text) and \"argument\" (an object)")};
     std::string document = compact(argument.toObject());
     if (session)
-        document = withSession(document, *session, false);
+        document = withSession(document, *session, std::string());
     return {operation.toString().toStdString(), document, {}};
 }
-
-bool succeeded(const std::string& result)
-{
-    const int status = QJsonDocument::fromJson(QByteArray::fromStdString(result)).object().value(QStringLiteral("status")).toInt();
-    return status == 200 || status == 206;
-}
-
-} // namespace
-
-namespace {
 
 std::string unknownOperation(const std::string& name)
 {
@@ -71,27 +64,62 @@ std::string unknownOperation(const std::string& name)
                                {QStringLiteral("status"), 400}});
 }
 
+// The count of calls done, on a terminal's standard error. It is wiped before
+// anything else is written, so that no line shares the screen line with it.
+class DoneCount
+{
+public:
+    DoneCount() : shown(errorIsTerminal()) {}
+    void wipe()
+    {
+        if (shown && width > 0)
+            std::fprintf(stderr, "\r%*s\r", width, "");
+        width = 0;
+    }
+    void show(std::size_t done, std::size_t total, bool totalKnown)
+    {
+        if (!shown)
+            return;
+        wipe();
+        width = totalKnown ? std::fprintf(stderr, "%zu of %zu done", done, total) : std::fprintf(stderr, "%zu done", done);
+        std::fflush(stderr);
+    }
+
+private:
+    const bool shown;
+    int width = 0;
+};
+
+Exit runBlocking(std::istream& input, const std::optional<Session>& session)
+{
+    Exit exit = Success;
+    std::string text;
+    for (std::size_t number = 1; std::getline(input, text); ++number) {
+        if (text.find_first_not_of(" \t\r") == std::string::npos)
+            continue;
+        const ReadLine line = readLine(text, session);
+        const OperationEntry* const entry = line.refused.empty() ? findOperation(line.operation) : nullptr;
+        std::string result = entry ? entry->function(line.argument) : std::string(); // echoes its own line
+        if (!entry) {
+            result = line.refused.empty() ? unknownOperation(line.operation) : line.refused;
+            std::printf("%s\n", result.c_str());
+        }
+        std::fflush(stdout);
+        const QJsonObject document = QJsonDocument::fromJson(QByteArray::fromStdString(result)).object();
+        const bool called = entry != nullptr;
+        exit = worse(exit, exitStatus(document, called ? NORVA::NORVA_API_QT::lastCallFailure() : CallFailure::None,
+                                      called ? NORVA::NORVA_API_QT::lastCallFailureText() : std::string(),
+                                      "line " + std::to_string(number) + ": "));
+    }
+    return exit;
+}
+
 } // namespace
 
 int runBatch(std::istream& input, int jobs, const std::optional<Session>& session, bool blocking)
 {
-    if (blocking) {
-        bool allSucceeded = true;
-        std::string text;
-        while (std::getline(input, text)) {
-            if (text.find_first_not_of(" \t\r") == std::string::npos)
-                continue;
-            const ReadLine line = readLine(text, session);
-            const OperationEntry* const entry = line.refused.empty() ? findOperation(line.operation) : nullptr;
-            std::string result = entry ? entry->function(line.argument) : std::string(); // echoes its own line
-            if (!entry) {
-                result = line.refused.empty() ? unknownOperation(line.operation) : line.refused;
-                std::printf("%s\n", result.c_str());
-            }
-            allSucceeded = allSucceeded && succeeded(result);
-        }
-        return allSucceeded ? 0 : 1;
-    }
+    if (blocking)
+        return runBlocking(input, session);
 
     int argc = 1;
     char name[] = "norva";
@@ -100,59 +128,72 @@ int runBatch(std::istream& input, int jobs, const std::optional<Session>& sessio
     Client client;
     client.setMaxCallsInFlight(jobs);
 
-    // One slot a line: a reply, or the refusal of a line that is no call.
+    // One slot a line, in input order: a reply, or the refusal of a line that
+    // is no call. Lines are read on a thread of their own and handed over one
+    // by one, so that calls start (and results come) before the input ends.
     struct Line {
+        std::size_t number;
         std::unique_ptr<CallReply> reply;
         std::string refused;
     };
-    std::vector<Line> lines;
-    std::string text;
-    while (std::getline(input, text)) {
-        if (text.find_first_not_of(" \t\r") == std::string::npos)
-            continue;
-        const ReadLine line = readLine(text, session);
-        if (!line.refused.empty())
-            lines.push_back({nullptr, line.refused});
-        else
-            lines.push_back({std::unique_ptr<CallReply>(client.call(line.operation, line.argument)), {}});
-    }
-
-    // Results go out in input order, each as soon as those before it are out.
-    const bool terminal = isatty(fileno(stderr));
-    std::size_t printed = 0;
+    std::deque<Line> unprinted;
+    std::size_t lines = 0;
     std::size_t done = 0;
-    bool allSucceeded = true;
+    bool inputEnded = false;
+    Exit exit = Success;
+    DoneCount count;
     const auto printReady = [&] {
-        while (printed < lines.size() && (!lines[printed].reply || lines[printed].reply->isFinished())) {
-            Line& line = lines[printed++];
+        bool wiped = false;
+        while (!unprinted.empty() && (!unprinted.front().reply || unprinted.front().reply->isFinished())) {
+            if (!wiped) {
+                count.wipe();
+                wiped = true;
+            }
+            const Line line = std::move(unprinted.front());
+            unprinted.pop_front();
             const std::string result = line.reply ? line.reply->result() : line.refused;
-            allSucceeded = allSucceeded && succeeded(result);
-            line.reply.reset();
             std::fwrite(result.data(), 1, result.size(), stdout);
             std::fputc('\n', stdout);
+            std::fflush(stdout);
+            const QJsonObject document = QJsonDocument::fromJson(QByteArray::fromStdString(result)).object();
+            exit = worse(exit, exitStatus(document, line.reply ? line.reply->failure() : CallFailure::None,
+                                          line.reply ? line.reply->failureText() : std::string(),
+                                          "line " + std::to_string(line.number) + ": "));
         }
-        std::fflush(stdout);
-        if (terminal)
-            std::fprintf(stderr, "\r%zu of %zu done", done, lines.size());
-        if (printed == lines.size())
+        count.show(done, lines, inputEnded);
+        if (inputEnded && unprinted.empty())
             QCoreApplication::quit();
     };
-    for (Line& line : lines) {
-        if (!line.reply) {
+    const auto take = [&](const std::string& text) {
+        if (text.find_first_not_of(" \t\r") == std::string::npos)
+            return;
+        const ReadLine line = readLine(text, session);
+        ++lines;
+        if (!line.refused.empty()) {
             ++done;
-            continue;
+            unprinted.push_back({lines, nullptr, line.refused});
+        } else {
+            unprinted.push_back({lines, std::unique_ptr<CallReply>(client.call(line.operation, line.argument)), {}});
+            QObject::connect(unprinted.back().reply.get(), &CallReply::finished, &client, [&] {
+                ++done;
+                printReady();
+            });
         }
-        QObject::connect(line.reply.get(), &CallReply::finished, &client, [&] {
-            ++done;
+        printReady();
+    };
+    std::thread reader([&] {
+        std::string text;
+        while (std::getline(input, text))
+            QMetaObject::invokeMethod(&client, [&take, text] { take(text); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(&client, [&] {
+            inputEnded = true;
             printReady();
-        });
-    }
-    printReady();
-    if (printed < lines.size())
-        application.exec();
-    if (terminal)
-        std::fputc('\n', stderr);
-    return allSucceeded ? 0 : 1;
+        }, Qt::QueuedConnection);
+    });
+    QCoreApplication::exec();
+    reader.join();
+    count.wipe();
+    return exit;
 }
 
 } // namespace norva::command

@@ -38,6 +38,17 @@ bool place(QJsonObject& object, QStringList path, const QJsonValue& value)
     return true;
 }
 
+// Whether the key at `path` stands in `object` (as anything, null included).
+bool contains(const QJsonObject& object, const QStringList& path)
+{
+    if (!object.contains(path.front()))
+        return false;
+    if (path.size() == 1)
+        return true;
+    const QJsonValue inner = object.value(path.front());
+    return !inner.isObject() || contains(inner.toObject(), path.mid(1));
+}
+
 QString jsonString(const QString& text)
 {
     const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
@@ -64,20 +75,27 @@ std::optional<std::string> documentFromPairs(const std::vector<std::string>& wor
     return QJsonDocument(document).toJson(QJsonDocument::Compact).toStdString();
 }
 
-std::string withSession(const std::string& document, const Session& session, bool fillUserId)
+std::string withSession(const std::string& document, const Session& session, const std::string& userKey)
 {
     const QJsonDocument parsed = QJsonDocument::fromJson(QByteArray::fromStdString(document));
     if (!parsed.isObject())
         return document;
-    const QJsonObject arguments = parsed.object();
+    QJsonObject arguments = parsed.object();
     QStringList members;
     if (!arguments.contains(QStringLiteral("ipconfig")) && !session.ipconfig.isEmpty())
         members << QStringLiteral("\"ipconfig\":") + jsonString(session.ipconfig);
     if (!arguments.contains(QStringLiteral("token")) && !session.token.isEmpty())
         members << QStringLiteral("\"token\":") + jsonString(session.token);
-    if (fillUserId && !arguments.contains(QStringLiteral("id")) && !session.userId.isUndefined()) {
-        const QByteArray id = QJsonDocument(QJsonArray{session.userId}).toJson(QJsonDocument::Compact);
-        members << QStringLiteral("\"id\":") + QString::fromUtf8(id.mid(1, id.size() - 2));
+    const QStringList userPath = QString::fromStdString(userKey).split(QLatin1Char('.'), Qt::SkipEmptyParts);
+    if (!userPath.isEmpty() && !session.userId.isUndefined() && !contains(arguments, userPath)) {
+        if (userPath.size() == 1) {
+            const QByteArray id = QJsonDocument(QJsonArray{session.userId}).toJson(QJsonDocument::Compact);
+            members << jsonString(userPath.front()) + QLatin1Char(':') + QString::fromUtf8(id.mid(1, id.size() - 2));
+        } else if (place(arguments, userPath, session.userId)) {
+            // Inside an object of the caller's: the document is written anew.
+            std::string text = QJsonDocument(arguments).toJson(QJsonDocument::Compact).toStdString();
+            return members.isEmpty() ? text : withSession(text, session, std::string());
+        }
     }
     if (members.isEmpty())
         return document;

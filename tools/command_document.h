@@ -17,10 +17,13 @@ namespace norva::command {
 // as a value and as an object.
 std::optional<std::string> documentFromPairs(const std::vector<std::string>& words, std::string* error);
 
-// The document with "ipconfig", "token" and (for logging out) "id" from the
-// session put in front where the document lacks them. The caller's text is
-// kept as it is otherwise, and a text that is no JSON object passes unchanged.
-std::string withSession(const std::string& document, const Session& session, bool fillUserId);
+// The document with "ipconfig" and "token" from the session put in front where
+// the document lacks them, and the session's user id under `userKey` (the
+// operation's key for the calling user, "data.userId" say; empty for none)
+// where it lacks that. The caller's text is kept as it is otherwise (but for a
+// user id put inside one of its objects), and a text that is no JSON object
+// passes unchanged.
+std::string withSession(const std::string& document, const Session& session, const std::string& userKey);
 
 // A compact JSON text indented by two blanks a level, every token as it was.
 std::string indented(const std::string& compact);

@@ -2,7 +2,11 @@
 
 #include <windows.h>
 
+#include <io.h>
 #include <shellapi.h>
+
+#include <cstdio>
+#include <iostream>
 
 namespace norva::command {
 
@@ -20,6 +24,43 @@ std::vector<std::string> utf8Arguments(int, char**)
     }
     LocalFree(wide);
     return words;
+}
+
+bool inputIsTerminal()
+{
+    return _isatty(_fileno(stdin));
+}
+
+bool outputIsTerminal()
+{
+    return _isatty(_fileno(stdout));
+}
+
+bool errorIsTerminal()
+{
+    return _isatty(_fileno(stderr));
+}
+
+std::optional<std::string> readSecret(const char* prompt)
+{
+    std::fputs(prompt, stderr);
+    std::fflush(stderr);
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD before = 0;
+    const bool console = GetConsoleMode(input, &before) != 0;
+    if (console)
+        SetConsoleMode(input, before & ~DWORD(ENABLE_ECHO_INPUT));
+    std::string line;
+    const bool read = bool(std::getline(std::cin, line));
+    if (console) {
+        SetConsoleMode(input, before);
+        std::fputc('\n', stderr);
+    }
+    if (!read)
+        return std::nullopt;
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return line;
 }
 
 } // namespace norva::command

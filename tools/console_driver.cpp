@@ -1,6 +1,7 @@
 // norva-console: logs in through NORVA_HTTP_API, prints the result and a line of
 // 25 asterisks, then runs the application's event loop (or quits with --once).
 #include "norva_api_qt.h"
+#include "norva_api_qt_version.h"
 #include "trusted_certificates.h"
 
 #include <QCommandLineParser>
@@ -15,12 +16,14 @@ int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("norva-console"));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(NORVA::NORVA_API_QT::libraryVersion()));
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
         "Logs in to a records service through NORVA_HTTP_API and prints the result.\n"
         "The defaults match a fresh norva-records-service on its default address."));
     parser.addHelpOption();
+    parser.addVersionOption();
     const QCommandLineOption address({QStringLiteral("a"), QStringLiteral("address")},
                                      QStringLiteral("The service's host:port (or https://host:port)."),
                                      QStringLiteral("host:port"),

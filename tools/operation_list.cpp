@@ -1,120 +1,113 @@
 #include "operation_list.h"
 
-#include "norva_api_qt.h"
+#include <QString>
 
+#include <algorithm>
+#include <cctype>
 #include <iterator>
+#include <sstream>
 
 namespace norva::command {
 
 namespace {
 
-using namespace NORVA::NORVA_API_QT;
-using namespace NORVA::TAVLIN_KVRAPI_QT;
+bool startsWith(const std::string& text, const std::string& start)
+{
+    return text.compare(0, start.size(), start) == 0;
+}
 
-#define PAGED " which_page data_num_in_each_page"
+// Edits between two keys, letters compared without case (boardId, boardid).
+std::size_t distance(const std::string& a, const std::string& b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t above = row[j];
+            const bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) == std::tolower(static_cast<unsigned char>(b[j - 1]));
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
 
-const OperationEntry operations[] = {
-    {"norva_sdk_login", norva_sdk_login, "log in (--save keeps the session)", "ipconfig username password"},
-    {"norva_sdk_logout", norva_sdk_logout, "log out (and forget the saved session)", "ipconfig id"},
-    {"norva_sdk_update_password", norva_sdk_update_password, "set a password", "ipconfig token userid new_pwd"},
-    {"norva_sdk_get_user_info_list", norva_sdk_get_user_info_list, "list users",
-     "ipconfig token user_id userName userRealname"},
-    {"norva_sdk_get_user_info_list_by_page", norva_sdk_get_user_info_list_by_page, "one page of users",
-     "ipconfig token user_id userName userRealname" PAGED},
-    {"norva_sdk_upload_file", norva_sdk_upload_file, "upload a file and its record",
-     "ipconfig token file_uploadpath data.fileInfo data.errorInfo"},
-    {"norva_sdk_upload_file2share", norva_sdk_upload_file2share, "upload a file and share it",
-     "ipconfig token file_uploadpath data.fileInfo data.fileInfo.acsTypeId data.fileInfo.acsType data.errorInfo"},
-    {"norva_sdk_upload_files", norva_sdk_upload_files, "upload every file directly in a folder",
-     "ipconfig token file_uploadpath data"},
-    {"norva_sdk_upload_files2share", norva_sdk_upload_files2share, "upload a folder and share its files",
-     "ipconfig token file_uploadpath data data.acsTypeId data.acsType"},
-    {"norva_sdk_download_binary_file", norva_sdk_download_binary_file, "download a board file into a folder",
-     "ipconfig token file_downloadpath data.id data.userId isTimeStamp reName"},
-    {"norva_sdk_add2share", norva_sdk_add2share, "share a board", "ipconfig token userid boardid sharewith_id sharetype"},
-    {"norva_sdk_add2share_batch", norva_sdk_add2share_batch, "share several boards",
-     "ipconfig token data (an array of records with the keys of add2share)"},
-    {"norva_sdk_select_share", norva_sdk_select_share, "list shares",
-     "ipconfig token currentUserId userid boardname start_time end_time"},
-    {"norva_sdk_select_share_by_page", norva_sdk_select_share_by_page, "one page of shares",
-     "ipconfig token currentUserId userid boardname start_time end_time" PAGED},
-    {"norva_sdk_delete_share", norva_sdk_delete_share, "remove a share", "ipconfig token data.id data.userId"},
-    {"norva_sdk_add2favorite", norva_sdk_add2favorite, "mark a favourite", "ipconfig token userid boardid boardname"},
-    {"norva_sdk_add2favorite_batch", norva_sdk_add2favorite_batch, "mark several favourites",
-     "ipconfig token data (an array of records with the keys of add2favorite)"},
-    {"norva_sdk_select_favorite", norva_sdk_select_favorite, "list favourites",
-     "ipconfig token userid boardname start_time end_time"},
-    {"norva_sdk_select_favorite_by_page", norva_sdk_select_favorite_by_page, "one page of favourites",
-     "ipconfig token userid boardname start_time end_time" PAGED},
-    {"norva_sdk_delete_favorite", norva_sdk_delete_favorite, "remove a favourite", "ipconfig token data.id data.userId"},
-    {"norva_sdk_select_origfiles_manage", norva_sdk_select_origfiles_manage, "list original file records",
-     "ipconfig token userid origfilename board_id origfileguid mongofs_id file_suffix company_code "
-     "file_update_uerid parent_id type source iserror"},
-    {"norva_sdk_select_origfiles_manage_by_page", norva_sdk_select_origfiles_manage_by_page,
-     "one page of original file records",
-     "ipconfig token userid origfilename board_id origfileguid mongofs_id file_suffix company_code "
-     "file_update_uerid parent_id type source iserror" PAGED},
-    {"norva_sdk_update_origfiles_manage", norva_sdk_update_origfiles_manage, "change an original file record",
-     "ipconfig token origfile_id userid origfilename mongogridfsid origfilesuffix companycode parentid type "
-     "source isError"},
-    {"norva_sdk_updel_origfiles_manage", norva_sdk_updel_origfiles_manage, "flag an original file as deleted",
-     "ipconfig token data.id data.userId"},
-    {"norva_sdk_insert_error_library", norva_sdk_insert_error_library, "add an error type",
-     "ipconfig token source layer errorMessage"},
-    {"norva_sdk_update_error_library", norva_sdk_update_error_library, "change an error type",
-     "ipconfig token id source layer errorMessage"},
-    {"norva_sdk_delete_error_library", norva_sdk_delete_error_library, "remove an error type", "ipconfig token data.id"},
-    {"norva_sdk_select_error_library", norva_sdk_select_error_library, "list error types",
-     "ipconfig token id source layer errorMessage"},
-    {"norva_sdk_select_error_library_by_page", norva_sdk_select_error_library_by_page, "one page of error types",
-     "ipconfig token id source layer errorMessage" PAGED},
-    {"norva_sdk_insert_error_msg", norva_sdk_insert_error_msg, "place an error on a board",
-     "ipconfig token boardId isReappear reMark gridX gridY source layer priority library_id errorMessage"},
-    {"norva_sdk_update_error_msg", norva_sdk_update_error_msg, "change an error message",
-     "ipconfig token id boardId isReappear reMark gridX gridY source layer priority library_id errorMessage"},
-    {"norva_sdk_delete_error_msg", norva_sdk_delete_error_msg, "remove an error message", "ipconfig token data.id"},
-    {"norva_sdk_select_error_msg", norva_sdk_select_error_msg, "list error messages",
-     "ipconfig token boardId isReappear reMark gridX gridY source layer priority library_id errorMessage"},
-    {"norva_sdk_select_error_msg_by_page", norva_sdk_select_error_msg_by_page, "one page of error messages",
-     "ipconfig token boardId isReappear reMark gridX gridY source layer priority library_id errorMessage" PAGED},
-    {"norva_tavlin_download_binaryfile", norva_tavlin_download_binaryfile, "download a mall file into a folder",
-     "ipconfig file_downloadpath data.id isTimeStamp reName"},
-    {"norva_tavlin_select_boardid_by_order_num", norva_tavlin_select_boardid_by_order_num, "the board of an order",
-     "ipconfig data.orderNum"},
-    {"norva_tavlin_select_order_by_page", norva_tavlin_select_order_by_page, "one page of orders",
-     "ipconfig userId boardId orderNum" PAGED},
-    {"norva_tavlin_select_orig_file_by_page", norva_tavlin_select_orig_file_by_page, "one page of mall files",
-     "ipconfig createUserId" PAGED},
-    {"norva_tavlin_get_bid_name_list_by_page", norva_tavlin_get_bid_name_list_by_page,
-     "one page of board ids and names", "ipconfig" PAGED},
-    {"norva_tavlin_get_all_model_id", norva_tavlin_get_all_model_id, "all planner models", "ipconfig"},
-    {"norva_tavlin_get_latest_model_id", norva_tavlin_get_latest_model_id, "the latest planner model", "ipconfig"},
-    {"norva_tavlin_get_process_parameters", norva_tavlin_get_process_parameters, "a model's process parameters",
-     "ipconfig data.modelId"},
-};
+std::string nearestOf(const std::string& key, const std::vector<std::string>& keys)
+{
+    std::string nearest;
+    std::size_t best = std::max<std::size_t>(2, key.size() / 3) + 1;
+    for (const std::string& candidate : keys) {
+        const std::size_t edits = distance(key, candidate);
+        if (edits < best) {
+            best = edits;
+            nearest = candidate;
+        }
+    }
+    return nearest;
+}
 
-#undef PAGED
+void collectUnknown(const QJsonObject& object, const std::string& prefix, const std::vector<std::string>& keys,
+                    std::vector<UnknownKey>& unknown)
+{
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        const std::string path = prefix + member.key().toStdString();
+        // Listed itself, or inside a listed key whose inner keys are free.
+        const bool taken = std::any_of(keys.begin(), keys.end(), [&](const std::string& key) {
+            return key == path || startsWith(path, key + '.');
+        });
+        if (taken)
+            continue;
+        const bool holdsListed = std::any_of(keys.begin(), keys.end(), [&](const std::string& key) {
+            return startsWith(key, path + '.');
+        });
+        if (holdsListed) {
+            if (member.value().isObject())
+                collectUnknown(member.value().toObject(), path + '.', keys, unknown);
+            continue;
+        }
+        unknown.push_back({path, nearestOf(path, keys)});
+    }
+}
 
 } // namespace
 
 const OperationEntry* operationsBegin()
 {
-    return std::begin(operations);
+    return std::begin(operationTable);
 }
 
 const OperationEntry* operationsEnd()
 {
-    return std::end(operations);
+    return std::end(operationTable);
 }
 
 const OperationEntry* findOperation(const std::string& name)
 {
-    for (const OperationEntry& entry : operations) {
+    for (const OperationEntry& entry : operationTable) {
         const std::string full = entry.name;
         if (full == name || full == "norva_" + name || full == "norva_sdk_" + name || full == "norva_tavlin_" + name)
             return &entry;
     }
     return nullptr;
+}
+
+std::vector<std::string> keysOf(const OperationEntry& entry)
+{
+    std::vector<std::string> keys;
+    std::istringstream words(entry.keys);
+    for (std::string key; words >> key;)
+        keys.push_back(key);
+    return keys;
+}
+
+std::vector<UnknownKey> unknownKeys(const OperationEntry& entry, const QJsonObject& document)
+{
+    std::vector<UnknownKey> unknown;
+    collectUnknown(document, std::string(), keysOf(entry), unknown);
+    return unknown;
 }
 
 } // namespace norva::command

@@ -6,6 +6,7 @@
 #include "async/operation_names.h"
 #include "frame/deferred_call.h"
 #include "frame/exchange.h"
+#include "frame/failure.h"
 #include "frame/progress_pacer.h"
 #include "frame/result.h"
 
@@ -86,6 +87,7 @@ struct CallReply::State {
     bool idlePassed = false;
     std::optional<ProgressPacer> pacer;
     std::string result;
+    FailureReport failure;
     bool finished = false;
     bool cancelled = false;
     bool progressHeard = false; // somebody connected to progress()
@@ -120,9 +122,10 @@ struct CallDriver {
     // another thread than the client's, and then the reply's finished() comes
     // from the caller's own loop, however late it connects, and deleting the
     // reply there touches nothing of the client.
-    static CallReply* refused(std::string result)
+    static CallReply* refused(std::string result, FailureReport failure)
     {
         CallReply* const reply = new CallReply(std::make_unique<CallReply::State>());
+        reply->d->failure = std::move(failure);
         finishSoon(reply, std::move(result));
         return reply;
     }
@@ -244,7 +247,9 @@ struct CallDriver {
         if (s.idlePassed) {
             received.httpStatus = 0;
             received.complete = false;
+            received.idlePassed = true;
         }
+        s.failure = describeFailure(received, s.deferred->outgoing().request.url());
         s.result = s.deferred->finish(received);
         const QPointer<Client> client = s.client;
         // A reply that ended by itself comes from the event loop, and the next
@@ -322,6 +327,8 @@ struct CallDriver {
         return compactText(statusDocument(400, message::requestCancelled));
     }
 
+    static FailureReport cancelledReport() { return {CallFailure::Cancelled, QStringLiteral("request cancelled")}; }
+
     // Ends a call that has not finished: in flight, its exchange is aborted and
     // judged as cancelled; waiting, it is cancelled without being sent.
     static void cancel(CallReply* reply, bool announce)
@@ -336,6 +343,7 @@ struct CallDriver {
         }
         release(reply);
         s.result = cancelledText();
+        s.failure = cancelledReport();
         s.finished = true;
         if (announce)
             emit reply->finished();
@@ -357,6 +365,16 @@ bool CallReply::isFinished() const
 std::string CallReply::result() const
 {
     return d->finished ? d->result : std::string();
+}
+
+CallFailure CallReply::failure() const
+{
+    return d->finished ? d->failure.cause : CallFailure::None;
+}
+
+std::string CallReply::failureText() const
+{
+    return d->finished ? d->failure.text.toStdString() : std::string();
 }
 
 void CallReply::cancel()
@@ -397,6 +415,7 @@ Client::~Client()
             reply->d->cancelled = true;
             CallDriver::release(reply);
             reply->d->result = CallDriver::cancelledText();
+            reply->d->failure = CallDriver::cancelledReport();
             reply->d->finished = true;
         }
     }
@@ -412,19 +431,24 @@ CallReply* Client::call(const std::string& operation, const std::string& argumen
     if (!function) {
         ResultDocument document = statusDocument(400, QStringLiteral("unknown operation"));
         document.insert("operation", QString::fromStdString(operation));
-        return CallDriver::refused(compactText(document));
+        return CallDriver::refused(compactText(document),
+                                   {CallFailure::UnknownOperation, QStringLiteral("No operation named ") + QString::fromStdString(operation)});
     }
     return call(function, argument);
 }
 
 CallReply* Client::call(OperationFunction function, const std::string& argument)
 {
-    if (QThread::currentThread() != thread())
-        return CallDriver::refused(compactText(statusDocument(400, QStringLiteral("called from a thread other than the client's"))));
+    if (QThread::currentThread() != thread()) {
+        const QString why = QStringLiteral("called from a thread other than the client's");
+        return CallDriver::refused(compactText(statusDocument(400, why)), {CallFailure::WrongThread, why});
+    }
     // Only the library's own operations defer their exchange; anything else
     // would block.
-    if (!async::isNamedOperation(function))
-        return CallDriver::refused(compactText(statusDocument(400, QStringLiteral("unknown operation"))));
+    if (!async::isNamedOperation(function)) {
+        return CallDriver::refused(compactText(statusDocument(400, QStringLiteral("unknown operation"))),
+                                   {CallFailure::UnknownOperation, QStringLiteral("No operation of the library's at that address")});
+    }
     auto state = std::make_unique<CallReply::State>();
     state->client = this;
     CallReply* const reply = new CallReply(std::move(state));

@@ -11,6 +11,7 @@ struct ThreadState {
     int idleLimitMs = defaultIdleLimitMs;
     const char* operation = "";
     ExchangeWatch* innermost = nullptr;
+    NORVA::NORVA_API_QT::HeadObserver heads;
 };
 
 ThreadState& thisThread()
@@ -86,6 +87,19 @@ int idleLimitMs()
     return thisThread().idleLimitMs;
 }
 
+bool headsObserved()
+{
+    return bool(thisThread().heads);
+}
+
+void reportHead(const QByteArray& head, bool isRequest)
+{
+    // A copy: the observer may replace itself.
+    const NORVA::NORVA_API_QT::HeadObserver observer = thisThread().heads;
+    if (observer && !head.isEmpty())
+        observer(head.toStdString(), isRequest);
+}
+
 } // namespace norva
 
 namespace NORVA::NORVA_API_QT {
@@ -113,6 +127,16 @@ void setIdleLimit(int milliseconds)
 int idleLimit()
 {
     return norva::thisThread().idleLimitMs;
+}
+
+void setHeadObserver(HeadObserver observer)
+{
+    norva::thisThread().heads = std::move(observer);
+}
+
+void clearHeadObserver()
+{
+    norva::thisThread().heads = nullptr;
 }
 
 } // namespace NORVA::NORVA_API_QT

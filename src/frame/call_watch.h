@@ -64,4 +64,8 @@ private:
 // The calling thread's idle limit in milliseconds.
 int idleLimitMs();
 
+// Whether the calling thread has a head observer, and what it hears.
+bool headsObserved();
+void reportHead(const QByteArray& head, bool isRequest);
+
 } // namespace norva

@@ -1,7 +1,9 @@
 #include "frame/exchange.h"
 
 #include "frame/call_watch.h"
+#include "frame/failure.h"
 #include "frame/qt_line.h"
+#include "frame/request_head.h"
 #include "frame/seams.h"
 #include "frame/socket_exchange.h"
 #include "frame/transport.h"
@@ -75,6 +77,16 @@ qint64 announcedLength(const QNetworkReply& reply)
     return announced.isValid() ? announced.toLongLong() : -1;
 }
 
+// The head of a reply as the manager read it, for a head observer.
+QByteArray replyHead(const QNetworkReply& reply, int status)
+{
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(status) + ' '
+                      + reply.attribute(QNetworkRequest::HttpReasonPhraseAttribute).toByteArray() + "\r\n";
+    for (const QNetworkReply::RawHeaderPair& field : reply.rawHeaderPairs())
+        head += field.first + ": " + field.second + "\r\n";
+    return head + "\r\n";
+}
+
 // An exchange on Qt's network manager. Its body is one Qt wrote in place
 // (qt_line.h), or one collected here as it arrives, into one array reserved at
 // the announced size. (A body for a sink never comes here: such a request goes
@@ -95,6 +107,7 @@ public:
         // Qt 5's HTTP thread waits while this much is unread, so a large reply
         // is not queued up in Qt beside the copy the call keeps (Qt 6 reads on).
         reply->setReadBufferSize(readBufferBytes);
+        noteTlsErrors(*reply, this, [this](const QString& errors) { tlsErrors = errors; });
         connect(reply, &QNetworkReply::readyRead, this, [this] {
             const Running running(*this);
             bodyArrived();
@@ -150,6 +163,9 @@ public:
             received.errorString = reply->errorString();
         received.complete = received.httpStatus != 0 && !isTransferError(received.networkError)
                             && hasAnnouncedLength(*reply, received.bodySize);
+        received.tlsErrors = tlsErrors;
+        if (received.httpStatus != 0 && headsObserved())
+            received.replyHead = replyHead(*reply, received.httpStatus);
         return received;
     }
 
@@ -198,6 +214,7 @@ private:
     QByteArray body;
     qint64 announced = -1;
     int handlersRunning = 0;
+    QString tlsErrors;
 };
 
 // An exchange that can't take place in this build (an "https" service where Qt
@@ -292,6 +309,8 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     exchange->onSent = [&watch](qint64 done, qint64 total) { watch.sent(done, total); };
     exchange->onReceived = [&watch](qint64 done, qint64 announced) { watch.received(done, announced); };
     exchange->onFinished = [&loop] { loop.quit(); };
+    if (headsObserved())
+        reportHead(requestHead(outgoing.verb == Verb::Get ? "GET" : "POST", outgoing.request), true);
     exchange->start();
 
     // Someone else's exit() on this thread ends exec() early, and can leave the
@@ -311,7 +330,11 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     if (idle.passed()) {
         received.httpStatus = 0;
         received.complete = false;
+        received.idlePassed = true;
     }
+    if (headsObserved())
+        reportHead(received.replyHead, false);
+    noteLastFailure(describeFailure(received, outgoing.request.url()));
     return received;
 }
 

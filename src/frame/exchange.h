@@ -41,6 +41,12 @@ struct ReceivedReply {
     bool complete = false;
     // The host cancelled the call while it waited: nothing else here counts.
     bool cancelled = false;
+    // The idle limit ended the exchange.
+    bool idlePassed = false;
+    // The certificate problems TLS found, "; "-joined; empty when none.
+    QString tlsErrors;
+    // The reply's head as it came, only while a head observer listens.
+    QByteArray replyHead;
     // What the request reports as sent (request.h), set by the frame before a
     // judge sees the reply; it lives as long as the request.
     const SentText* sentText = nullptr;

@@ -2,6 +2,7 @@
 
 #include "frame/call_watch.h"
 #include "frame/deferred_call.h"
+#include "frame/failure.h"
 #include "frame/json_text.h"
 #include "frame/qt_line.h"
 #include "frame/result.h"
@@ -90,6 +91,8 @@ std::string guardedResult(const ShellOptions& options, const std::function<std::
 std::string runShell(const std::string& argument, const ShellOptions& options, const Flow& flow)
 {
     DeferredCall* const deferred = DeferredCall::current();
+    if (!deferred) // a call that sends nothing has no failure to tell of
+        noteLastFailure({});
     const bool needsApplication = !deferred && options.mayBuildApplication && QCoreApplication::startingUp();
     const OperationScope scope(options.operation);
     return guardedResult(options, [&] {

@@ -5,6 +5,7 @@
 
 #include "frame/socket_exchange.h"
 
+#include "frame/call_watch.h"
 #include "frame/content_decoder.h"
 #include "frame/request_head.h"
 #include "frame/transport.h"
@@ -47,6 +48,9 @@ public:
     QByteArray contentEncoding;
     std::function<void()> onHead;
     std::function<void(const char*, qint64)> onBody;
+    // The head as it came, kept only for a head observer.
+    bool keepHead = false;
+    QByteArray head;
 
 private:
     // A field sent more than once reads as its values joined by ", ", as the
@@ -58,9 +62,16 @@ private:
     }
 
     void on_request_impl(http::verb, string_view, string_view, int, error_code&) override {}
-    void on_response_impl(int code, string_view, int, error_code&) override { status = code; }
-    void on_field_impl(http::field name, string_view, string_view value, error_code&) override
+    void on_response_impl(int code, string_view reason, int, error_code&) override
     {
+        status = code;
+        if (keepHead)
+            head = "HTTP/1.1 " + QByteArray::number(code) + ' ' + QByteArray(reason.data(), int(reason.size())) + "\r\n";
+    }
+    void on_field_impl(http::field name, string_view nameText, string_view value, error_code&) override
+    {
+        if (keepHead)
+            head += QByteArray(nameText.data(), int(nameText.size())) + ": " + QByteArray(value.data(), int(value.size())) + "\r\n";
         if (name == http::field::content_disposition)
             join(contentDisposition, value);
         else if (name == http::field::content_encoding)
@@ -91,6 +102,20 @@ QByteArray verbName(Verb verb)
     return verb == Verb::Get ? QByteArrayLiteral("GET") : QByteArrayLiteral("POST");
 }
 
+// What the manager would have said of a connection that gave no reply.
+QNetworkReply::NetworkError asReplyError(QAbstractSocket::SocketError error)
+{
+    switch (error) {
+    case QAbstractSocket::ConnectionRefusedError: return QNetworkReply::ConnectionRefusedError;
+    case QAbstractSocket::HostNotFoundError: return QNetworkReply::HostNotFoundError;
+    case QAbstractSocket::SslHandshakeFailedError: return QNetworkReply::SslHandshakeFailedError;
+    case QAbstractSocket::SocketTimeoutError: return QNetworkReply::TimeoutError;
+    case QAbstractSocket::RemoteHostClosedError:
+    case QAbstractSocket::UnknownSocketError: return QNetworkReply::RemoteHostClosedError;
+    default: return QNetworkReply::UnknownNetworkError;
+    }
+}
+
 } // namespace
 
 SocketExchange::SocketExchange(OutgoingRequest& outgoing)
@@ -104,6 +129,7 @@ SocketExchange::SocketExchange(OutgoingRequest& outgoing)
       }))
 {
     socket->setReadBufferSize(readStep);
+    noteTlsErrors(*socket, this, [this](const QString& errors) { reply.tlsErrors = errors; });
     connect(socket.get(), &QTcpSocket::bytesWritten, this, &SocketExchange::written);
     connect(socket.get(), &QTcpSocket::readyRead, this, &SocketExchange::readArrived);
     // A close comes as an error, as a disconnect, or both, in either order; it
@@ -122,12 +148,18 @@ void SocketExchange::start()
 
 void SocketExchange::connectSocket()
 {
-    parser = std::make_unique<ReplyParser>();
-    parser->onHead = [this] { headArrived(); };
-    parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
+    newParser();
     connectedThisAttempt = false;
     writtenBytes = 0;
     norva::connectSocket(*socket, outgoing.request.url());
+}
+
+void SocketExchange::newParser()
+{
+    parser = std::make_unique<ReplyParser>();
+    parser->onHead = [this] { headArrived(); };
+    parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
+    parser->keepHead = headsObserved();
 }
 
 void SocketExchange::abort()
@@ -178,9 +210,7 @@ bool SocketExchange::parse()
             if (parser->status != 100)
                 return true;
             // "100 Continue" is no answer: the reply follows it.
-            parser = std::make_unique<ReplyParser>();
-            parser->onHead = [this] { headArrived(); };
-            parser->onBody = [this](const char* data, qint64 size) { body(data, size); };
+            newParser();
         }
         if (used == 0)
             return true;
@@ -248,6 +278,8 @@ void SocketExchange::finish()
     if (finishedAlready)
         return;
     finishedAlready = true;
+    const QAbstractSocket::SocketError socketError = socket->error();
+    const QString socketErrorText = socket->errorString();
     socket->abort();
     reply.httpStatus = headSeen ? parser->status : 0;
     reply.contentDisposition = parser->contentDisposition;
@@ -255,8 +287,12 @@ void SocketExchange::finish()
     reply.complete = headSeen && !aborted && parser->is_done() && bodyValid && (!decoder || decoder->ended());
     // Downloads judge a reply by its status and whether it came whole; the
     // error is only there to say what ended it.
-    reply.networkError = reply.complete ? QNetworkReply::NoError : QNetworkReply::RemoteHostClosedError;
-    reply.errorString = socket->errorString();
+    reply.networkError = reply.complete ? QNetworkReply::NoError
+                         : headSeen     ? QNetworkReply::RemoteHostClosedError
+                                        : asReplyError(socketError);
+    reply.errorString = socketErrorText;
+    if (headSeen && parser->keepHead)
+        reply.replyHead = parser->head + "\r\n";
     onFinished();
 }
 

@@ -41,6 +41,7 @@ private:
     void closed();
     // Hands the parser what is buffered; false when the reply can't be read on.
     bool parse();
+    void newParser();
     void headArrived();
     void body(const char* data, qint64 size);
     void finish();

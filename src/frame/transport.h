@@ -10,6 +10,7 @@
 #include <memory>
 
 QT_BEGIN_NAMESPACE
+class QNetworkReply;
 class QObject;
 class QTcpSocket;
 QT_END_NAMESPACE
@@ -33,5 +34,10 @@ std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::f
 
 // Connects the socket made for `url` to its host and port.
 void connectSocket(QTcpSocket& socket, const QUrl& url);
+
+// Hands `note` the certificate problems TLS finds on the reply or the socket,
+// as one "; "-joined text (never, where Qt has no TLS).
+void noteTlsErrors(QNetworkReply& reply, QObject* context, std::function<void(const QString&)> note);
+void noteTlsErrors(QTcpSocket& socket, QObject* context, std::function<void(const QString&)> note);
 
 } // namespace norva

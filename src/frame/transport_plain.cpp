@@ -28,4 +28,8 @@ void connectSocket(QTcpSocket& socket, const QUrl& url)
     socket.connectToHost(url.host(), quint16(url.port(80)));
 }
 
+void noteTlsErrors(QNetworkReply&, QObject*, std::function<void(const QString&)>) {}
+
+void noteTlsErrors(QTcpSocket&, QObject*, std::function<void(const QString&)>) {}
+
 } // namespace norva

@@ -1,9 +1,24 @@
 #include "frame/transport.h"
 
+#include <QNetworkReply>
+#include <QSslError>
 #include <QSslSocket>
+#include <QStringList>
 #include <QUrl>
 
 namespace norva {
+
+namespace {
+
+QString joined(const QList<QSslError>& errors)
+{
+    QStringList texts;
+    for (const QSslError& error : errors)
+        texts << error.errorString();
+    return texts.join(QStringLiteral("; "));
+}
+
+} // namespace
 
 bool canReach(const QUrl& url, QString& why)
 {
@@ -34,6 +49,20 @@ void connectSocket(QTcpSocket& socket, const QUrl& url)
         static_cast<QSslSocket&>(socket).connectToHostEncrypted(url.host(), quint16(url.port(443)));
     else
         socket.connectToHost(url.host(), quint16(url.port(80)));
+}
+
+void noteTlsErrors(QNetworkReply& reply, QObject* context, std::function<void(const QString&)> note)
+{
+    QObject::connect(&reply, &QNetworkReply::sslErrors, context,
+                     [note = std::move(note)](const QList<QSslError>& errors) { note(joined(errors)); });
+}
+
+void noteTlsErrors(QTcpSocket& socket, QObject* context, std::function<void(const QString&)> note)
+{
+    if (auto* const tls = qobject_cast<QSslSocket*>(&socket)) {
+        QObject::connect(tls, QOverload<const QList<QSslError>&>::of(&QSslSocket::sslErrors), context,
+                         [note = std::move(note)](const QList<QSslError>& errors) { note(joined(errors)); });
+    }
 }
 
 } // namespace norva

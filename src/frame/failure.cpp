@@ -1,0 +1,67 @@
+#include "frame/failure.h"
+
+namespace norva {
+
+using NORVA::NORVA_API_QT::CallFailure;
+
+namespace {
+
+FailureReport& lastOfThisThread()
+{
+    thread_local FailureReport last;
+    return last;
+}
+
+} // namespace
+
+FailureReport describeFailure(const ReceivedReply& reply, const QUrl& url)
+{
+    if (reply.cancelled)
+        return {CallFailure::Cancelled, QStringLiteral("request cancelled")};
+    const QString where = url.toString(QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment | QUrl::RemoveUserInfo);
+    if (reply.idlePassed)
+        return {CallFailure::IdleLimit, QStringLiteral("No byte from %1 for the whole idle limit").arg(where)};
+    if (reply.httpStatus != 0)
+        return {};
+    if (url.host().isEmpty())
+        return {CallFailure::HostNotFound, QStringLiteral("No service address: the ipconfig names no host")};
+    switch (reply.networkError) {
+    case QNetworkReply::ConnectionRefusedError:
+        return {CallFailure::ConnectionRefused, QStringLiteral("Connection refused (%1)").arg(where)};
+    case QNetworkReply::HostNotFoundError:
+        return {CallFailure::HostNotFound, QStringLiteral("Host %1 not found (%2)").arg(url.host(), where)};
+    case QNetworkReply::SslHandshakeFailedError:
+        if (!reply.tlsErrors.isEmpty())
+            return {CallFailure::TlsNotTrusted,
+                    QStringLiteral("The certificate of %1 is not trusted: %2").arg(where, reply.tlsErrors)};
+        return {CallFailure::TlsHandshakeFailed,
+                QStringLiteral("TLS handshake with %1 failed: %2").arg(where, reply.errorString)};
+    case QNetworkReply::NoError:
+    case QNetworkReply::RemoteHostClosedError:
+        return {CallFailure::ClosedEarly, QStringLiteral("%1 closed the connection before a reply came").arg(where)};
+    default:
+        return {CallFailure::NetworkError, reply.errorString.isEmpty() ? QStringLiteral("Network error (%1)").arg(where)
+                                                                       : reply.errorString};
+    }
+}
+
+void noteLastFailure(FailureReport report)
+{
+    lastOfThisThread() = std::move(report);
+}
+
+} // namespace norva
+
+namespace NORVA::NORVA_API_QT {
+
+CallFailure lastCallFailure()
+{
+    return norva::lastOfThisThread().cause;
+}
+
+std::string lastCallFailureText()
+{
+    return norva::lastOfThisThread().text.toStdString();
+}
+
+} // namespace NORVA::NORVA_API_QT
