@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The asynchronous face beside bare Qt with one reused manager and libcurl's
 // multi interface, against a loopback sink; and the peak resident memory of
 // downloads through either face.

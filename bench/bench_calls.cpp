@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One measurement of the per-call or upload cost, by the library or by bare Qt,
 // against a sink that is already running; built for Linux and for Windows, so
 // that scripts/bench --windows compares the two on one machine.

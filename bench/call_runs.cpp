@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "call_runs.h"
 
 #include "norva_api_qt.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The measured runs that need nothing but Qt and the library, so that the same
 // code measures on Linux and, built for Windows, under Wine.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Running a measured transfer in a child process of its own, so that each gets
 // its own peak resident memory; and the median of repeated runs.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "loopback_sink.h"
 
 #include <arpa/inet.h>

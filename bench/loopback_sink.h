@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A loopback HTTP server for benchmarks that answers without doing any work, so
 // that what is measured is the client. It runs in a forked child process: its
 // memory and time never count against the measured process.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What one call costs and how transfers scale, side by side with libcurl and a
 // reused QNetworkAccessManager, in one run against a loopback sink.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A large file through the library into norva-records-service and back: the
 // bytes must come back equal, and the service's peak resident memory shows
 // that it streams (file parts written to disk as they come, downloads read

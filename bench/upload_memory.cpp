@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uploads one large file with norva_sdk_upload_file and prints the peak resident
 // memory of the uploading process: the file is streamed from disk, so the peak
 // must not grow with the file.

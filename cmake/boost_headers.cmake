@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Boost's headers (Beast and Asio are headers only): the library reads
 # downloads with Beast's parser, the service and the tests serve HTTP with it. A
 # cross build can't put the host's /usr/include on its path, so it sees Boost

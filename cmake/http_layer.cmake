@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The service's HTTP layer on Boost.Beast (headers only) and its form reader,
 # shared with the tests' scripted service and their form checks.
 # TLS through OpenSSL where Debian has it; the Windows build (the tests'

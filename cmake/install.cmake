@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Installs the header, the library (with its SONAME), the programs, a CMake
 # package giving Norva::NORVA_API_QT (Norva::NORVA_API_QT6 for Qt 6), and a
 # pkg-config file, each under the names of the Qt line built for.
@@ -7,11 +8,11 @@ include(CMakePackageConfigHelpers)
 set(NORVA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${NORVA_PACKAGE_NAME})
 
 install(TARGETS NORVA_API_QT EXPORT ${NORVA_PACKAGE_NAME}Targets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(EXPORT ${NORVA_PACKAGE_NAME}Targets NAMESPACE Norva:: DESTINATION ${NORVA_CMAKE_DIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${NORVA_INCLUDE_SUBDIR} COMPONENT development)
+install(EXPORT ${NORVA_PACKAGE_NAME}Targets NAMESPACE Norva:: DESTINATION ${NORVA_CMAKE_DIR} COMPONENT development)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/NorvaApiQtConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}Config.cmake INSTALL_DESTINATION ${NORVA_CMAKE_DIR})
@@ -19,17 +20,22 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAM
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}Config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PACKAGE_NAME}ConfigVersion.cmake
-  DESTINATION ${NORVA_CMAKE_DIR})
+  DESTINATION ${NORVA_CMAKE_DIR} COMPONENT development)
 
 # Relative to the .pc file, so that the installed tree can be moved.
 file(RELATIVE_PATH NORVA_PC_TO_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 set(NORVA_PC_PREFIX "\${pcfiledir}/${NORVA_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/norva-api-qt.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
 
 foreach(program norva norva-console norva-records-service)
   if(TARGET ${program})
     set_target_properties(${program} PROPERTIES OUTPUT_NAME ${program}${NORVA_PROGRAM_SUFFIX})
-    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    set(component command)
+    if(program STREQUAL "norva-records-service")
+      set(component service)
+    endif()
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${component})
   endif()
 endforeach()

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Cross-builds for 64-bit Windows with Debian's MinGW-w64 compilers. Qt for
 # Windows was built with posix threads, so the -posix compilers are used.
 set(CMAKE_SYSTEM_NAME Windows)

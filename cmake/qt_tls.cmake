@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Sets NORVA_QT_TRANSPORT to "tls" when the Qt found has TLS (its
 # qtnetwork-config.h says QT_FEATURE_ssl 1), else to "plain".
 get_target_property(norva_network_includes Qt${NORVA_QT_MAJOR}::Network INTERFACE_INCLUDE_DIRECTORIES)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "certificates.h"
 
 #include <openssl/bio.h>

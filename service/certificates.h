@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Keys and X.509 certificates in PEM, made with OpenSSL: the service's
 // self-signed certificate, and the certificate authorities of the tests.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // SQLite for the records service: a connection that writes and one that only
 // reads, each used under its own lock, with statements that bind and read JSON
 // values as they are. In WAL mode the reader sees the last commit and waits

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "fault_injection.h"
 #include "whole_number.h"
 

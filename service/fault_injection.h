@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Faults a host's own tests can ask the service for, to try their error paths:
 // a slow answer, an HTTP status for a path, a connection closed without an
 // answer, tokens that no longer count.

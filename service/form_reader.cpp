@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "form_reader.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reads multipart/form-data as clients really send it: parameter values quoted
 // or not, blanks inside an unquoted file name, no blank after a semicolon.
 // Beast has no form reader. This one splits a form as its bytes arrive, in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Giving freed heap memory back to the system. After a large request the
 // allocator keeps what it freed for later (glibc: 1.3 GiB kept after sixteen
 // 15 MiB JSON batches, all of it free); the service runs for months and should

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "free_memory.h"
 
 #include <malloc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "free_memory.h"
 
 namespace norva::service {

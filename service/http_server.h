@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The service's HTTP/1.1 layer. Boost.Beast parses and writes the messages;
 // around it this layer keeps what a local service needs: heads read
 // asynchronously under deadlines, handlers on worker threads (they block on

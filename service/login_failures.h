@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Slows down the guessing of one user's password, without slowing the logins
 // of anybody else.
 #pragma once

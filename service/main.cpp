@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // norva-records-service: a local stand-in of the records service, for trying the
 // library and developing offline.
 //

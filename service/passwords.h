@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Users' passwords as Argon2id hashes (libsodium): the service never stores a
 // password as it was typed.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "records_service.h"
 
 #include "passwords.h"

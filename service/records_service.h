@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records service's behaviour: every path the library uses, over SQLite
 // and a folder of file contents.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the service's route families share: a request as its route sees it,
 // the service's answers, and WHERE clauses made from a request's filters.
 // Each family adds its routes in a file of its own (routes_accounts.cpp,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Logging in and out, passwords, and the user list.
 #include "routes.h"
 #include "passwords.h"

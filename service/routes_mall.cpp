@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The mall's orders and files, and the planner's models: open to anyone.
 #include "routes.h"
 

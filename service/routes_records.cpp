@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records kept about boards: the files' own, shares, favourites, the error
 // library and error messages.
 #include "routes.h"

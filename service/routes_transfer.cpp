@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uploads, which store files with their records, and downloads.
 #include "routes.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // TLS on the service's connections, behind one small interface so that the
 // HTTP layer needs no TLS headers: OpenSSL through Asio's TLS stream where the
 // build has it (tls_session_openssl.cpp), none elsewhere (tls_session_none.cpp,

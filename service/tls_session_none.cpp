@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A build without TLS: no context can be made, so no session is ever started.
 #include "tls_session.h"
 

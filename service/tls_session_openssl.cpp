@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tls_session.h"
 
 #include <boost/asio/ssl.hpp>

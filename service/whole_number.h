@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How the service's command-line options read a number: digits only, within
 // bounds. strtol would take " 5", "+5" and "5s" as 5, and a value the service
 // silently read otherwise than its user meant would test something else.

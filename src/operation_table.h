@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every free operation of the library, once: its name, its function (whose
 // namespace its prefix says), a summary, the argument keys it reads, and the
 // key that names the calling user. The library's lookup by name (the

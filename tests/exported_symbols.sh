@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The shared library exports the 42 operations, the class and the progress
 # extension, and nothing of its internals.
 set -euo pipefail
@@ -26,4 +27,9 @@ done
 if grep -E '(^| )(norva|testing_support)::' <<<"$symbols"; then
   echo "internal symbols are exported"; exit 1
 fi
-echo "exports: 42 operations, NORVA_HTTP_API and the progress extension, no internals"
+# On ELF, nothing but the library's own names: no Boost, no standard library code.
+if [[ $library != *.dll ]]; then
+  foreign=$(nm -D --defined-only -C "$library" | cut -d' ' -f3- | grep -vE '^((vtable|typeinfo|typeinfo name) for )?NORVA::' || true)
+  [ -z "$foreign" ] || { echo "names not of the library's own are exported:"; head <<<"$foreign"; exit 1; }
+fi
+echo "exports: 42 operations, NORVA_HTTP_API, the progress extension and the version, nothing else"

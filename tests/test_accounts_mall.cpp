@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Login, logout, password, user queries, the mall and the planner: token or
 // none, GET queries, and how "msg" is read in each.
 #include "support/operation_table.h"

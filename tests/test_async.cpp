@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The asynchronous face beyond what the operation tables show through it: many
 // calls at once, cancelling, a client that goes first, names and threads.
 #include "support/harness.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library against the local records service, as a user would run them.
 #include "support/harness.h"
 

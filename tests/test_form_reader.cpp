@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The service's form reader on forms as other clients write them, broken ones,
 // forms that arrive in pieces of any size (delimiters across their edges), and
 // what it keeps where. (test_transfer reads every form the library sends with

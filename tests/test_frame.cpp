@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's own pieces, without the public header's view: the repeated-key
 // scan, the idle limit, and how a download names what it stores.
 #include "support/harness.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Services that misbehave: every case ends in one of the frame's documents, the
 // same one on every run.
 #include "support/operation_table.h"

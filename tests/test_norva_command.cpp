@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The norva command as a shell user runs it: sessions, key=value words, and
 // Ctrl-C.
 #include "support/harness.h"

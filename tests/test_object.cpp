@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host with its own application: NORVA_HTTP_API (its two members with their
 // lines on standard output, the slot for failed replies), and calls made from
 // inside the host's running event loop and from worker threads.

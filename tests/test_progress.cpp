@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Stopping calls: what a cancelled call returns and leaves behind; and reports
 // that keep up with bytes which come in a burst and then stop. (The rest of
 // what the progress observer hears is checked on every row of the operation

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Original file records, the error library and error messages: the renamed
 // keys, raw versus optional raw, and where a failure's "data" comes from.
 #include "support/operation_table.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shares and favourites: how each argument key reaches the service, and how
 // each reply becomes the result document.
 #include "support/operation_table.h"

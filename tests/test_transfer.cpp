@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uploads and downloads: the form exactly as it crossed the wire, the files a
 // download leaves behind, and every outcome's result document.
 #include "support/operation_table.h"

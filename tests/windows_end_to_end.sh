@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The Windows build against the local records service running as the Linux
 # program: norva.exe logs in, uploads a folder whose name and files go beyond
 # ASCII (under Wine's Windows code page, not UTF-8), and downloads the file into

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "batch_run.h"
 
 #include "command_document.h"

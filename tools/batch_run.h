@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // norva batch: many calls from a file of JSON lines, through the library's
 // asynchronous face, with their results in input order.
 #pragma once

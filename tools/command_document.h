@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Turning the norva command's words into an argument document, and a result
 // document into indented text.
 #pragma once

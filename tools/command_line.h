@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The norva command's words as UTF-8, whatever the system passes to main().
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // norva-console: logs in through NORVA_HTTP_API, prints the result and a line of
 // 25 asterisks, then runs the application's event loop (or quits with --once).
 #include "norva_api_qt.h"

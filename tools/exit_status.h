@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a call of the norva command ended, as its exit status says it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "interrupt_to_cancel.h"
 
 #include "norva_api_qt_progress.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Ctrl-C during a call cancels that call through the library, so that nothing
 // half done is left behind (a download stores nothing).
 #pragma once

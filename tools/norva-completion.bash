@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Bash completion for norva: its options, the operations (as norva --list names
 # them) and the keys of the operation on the line (as norva OP --help lists
 # them), so that it always offers what the installed program takes.

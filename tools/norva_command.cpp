@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // norva: calls any operation of the library by name from a shell.
 //
 //   norva [options] <operation> '<argument document>'

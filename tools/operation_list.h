@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The operations the norva command can call (the library's one table of them,
 // operation_table.h), found by name, and the check of an argument document's
 // keys against what its operation reads.

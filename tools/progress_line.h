@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A progress bar with rate and time left, redrawn in place on a terminal.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The norva command's saved session: the service's address and a token (and the
 // user's id, for logging out) in norva/session.json under the user's
 // configuration folder, readable by the user only. The library itself reads no

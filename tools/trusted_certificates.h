@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Certificates the norva command trusts beside the system's (--cacert,
 // NORVA_CACERT, the saved session), added to Qt's default TLS configuration,
 // which every call of the library checks a service's certificate against. One

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A Qt without TLS reaches no "https" service; a certificate to trust changes
 // nothing, and the library says why at the call.
 #include "trusted_certificates.h"

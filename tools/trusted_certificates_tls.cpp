@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "trusted_certificates.h"
 
 #include <QFile>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A small host program: logs in, lists the user's shares, logs out. It has no
 // Qt application of its own, so each call makes a temporary one.
 //

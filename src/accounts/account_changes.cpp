@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Logging out and changing the password.
 #include "frame/operation.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "accounts/login.h"
 
 #include "norva_api_qt.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The login operation, shared by the free function and the object's member.
 #pragma once
 

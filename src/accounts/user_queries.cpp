@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Listing users, whole or by page. A filter left out goes to the service as null.
 #include "frame/operation.h"
 

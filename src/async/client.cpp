@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The asynchronous face: an operation's own function runs up to its exchange
 // (deferred_call.h), the exchange runs on the client's manager, and the reply
 // goes back to the operation's judge. No event loop is run here.

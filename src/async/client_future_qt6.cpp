@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A call as a QFuture, for .then() chains and coroutine wrappers.
 #include "norva_api_qt_async.h"
 

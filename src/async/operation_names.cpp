@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "async/operation_names.h"
 
 #include "operation_table.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The free operations by name, for the asynchronous face (operation_table.h).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/call_watch.h"
 
 namespace norva {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a host can see of a call while it waits, and how it stops one: the
 // calling thread's progress observer, its idle limit, and its stack of
 // exchanges under way (the innermost one is what cancelCall() ends).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/content_decoder.h"
 
 #include <zlib.h>

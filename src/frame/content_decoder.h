@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Undoing a reply's Content-Encoding, for the exchange that reads a download on
 // a socket of its own. It asks for what Qt's manager asks for (which differs
 // between Qt lines: content_coding_qt5.cpp, content_coding_qt6.cpp) and so must

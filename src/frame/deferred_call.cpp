@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/deferred_call.h"
 
 #include "frame/operation.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A call for the asynchronous face. The operation's own function runs as for a
 // blocking call, on the caller's thread, up to its exchange; the exchange is
 // not made but kept here, with what the operation would do with its reply. The

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/exchange.h"
 
 #include "frame/call_watch.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The one blocking HTTP exchange of a call.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Why an exchange got no reply: the cause a host can act on, and a line that
 // says it, kept per thread for the blocking functions.
 #pragma once

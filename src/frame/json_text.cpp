@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/json_text.h"
 
 #include <QJsonArray>

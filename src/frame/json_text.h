@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // JSON text before it reaches Qt's parser.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Compact JSON text, byte for byte as QJsonDocument::toJson(Compact) writes it,
 // without building a QJsonDocument.
 //

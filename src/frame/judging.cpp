@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/judging.h"
 
 #include "frame/json_text.h"

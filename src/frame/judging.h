@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Judging a reply: the HTTP classes, and the outcome table that turns a service
 // reply (the JSON object of an HTTP 200 body) into a result document.
 //

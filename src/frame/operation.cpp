@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/operation.h"
 
 #include "frame/deferred_call.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Operations as declarations: a path, who may call it, how the body is made from
 // the argument document, and the table that turns the service's reply into the
 // result document. Operations whose body or whose HTTP 200 reply is not JSON

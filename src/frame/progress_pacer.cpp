@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/progress_pacer.h"
 
 #include <algorithm>

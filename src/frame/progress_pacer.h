@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The figures of one exchange as a host sees them: paced, and never going
 // backwards. Whatever reports them (a thread's observer, a reply's signal)
 // gets the same reports.

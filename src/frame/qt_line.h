@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where Qt 5 and Qt 6 behave differently and the library pins one behaviour
 // down. One file per Qt line stands behind this header (qt_line_qt5.cpp,
 // qt_line_qt6.cpp), chosen by the build; nothing else in the library asks which

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/qt_line.h"
 
 #include <QNetworkRequest>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/reading.h"
 
 #include "frame/json_writer.h"

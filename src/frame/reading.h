@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reading an argument document or a service reply, key by key.
 //
 // Each key of a document is read in one mode, and the mode alone decides what a

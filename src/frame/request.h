@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Building the request of one call: the service URL, the body in one of its
 // forms, and the headers. Nothing here touches the network.
 #pragma once

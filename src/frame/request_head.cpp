@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/request_head.h"
 
 #include "frame/content_decoder.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The request head that Qt's network manager writes for a request, built
 // without it: the exchange that reads a download on a socket of its own sends
 // the very bytes the manager would.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Result documents: their fixed forms, their compact text and the console echo.
 #pragma once
 

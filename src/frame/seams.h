@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Internal seams for tests. Not part of the public header, and never set in
 // normal use.
 #pragma once

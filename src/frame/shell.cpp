@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "frame/shell.h"
 
 #include "frame/call_watch.h"

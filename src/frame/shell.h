@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The shell of an operation: from the argument text to the result text.
 //
 // It parses the argument document, builds a temporary QCoreApplication when the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Beast first: on Windows, Asio's headers must see winsock2.h before anything
 // brings in windows.h.
 #include <boost/asio/buffer.hpp>

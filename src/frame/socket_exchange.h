@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An HTTP/1.1 exchange on a socket of its own, for replies whose end must be
 // known for certain. Qt's network manager, when a connection closes in the
 // middle of a chunked body, at some moments ends that body as if the close had

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The socket a download's exchange runs on: plain TCP for "http", TLS for
 // "https" where this build of Qt has TLS. One file per kind of Qt build,
 // chosen by the build (transport_tls.cpp, transport_plain.cpp).

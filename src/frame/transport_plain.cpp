@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // For a Qt built without TLS: "https" can't be reached, and says why.
 #include "frame/transport.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Mall orders and mall files. No token: HTTP 402 is an ordinary failure here.
 #include "frame/operation.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Planner models. GETs without a token; the Content-Type is the form one
 // although no form is sent.
 #include "frame/operation.h"

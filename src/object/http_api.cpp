@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported QObject: login and download for hosts with an application, and a
 // slot that reports failed replies.
 #include "norva_api_qt.h"

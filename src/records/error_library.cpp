@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The error library: the service's table of error types. The insert sends only
 // the fields given; the update and the selects send every field, null when absent.
 #include "frame/operation.h"

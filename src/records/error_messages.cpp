@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Error messages placed on boards. Three argument keys are renamed on the way:
 // boardId -> brdId, reMark -> remark, library_id -> libraryId. The selects have
 // no id filter.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Favourite records: a user marks a board. The exported names say "favorite",
 // the service's paths "favourite".
 #include "frame/operation.h"

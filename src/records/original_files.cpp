@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Original file records: listing with a twelve-key filter, changing fields, and
 // setting the delete flag.
 #include "frame/operation.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Share records: a user shares a board with a party in some way.
 #include "frame/operation.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transfer/download.h"
 
 #include "norva_api_qt.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Downloads: naming the stored file after the reply's Content-Disposition, and
 // saving the reply's bytes in the caller's folder.
 #pragma once

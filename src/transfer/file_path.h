@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A path as the library hands it to Qt's file classes.
 #pragma once
 

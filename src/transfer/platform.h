@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the file transfer needs from the platform: the path separator, the
 // folder listing, and narrow text in the system's encoding as UTF-8.
 #pragma once

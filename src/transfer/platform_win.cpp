@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transfer/platform.h"
 
 #include <io.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "transfer/upload_file.h"
 
 #include "transfer/file_path.h"

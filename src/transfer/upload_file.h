@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file as the body of an upload part.
 #pragma once
 

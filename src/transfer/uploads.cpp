@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Uploads: one file or every file directly in a folder, with its record, in one
 // multipart form.
 #include "frame/operation.h"

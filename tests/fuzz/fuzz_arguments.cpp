@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds arbitrary text as the argument document of every operation. The
 // exchange is stubbed, so the requests are built in full but never sent; the
 // stub's answers store no file.

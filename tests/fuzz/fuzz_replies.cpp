@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds arbitrary reply bytes to the judging of every operation. The first byte
 // picks the operation and the HTTP status, the first line of the rest is the
 // Content-Disposition header, the remainder the body. Downloads store into a

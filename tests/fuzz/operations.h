@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every operation, for the fuzz targets.
 #pragma once
 

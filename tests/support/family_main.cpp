@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One table-driven test per operation family: the family's source file gives
 // familyCases(), this file runs them.
 #include "support/operation_table.h"

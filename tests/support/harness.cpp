@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/harness.h"
 
 #include "norva_api_qt_async.h"

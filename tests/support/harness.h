@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Calling an operation the way a host does, and seeing what it printed.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/operation_table.h"
 
 #include "norva_api_qt_progress.h"

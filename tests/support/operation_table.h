@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Table-driven operation tests: each row states an argument document, the
 // service's scripted reply, the exact request expected on the wire, and the exact
 // result document (which must also be the last line on standard output).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Each operation test is built twice: in a process without a Qt application
 // (every call makes its own temporary one) and in a host with an application.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A loopback HTTP server that plays the records service in tests.
 //
 // It runs on a thread of its own (so it answers whatever the calling thread is

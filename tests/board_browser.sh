@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# The GUI example, offscreen, against a local service: it logs in, uploads a
+# board (which then stands in its list), cancels a second upload half way
+# (which leaves nothing), and saves a picture of its window.
+#
+#   board_browser.sh <norva-records-service> <board_browser> <picture.png>
+set -euo pipefail
+service=$1 browser=$2 picture=$3
+work=$(mktemp -d)
+"$service" --listen 127.0.0.1:0 "$work/data" > "$work/service.log" 2>&1 &
+pid=$!
+trap 'kill $pid 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do grep -q '^listening on' "$work/service.log" && break; sleep 0.1; done
+address=$(sed -n 's/^listening on //p' "$work/service.log")
+# Large enough that the second upload is still under way when it is cancelled.
+head -c $((48 << 20)) /dev/urandom > "$work/panel.brd"
+rm -f "$picture"
+QT_QPA_PLATFORM=offscreen "$browser" --script "$picture" "$address" norva norva "$work/panel.brd"
+[ -s "$picture" ] || { echo "board_browser.sh: no picture at $picture"; exit 1; }
+echo "board_browser: logged in, uploaded, cancelled an upload, picture in $picture"
