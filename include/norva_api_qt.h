@@ -59,9 +59,8 @@
 ///    out (unknown authority, expired, another host's name), and a service that
 ///    does not speak TLS, end the call as a service that never answered does,
 ///    with that operation's no-reply result; nothing of the request is sent.
-///    A Qt built without TLS (the Qt for Windows this library is tested with)
-///    gives the no-reply result for every "https" call, writes a line on
-///    standard error that says why, and sends nothing.
+///    A Qt built without TLS gives the no-reply result for every "https" call,
+///    writes a line on standard error that says why, and sends nothing.
 ///
 /// Qt 5 and Qt 6 builds behave alike (redirects are not followed on either), with
 /// two differences: a whole number beyond 2^53 passed through unconverted stays
