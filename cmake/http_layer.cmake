@@ -5,9 +5,11 @@
 # scripted service only) goes without.
 if(WIN32)
   set(norva_tls_session service/tls_session_none.cpp)
+  set(norva_spare_descriptor service/spare_descriptor_none.cpp)
 else()
   find_package(OpenSSL REQUIRED)
   set(norva_tls_session service/tls_session_openssl.cpp)
+  set(norva_spare_descriptor service/spare_descriptor_posix.cpp)
 endif()
 # Freed heap memory goes back to the system where the C library can trim.
 include(CheckSymbolExists)
@@ -17,7 +19,8 @@ if(NORVA_HAVE_MALLOC_TRIM)
 else()
   set(norva_free_memory service/free_memory_none.cpp)
 endif()
-add_library(norva_http STATIC service/http_server.cpp service/form_reader.cpp ${norva_tls_session} ${norva_free_memory})
+add_library(norva_http STATIC service/http_server.cpp service/form_reader.cpp ${norva_tls_session} ${norva_free_memory}
+            ${norva_spare_descriptor})
 target_include_directories(norva_http PUBLIC ${PROJECT_SOURCE_DIR}/service)
 target_include_directories(norva_http SYSTEM PUBLIC ${norva_boost_include})
 target_link_libraries(norva_http PUBLIC Threads::Threads)

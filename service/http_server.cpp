@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "http_server.h"
 
+#include "spare_descriptor.h"
+
 #include "free_memory.h"
 #include "tls_session.h"
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
@@ -512,11 +515,15 @@ struct HttpServer::Context {
     std::mutex mutex;
     std::condition_variable ended;
     std::set<Connection*> open;
+    SpareDescriptor spare;      // for a connection to turn away when none is left
+    bool acceptFailing = false; // the last accept failed (logged once a run)
+    bool tls = false;           // a turned-away connection gets no plain answer
 };
 
 HttpServer::HttpServer(HttpLimits limits) : context(std::make_unique<Context>()), limits(std::move(limits))
 {
     this->limits.bodyMemory = std::make_shared<BodyMemory>(this->limits.memoryBodiesBytes);
+    context->tls = bool(this->limits.tls);
 }
 
 bool BodyMemory::take(std::uint64_t bytes)
@@ -566,6 +573,33 @@ void forget(HttpServer::Context& c, Connection* connection)
     c.ended.notify_all();
 }
 
+// An accept that failed does not end the loop. Out of descriptors, the spare
+// one makes room to take the waiting connection, answer it 503 and close it
+// (else the loop would wake for it again at once); then, as after any other
+// failure, the loop waits a moment and goes on. The first failure of a run of
+// them is logged.
+void acceptFailed(HttpServer::Context& c, const error_code& ec, std::function<void()> again)
+{
+    if (!c.acceptFailing)
+        std::fprintf(stderr, "norva-records-service: accepting a connection failed (%s); going on\n", ec.message().c_str());
+    c.acceptFailing = true;
+    if (outOfDescriptors(ec.value())) {
+        c.spare.release();
+        error_code ignored;
+        tcp::socket turnedAway(c.context);
+        c.acceptor.accept(turnedAway, ignored);
+        if (!ignored && !c.tls) {
+            static const char answer[] = "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\n"
+                                         "Content-Length: 21\r\nConnection: close\r\n\r\ntoo many connections\n";
+            net::write(turnedAway, net::buffer(answer, sizeof answer - 1), ignored);
+        }
+        turnedAway.close(ignored);
+        c.spare.take();
+    }
+    auto pause = std::make_shared<net::steady_timer>(c.context, std::chrono::milliseconds(50));
+    pause->async_wait([pause, again = std::move(again)](const error_code&) { again(); });
+}
+
 // Accepts connections until the acceptor closes, each made by `make` and
 // counted among the open ones, then hands each to `take` with whether it is
 // one more than `most`.
@@ -573,8 +607,13 @@ template <class Make, class Take> void acceptEach(HttpServer::Context& c, int mo
 {
     auto connection = make();
     c.acceptor.async_accept(connection->stream.socket(), [&c, most, make, take, connection](const error_code& ec) {
-        if (ec)
+        if (ec == net::error::operation_aborted || !c.acceptor.is_open())
             return; // the acceptor was closed
+        if (ec) {
+            acceptFailed(c, ec, [&c, most, make, take] { acceptEach(c, most, make, take); });
+            return;
+        }
+        c.acceptFailing = false;
         // An answer goes out as it is written: with Nagle's wait, a client
         // that keeps its connection and acknowledges late (delayed ACK) gets
         // the second piece of each answer 40 ms after the first.

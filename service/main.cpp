@@ -157,6 +157,10 @@ int main(int argc, char** argv)
     norva::service::ServiceOptions options;
     norva::service::FaultInjection faults;
     norva::service::HttpLimits limits;
+    // Connections stay well under the descriptor limit: the database, spooled
+    // form parts, stored files and TLS need theirs too.
+    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY)
+        limits.openConnections = int(std::min<rlim_t>(rlim_t(limits.openConnections), files.rlim_cur > 128 ? files.rlim_cur - 96 : 32));
     std::string host = "127.0.0.1";
     int port = 8765;
     std::vector<std::string> newUsers;

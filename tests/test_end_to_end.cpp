@@ -33,8 +33,11 @@ class LocalService
 public:
     bool start(const QString& dataFolder, const QStringList& extra = {}, const QByteArray& input = {})
     {
-        process.start(QStringLiteral(NORVA_SERVICE_PATH),
-                      QStringList{"--listen", "127.0.0.1:0"} + extra + QStringList{dataFolder});
+        const QStringList arguments = QStringList{"--listen", "127.0.0.1:0"} + extra + QStringList{dataFolder};
+        if (launcher.isEmpty())
+            process.start(QStringLiteral(NORVA_SERVICE_PATH), arguments);
+        else
+            process.start(launcher.front(), launcher.mid(1) + QStringList{NORVA_SERVICE_PATH} + arguments);
         if (!process.waitForStarted(5000))
             return false;
         process.write(input);
@@ -60,6 +63,7 @@ public:
     QProcess process;
     QString address;
     QString printed;
+    QStringList launcher; // a program that runs the service (prlimit, say)
 };
 
 QJsonObject call(OperationFunction operation, QJsonObject argument, const QString& address, const QString& token = {})
@@ -137,6 +141,7 @@ private slots:
     void plainPasswordsAreConvertedOnOpen();
     void tokensAndPasswordsAreKeptSafe();
     void slowClientsHoldNothing();
+    void runningOutOfDescriptorsStopsNothing();
     void bodiesInMemoryAreBounded();
     void aBatchThatFailsLeavesNoRows();
     void badRequests_data();
@@ -510,6 +515,34 @@ void EndToEndTest::tokensAndPasswordsAreKeptSafe()
 // Connections that send half a head, more of them than requests are served
 // at once, keep nobody else out; each is cut when its head's deadline passes,
 // even while it trickles a byte now and then (an idle timer would wait on).
+// Under a limit of 256 descriptors, 340 connections at once: those past what
+// it can hold are turned away, and once they are gone the service answers as
+// before (an accept loop that gave up would never answer again).
+void EndToEndTest::runningOutOfDescriptorsStopsNothing()
+{
+    LocalService service;
+    service.launcher = QStringList{"prlimit", "--nofile=256:256"};
+    QVERIFY(service.start(folder.filePath("data-descriptors")));
+    const quint16 port = service.address.section(':', 1).toUShort();
+    NORVA::NORVA_API_QT::setIdleLimit(10000); // a service that stopped accepting fails the test soon
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::unique_ptr<QTcpSocket>> held;
+        for (int i = 0; i < 340; ++i) {
+            held.push_back(std::make_unique<QTcpSocket>());
+            held.back()->connectToHost("127.0.0.1", port);
+        }
+        QTest::qWait(1000);
+        held.clear();
+        QElapsedTimer answered;
+        answered.start();
+        const QString token = login(service.address);
+        QVERIFY2(!token.isEmpty(), qPrintable(QString::fromUtf8(service.process.readAllStandardError())));
+        QCOMPARE(call(norva_sdk_select_share, {}, service.address, token)["status"].toInt(), 200);
+        QVERIFY2(answered.elapsed() < 5000, qPrintable(QString::number(answered.elapsed())));
+    }
+    NORVA::NORVA_API_QT::setIdleLimit(120 * 1000);
+}
+
 void EndToEndTest::slowClientsHoldNothing()
 {
     LocalService service;
