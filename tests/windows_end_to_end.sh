@@ -107,10 +107,11 @@ for certificate in by-other-ca other-host; do
   for _ in $(seq 50); do grep -q '^ACCEPT' "$work/$certificate.received" && break; sleep 0.1; done
   port=$(sed -n 's/^ACCEPT 127.0.0.1://p' "$work/$certificate.received")
   [ -n "$port" ] || fail "openssl s_server did not start: $(cat "$work/$certificate.received")"
-  for operation in login download_binary_file; do
-    refused=$(norva --cacert "$cacert" "$operation" "ipconfig=https://127.0.0.1:$port" username=norva \
-      password=norva "file_downloadpath=$(winepath -w "$work/tls-down")" data.id=1) || true
-    [ "$refused" = '{"message":"Server shuts down","status":400}' ] || fail "$certificate $operation: $refused"
+  for call in "login username=norva password=norva" \
+              "download_binary_file file_downloadpath=$(winepath -w "$work/tls-down") data.id=1"; do
+    # shellcheck disable=SC2086 # the operation and its words
+    refused=$(norva --cacert "$cacert" $call "ipconfig=https://127.0.0.1:$port") || true
+    [ "$refused" = '{"message":"Server shuts down","status":400}' ] || fail "$certificate ${call%% *}: $refused"
   done
   kill "$server"; wait "$server" 2> /dev/null || true
   exec 5>&-
