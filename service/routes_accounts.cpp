@@ -33,9 +33,16 @@ void RecordsService::addAccountRoutes()
         }
         purgeExpiredTokens();
         const std::string token = newToken();
-        db.change("INSERT INTO login_tokens(hash, userId, expires) VALUES(?,?,?)",
-                  {QString::fromStdString(tokenHash(token)), user.value("id"),
-                   double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds)});
+        // The password was checked without the lock: a token is made only if
+        // the hash it matched is still the user's (a change meanwhile ends
+        // every token of the old password, and this one must not outlive it).
+        const int made = db.change("INSERT INTO login_tokens(hash, userId, expires) "
+                                   "SELECT ?, ?, ? WHERE EXISTS (SELECT 1 FROM users WHERE id = ? AND userPwd = ?)",
+                                   {QString::fromStdString(tokenHash(token)), user.value("id"),
+                                    double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds),
+                                    user.value("id"), user.value("userPwd")});
+        if (made == 0)
+            return refuse("wrong password", 411);
         return ok(QJsonObject{{"token", QString::fromStdString(token)},
                               {"userId", user.value("id")},
                               {"userName", call["userName"]},
@@ -55,11 +62,16 @@ void RecordsService::addAccountRoutes()
             return refuse("a token may change only its own user's password", notYours);
         const std::string typed = call["userPwd"].toString().toStdString();
         const QString hash = QString::fromStdString(call.unlocked([&] { return hashPassword(typed); }));
+        // One transaction: the new hash and the end of the user's other
+        // tokens are stored together or not at all (a crash between them
+        // would leave an old token valid under the new password).
+        Transaction transaction(db);
         if (db.change("UPDATE users SET userPwd = ? WHERE id = ?", {hash, call["id"]}) == 0)
             return refuse("no such user");
         // Whoever held the old password holds none of the user's other tokens.
         db.change("DELETE FROM login_tokens WHERE userId = ? AND hash <> ?",
                   {call["id"], QString::fromStdString(tokenHash(call.request.header("token")))});
+        transaction.commit();
         return ok(call["id"], "password changed");
     });
     const auto selectUsers = [this](Call& call, bool paged) {

@@ -3,6 +3,8 @@
 // library and error messages.
 #include "routes.h"
 
+#include <cstring>
+
 #include <optional>
 
 namespace norva::service {
@@ -84,14 +86,20 @@ void RecordsService::addRecordRoutes()
         const QJsonValue createdAt = now();
         for (const QJsonValue& value : records) {
             const QJsonObject record = value.toObject();
+            // Nobody writes in another's name: the record's user is the caller,
+            // whatever it says (else it would stand in the other user's lists,
+            // where that user could not remove it).
+            const auto field = [&record, owner](const char* key) {
+                return std::strcmp(key, "userId") == 0 ? QJsonValue(double(owner)) : service::field(record, key);
+            };
             std::string same;
             std::vector<QJsonValue> sameBinds;
             for (const char* key : sameKeys) {
                 same += (same.empty() ? "" : " AND ") + std::string(key) + " IS ?";
-                sameBinds.push_back(field(record, key));
+                sameBinds.push_back(field(key));
             }
             if (!db.query(std::string("SELECT id FROM ") + table + " WHERE " + same, sameBinds).isEmpty()) {
-                repeated.append(field(record, boardKey));
+                repeated.append(field(boardKey));
                 continue;
             }
             std::string columns;
@@ -100,7 +108,7 @@ void RecordsService::addRecordRoutes()
             for (const char* key : keys) {
                 columns += std::string(key) + ", ";
                 marks += "?, ";
-                binds.push_back(field(record, key));
+                binds.push_back(field(key));
             }
             binds.push_back(createdAt);
             binds.push_back(double(owner));

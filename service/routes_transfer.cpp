@@ -38,7 +38,7 @@ void RecordsService::addTransferRoutes()
                   "createuserid, parentid, type, source, isError, size, createtime, owner) "
                   "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?)",
                   {name, QUuid::createUuid().toString(QUuid::WithoutBraces), QStringLiteral("local"), suffixOf(name),
-                   field(info, "zkcompanycode"), field(info, "createuserid"), field(info, "parentid"),
+                   field(info, "zkcompanycode"), double(owner), field(info, "parentid"),
                    field(info, "type"), field(info, "source"), field(info, "isError"), double(file.field.size), now(),
                    double(owner)});
         const long long id = db.lastInsertId();
@@ -47,9 +47,11 @@ void RecordsService::addTransferRoutes()
         file.path.clear();
         return id;
     };
+    // The uploader is the caller, whatever "createuserid" says: nobody stores
+    // files or shares in another's name.
     const auto share = [this](const QJsonObject& info, long long boardId, long long owner) {
         db.change("INSERT INTO shares(userId, brdId, acsTypeId, acsType, createtime, owner) VALUES(?,?,?,?,?,?)",
-                  {field(info, "createuserid"), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
+                  {double(owner), double(boardId), field(info, "acsTypeId"), field(info, "acsType"), now(),
                    double(owner)});
     };
     // Stores the staged files [first, last) under one transaction: all of them,

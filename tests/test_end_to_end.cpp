@@ -142,6 +142,7 @@ private slots:
     void tokensAndPasswordsAreKeptSafe();
     void slowClientsHoldNothing();
     void runningOutOfDescriptorsStopsNothing();
+    void aPasswordChangeLeavesNoOldToken();
     void bodiesInMemoryAreBounded();
     void aBatchThatFailsLeavesNoRows();
     void badRequests_data();
@@ -406,6 +407,19 @@ void EndToEndTest::eachTokenActsForItsOwnUser()
     QVERIFY(loginAs("ada", "ada-secret-1").isEmpty());
     QVERIFY(!loginAs("ada", "ada-secret-3").isEmpty());
 
+    // Nobody writes in another's name: what bob adds "as ada" is his.
+    const int bobId = loginAs("bob", "bob-secret-2")["userId"].toInt();
+    QCOMPARE(call(norva_sdk_add2favorite, {{"userid", adaId}, {"boardid", 77}}, at, bobToken)["status"].toInt(), 200);
+    QCOMPARE(call(norva_sdk_add2share, {{"userid", adaId}, {"boardid", 77}, {"sharewith_id", 9}}, at, bobToken)["status"].toInt(), 200);
+    const QJsonObject planted = call(norva_sdk_upload_file, {{"file_uploadpath", source},
+        {"data", QJsonObject{{"fileInfo", QJsonObject{{"createuserid", adaId}}}}}}, at, bobToken);
+    QCOMPARE(planted["status"].toInt(), 200);
+    QCOMPARE(call(norva_sdk_select_favorite, {{"userid", adaId}, {"boardname", QJsonValue()}}, at, adaToken)["data"].toArray().size(), 0);
+    const QJsonArray bobs = call(norva_sdk_select_favorite, {{"userid", bobId}}, at, bobToken)["data"].toArray();
+    QVERIFY(!bobs.isEmpty() && bobs.last().toObject()["boardId"].toInt() == 77);
+    const QJsonArray files = call(norva_sdk_select_origfiles_manage, {{"board_id", planted["Board_Id"]}}, at, bobToken)["data"].toArray();
+    QCOMPARE(files.first().toObject()["createuserid"].toInt(), bobId);
+
     // No password stands in the service's files as it was typed.
     const QByteArray stored = filesIn(data);
     for (const char* password : {"ada-secret-1", "bob-secret-2", "ada-secret-3"})
@@ -541,6 +555,68 @@ void EndToEndTest::runningOutOfDescriptorsStopsNothing()
         QVERIFY2(answered.elapsed() < 5000, qPrintable(QString::number(answered.elapsed())));
     }
     NORVA::NORVA_API_QT::setIdleLimit(120 * 1000);
+}
+
+// A login with the old password racing a change of it gets no token that
+// outlives the change; and a change cut by kill -9 is all there or not at all:
+// never the new password beside a token of the old one.
+void EndToEndTest::aPasswordChangeLeavesNoOldToken()
+{
+    const auto compact = [](const QJsonObject& object) {
+        return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
+    };
+    const auto alive = [](const QString& at, const QString& token) {
+        return call(norva_sdk_select_share, {}, at, token)["status"].toInt() == 200;
+    };
+    LocalService service;
+    const QString data = folder.filePath("data-password-race");
+    QVERIFY(service.start(data));
+    int userId = 0;
+    const QString changer = login(service.address, &userId);
+    QString password = "norva";
+    int survivors = 0;
+    for (int trial = 0; trial < 40; ++trial) {
+        const QString next = QStringLiteral("race-%1").arg(trial);
+        Client client;
+        const std::unique_ptr<CallReply> racing(client.call("login", compact({{"ipconfig", service.address},
+            {"username", "norva"}, {"password", password}})));
+        const std::unique_ptr<CallReply> change(client.call("update_password", compact({{"ipconfig", service.address},
+            {"token", changer}, {"userid", userId}, {"new_pwd", next}})));
+        QTRY_VERIFY_WITH_TIMEOUT(racing->isFinished() && change->isFinished(), 20000);
+        QVERIFY2(change->result().find(R"("status":200)") != std::string::npos, change->result().c_str());
+        const QString raced = QJsonDocument::fromJson(QByteArray::fromStdString(racing->result()))
+                                  .object()["data"].toObject()["token"].toString();
+        survivors += !raced.isEmpty() && alive(service.address, raced);
+        password = next;
+    }
+    QCOMPARE(survivors, 0);
+
+    // Killed during a change: the password and the tokens agree afterwards.
+    for (int trial = 0; trial < 8; ++trial) {
+        LocalService killed;
+        QVERIFY(killed.start(data));
+        const QString mine = call(norva_sdk_login, {{"username", "norva"}, {"password", password}}, killed.address)["data"]
+                                 .toObject()["token"].toString();
+        const QString other = call(norva_sdk_login, {{"username", "norva"}, {"password", password}}, killed.address)["data"]
+                                  .toObject()["token"].toString();
+        QVERIFY(!mine.isEmpty() && !other.isEmpty());
+        const QString next = QStringLiteral("killed-%1").arg(trial);
+        Client client;
+        const std::unique_ptr<CallReply> change(client.call("update_password", compact({{"ipconfig", killed.address},
+            {"token", mine}, {"userid", userId}, {"new_pwd", next}})));
+        QTest::qWait(trial * 15);
+        killed.process.kill();
+        killed.process.waitForFinished(5000);
+        LocalService restarted;
+        QVERIFY(restarted.start(data));
+        const bool changed = !call(norva_sdk_login, {{"username", "norva"}, {"password", next}}, restarted.address)["data"]
+                                  .toObject()["token"].toString().isEmpty();
+        QVERIFY2(!(changed && alive(restarted.address, other)), qPrintable(QString::number(trial)));
+        if (changed)
+            password = next;
+        else
+            QVERIFY(alive(restarted.address, other));
+    }
 }
 
 void EndToEndTest::slowClientsHoldNothing()
