@@ -130,4 +130,19 @@ std::string sha256Fingerprint(const std::string& certificatePem)
     return text;
 }
 
+Validity validityOf(const std::string& certificatePem)
+{
+    const Certificate certificate(PEM_read_bio_X509(readingBio(certificatePem).get(), nullptr, nullptr, nullptr));
+    Validity validity;
+    int days = 0, seconds = 0;
+    if (!certificate || ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1)
+        return validity;
+    validity.secondsLeft = days * 86400LL + seconds;
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notBefore(certificate.get())) != 1)
+        return validity;
+    validity.secondsToStart = days * 86400LL + seconds;
+    validity.read = true;
+    return validity;
+}
+
 } // namespace norva::service

@@ -28,4 +28,12 @@ PemPair makeCertificate(const CertificateRequest& request, std::string& error);
 // The SHA-256 fingerprint of a PEM certificate, as "AB:CD:…"; empty when it is none.
 std::string sha256Fingerprint(const std::string& certificatePem);
 
+// When the first certificate in a PEM text is valid, seen from now.
+struct Validity {
+    bool read = false;            // it is a certificate
+    long long secondsToStart = 0; // above 0: not valid yet
+    long long secondsLeft = 0;    // 0 or below: expired
+};
+Validity validityOf(const std::string& certificatePem);
+
 } // namespace norva::service

@@ -47,8 +47,9 @@ int usage()
                 "                    line; NAME:PASSWORD takes it as given, where every local user sees it (repeatable)\n"
                 "HTTPS:\n"
                 "  --tls-cert FILE --tls-key FILE  serve HTTPS with this PEM certificate (chain) and key\n"
-                "  --tls-self-signed  serve HTTPS with a certificate of its own, made in the data folder on\n"
-                "                     first start; prints the file clients trust (norva --cacert FILE)\n"
+                "  --tls-self-signed  serve HTTPS with a certificate of its own for this machine and the\n"
+                "                     listen address, kept in the data folder (made again for a new address or\n"
+                "                     near its end); prints the file clients trust (norva --cacert FILE)\n"
                 "faults, for testing a host's error paths:\n"
                 "  --delay-ms N              wait N ms before every answer\n"
                 "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status, 200-599 (the first N times; else always)\n"
@@ -80,15 +81,22 @@ bool readAddress(const std::string& text, std::string& host, int& port)
     return true;
 }
 
-// The self-signed certificate and key in `folder`, made on first use for
-// this machine's names and `host`; false with `error` set when they can't be.
+std::string fileText(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+// The self-signed certificate and key in `folder`, for this machine's names
+// and `host`: made on first use, and made again when the names it was made
+// for are not these (the service moved to another address) or it has less than
+// 30 days left. False with `error` set when they can't be.
 bool selfSignedFiles(const std::string& folder, const std::string& host, std::string& certificateFile,
                      std::string& keyFile, std::string& error)
 {
     certificateFile = folder + "/tls-certificate.pem";
     keyFile = folder + "/tls-key.pem";
-    if (std::ifstream(certificateFile) && std::ifstream(keyFile))
-        return true;
+    const std::string namesFile = folder + "/tls-certificate.names";
     norva::service::CertificateRequest request;
     request.commonName = "norva-records-service";
     request.hosts = {"localhost", "127.0.0.1", "::1"};
@@ -98,20 +106,23 @@ bool selfSignedFiles(const std::string& folder, const std::string& host, std::st
     if (host != "0.0.0.0" && host != "::" && host != "localhost" && host != "127.0.0.1" && host != "::1"
         && host != machine)
         request.hosts.push_back(host);
-    // It is its own authority: a client trusts exactly this certificate.
-    request.authority = true;
+    std::string names;
+    for (const std::string& name : request.hosts)
+        names += name + "\n";
+    const norva::service::Validity validity = norva::service::validityOf(fileText(certificateFile));
+    if (std::ifstream(keyFile) && validity.read && validity.secondsLeft > 30 * 86400 && fileText(namesFile) == names)
+        return true;
+    // An end-entity certificate (CA:FALSE): a client that trusts it trusts
+    // this service's names and nothing its key might sign.
+    request.authority = false;
     const norva::service::PemPair made = norva::service::makeCertificate(request, error);
     if (made.certificate.empty())
         return false;
     std::ofstream(keyFile, std::ios::binary | std::ios::trunc) << made.key;
     std::ofstream(certificateFile, std::ios::binary | std::ios::trunc) << made.certificate;
+    std::ofstream(namesFile, std::ios::binary | std::ios::trunc) << names;
+    std::printf("made a new TLS certificate for %s\n", host.c_str());
     return true;
-}
-
-std::string fileText(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
 } // namespace
@@ -253,6 +264,15 @@ int main(int argc, char** argv)
     if (selfSigned && !selfSignedFiles(options.dataFolder, host, certificateFile, keyFile, error)) {
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());
         return 1;
+    }
+    if (!certificateFile.empty()) {
+        // A certificate out of its time stops the start: every client would refuse it.
+        const norva::service::Validity validity = norva::service::validityOf(fileText(certificateFile));
+        if (validity.read && (validity.secondsLeft <= 0 || validity.secondsToStart > 0)) {
+            std::fprintf(stderr, "norva-records-service: the certificate %s is %s; serve with one that is valid now\n",
+                         certificateFile.c_str(), validity.secondsLeft <= 0 ? "expired" : "not valid yet");
+            return 1;
+        }
     }
     if (!certificateFile.empty() && !(limits.tls = norva::service::loadTlsContext(certificateFile, keyFile, error))) {
         std::fprintf(stderr, "norva-records-service: %s\n", error.c_str());

@@ -23,6 +23,14 @@ std::shared_ptr<TlsContext> loadTlsContext(const std::string& certificateFile, c
     tls->context.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3
                                  | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1,
                              ec);
+    // TLS 1.2 takes forward-secret AEAD suites only (no static RSA, no CBC),
+    // in the service's order rather than the client's. TLS 1.3's suites are all so.
+    SSL_CTX_set_options(tls->context.native_handle(), SSL_OP_CIPHER_SERVER_PREFERENCE);
+    if (!ec && SSL_CTX_set_cipher_list(tls->context.native_handle(),
+                                       "ECDHE+AESGCM:ECDHE+CHACHA20") != 1) {
+        error = "cannot set the TLS cipher suites";
+        return nullptr;
+    }
     if (!ec)
         tls->context.use_certificate_chain_file(certificateFile, ec);
     if (ec) {

@@ -860,6 +860,13 @@ void EndToEndTest::https()
     const TestCertificates& c = certificates();
     LocalService service;
     const QString name = "tls-" + QString::fromLatin1(row.name).replace(' ', '-');
+    if (row.certificate == &TestCertificates::expired) {
+        // The service does not start with it: every client would refuse it.
+        QVERIFY(!startTls(service, name, &c.expired));
+        service.process.waitForFinished(5000);
+        QVERIFY(service.process.readAllStandardError().contains(".crt is expired; serve with one that is valid now"));
+        return;
+    }
     QVERIFY(startTls(service, name, row.certificate ? &(c.*row.certificate) : nullptr));
     const QString at = row.scheme + service.address;
     const QString nobody = row.scheme + "127.0.0.1:1";
@@ -912,6 +919,37 @@ void EndToEndTest::norvaTrustsWhatItIsTold()
     const QString fingerprint =
         QSslCertificate::fromPath(certificate).value(0).digest(QCryptographicHash::Sha256).toHex(':').toUpper();
     QVERIFY(service.printed.contains("(SHA-256 " + fingerprint + ")"));
+    // An end-entity certificate for the address it serves, and TLS 1.2 with
+    // forward-secret AEAD suites only.
+    const auto openssl = [](const QStringList& arguments) {
+        QProcess tool;
+        tool.start("openssl", arguments);
+        tool.closeWriteChannel();
+        tool.waitForFinished(10000);
+        return std::make_pair(tool.exitCode(), tool.readAllStandardOutput());
+    };
+    const QByteArray fields = openssl({"x509", "-noout", "-text", "-in", certificate}).second;
+    QVERIFY2(fields.contains("CA:FALSE") && !fields.contains("CA:TRUE") && fields.contains("IP Address:127.0.0.1"), fields);
+    const QString connectTo = service.address.mid(int(strlen("https://")));
+    for (const auto& [suite, taken] : {std::make_pair("ECDHE-ECDSA-AES128-GCM-SHA256", true),
+                                       std::make_pair("ECDHE-ECDSA-AES128-SHA", false),
+                                       std::make_pair("ECDHE-ECDSA-AES256-SHA384", false)}) {
+        const int status = openssl({"s_client", "-connect", connectTo, "-tls1_2", "-cipher", suite}).first;
+        QVERIFY2((status == 0) == taken, suite);
+    }
+    // Served again on the same address it is the same certificate; on
+    // another, one made for that address.
+    service.stop();
+    LocalService again;
+    QVERIFY(again.start(folder.filePath("data-tls-self-signed"), {"--tls-self-signed"}));
+    QVERIFY(again.printed.contains("(SHA-256 " + fingerprint + ")"));
+    again.stop();
+    LocalService moved;
+    QVERIFY(moved.start(folder.filePath("data-tls-self-signed"), {"--tls-self-signed", "--listen", "127.0.0.2:0"}));
+    QVERIFY(moved.printed.contains("made a new TLS certificate for 127.0.0.2"));
+    QVERIFY(openssl({"x509", "-noout", "-text", "-in", certificate}).second.contains("IP Address:127.0.0.2"));
+    moved.stop();
+    QVERIFY(service.start(folder.filePath("data-tls-self-signed"), {"--tls-self-signed"}));
 
     const QString config = folder.filePath("norva-config");
     int exitCode = -1;
