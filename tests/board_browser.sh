@@ -8,11 +8,9 @@
 set -euo pipefail
 service=$1 browser=$2 picture=$3
 work=$(mktemp -d)
-"$service" --listen 127.0.0.1:0 "$work/data" > "$work/service.log" 2>&1 &
-pid=$!
-trap 'kill $pid 2>/dev/null; rm -rf "$work"' EXIT
-for _ in $(seq 100); do grep -q '^listening on' "$work/service.log" && break; sleep 0.1; done
-address=$(sed -n 's/^listening on //p' "$work/service.log")
+source "$(dirname "$0")/local_service.sh"
+trap 'stop_services; rm -rf "$work"' EXIT
+start_service "$service" "$work/service.log" "$work/data"
 # Large enough that the second upload is still under way when it is cancelled.
 head -c $((48 << 20)) /dev/urandom > "$work/panel.brd"
 rm -f "$picture"

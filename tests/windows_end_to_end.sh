@@ -10,11 +10,9 @@
 set -euo pipefail
 service=$1 norva=$2 wine_test=$3
 work=$(mktemp -d)
-"$service" --listen 127.0.0.1:0 "$work/data" > "$work/service.log" 2>&1 &
-pid=$!
-trap 'kill $pid 2>/dev/null; rm -rf "$work"' EXIT
-for _ in $(seq 100); do grep -q '^listening on' "$work/service.log" && break; sleep 0.1; done
-address=$(sed -n 's/^listening on //p' "$work/service.log")
+source "$(dirname "$0")/local_service.sh"
+trap 'stop_services; rm -rf "$work"' EXIT
+start_service "$service" "$work/service.log" "$work/data"
 
 fail() { echo "windows_end_to_end: $*" >&2; exit 1; }
 norva() { "$wine_test" "$norva" --no-session "$@" | tr -d '\r'; }
@@ -63,12 +61,8 @@ make_certificate by-other-ca other-ca "IP:127.0.0.1"
 make_certificate other-host ca "DNS:board-host.example"
 cacert=$(winepath -w "$work/ca.pem")
 
-"$service" --listen 127.0.0.1:0 --tls-cert "$work/service.pem" --tls-key "$work/service.key" "$work/tls-data" \
-  > "$work/tls.log" 2>&1 &
-tls_pid=$!
-trap 'kill $pid $tls_pid 2>/dev/null; rm -rf "$work"' EXIT
-for _ in $(seq 100); do grep -q '^listening on' "$work/tls.log" && break; sleep 0.1; done
-tls=$(sed -n 's/^listening on //p' "$work/tls.log")
+start_service "$service" "$work/tls.log" --tls-cert "$work/service.pem" --tls-key "$work/service.key" "$work/tls-data"
+tls=$address
 [[ $tls == https://* ]] || fail "no HTTPS service: $(cat "$work/tls.log")"
 
 login=$(norva --cacert "$cacert" login "ipconfig=$tls" username=norva password=norva)
