@@ -38,6 +38,56 @@ std::string lowered(std::string text)
     return text;
 }
 
+// A target in absolute form ("http://host/path") is taken as its path.
+std::string originForm(const std::string& target)
+{
+    const std::string lower = lowered(target.substr(0, 8));
+    if (lower.rfind("http://", 0) != 0 && lower.rfind("https://", 0) != 0)
+        return target;
+    const std::size_t path = target.find_first_of("/?", target.find("://") + 3);
+    if (path == std::string::npos)
+        return "/";
+    return target[path] == '?' ? "/" + target.substr(path) : target.substr(path);
+}
+
+// What is wrong with a request's head where HTTP/1.1 is strict about it
+// (RFC 9112): one Host field, only the chunked transfer coding and only as the
+// last one, and no expectation but 100-continue. None when it is right.
+std::optional<HttpResponse> wrongHead(const HttpRequest& request)
+{
+    int hosts = 0;
+    std::vector<std::string> codings;
+    for (const auto& [name, value] : request.headers) {
+        const std::string field = lowered(name);
+        if (field == "host")
+            ++hosts;
+        if (field != "transfer-encoding")
+            continue;
+        std::size_t at = 0;
+        while (at <= value.size()) {
+            const std::size_t comma = std::min(value.find(',', at), value.size());
+            std::string coding = lowered(value.substr(at, comma - at));
+            coding.erase(0, coding.find_first_not_of(" \t"));
+            coding.erase(coding.find_last_not_of(" \t") + 1);
+            if (!coding.empty())
+                codings.push_back(coding);
+            at = comma + 1;
+        }
+    }
+    if (hosts != 1)
+        return HttpResponse::text(400, "a request needs one Host field\n");
+    for (std::size_t i = 0; i < codings.size(); ++i) {
+        if (codings[i] != "chunked")
+            return HttpResponse::text(501, "no transfer coding but chunked is taken\n");
+        if (i + 1 != codings.size())
+            return HttpResponse::text(400, "chunked must be the last transfer coding, and only once\n");
+    }
+    const std::string expect = lowered(request.header("Expect"));
+    if (!expect.empty() && expect != "100-continue")
+        return HttpResponse::text(417, "no expectation but 100-continue is met\n");
+    return std::nullopt;
+}
+
 void splitTarget(HttpRequest& request)
 {
     const auto question = request.target.find('?');
@@ -170,6 +220,7 @@ public:
     // A new parser for the next request, on what is left in the buffer.
     void startParser()
     {
+        answeringHead = false;
         parser.emplace();
         parser->header_limit(std::uint32_t(std::min<std::size_t>(limits.headBytes, UINT32_MAX)));
         parser->body_limit(limits.bodyBytes);
@@ -183,11 +234,17 @@ public:
         auto& parser = *this->parser;
         const auto& head = parser.get();
         request.method = std::string(head.method_string());
-        request.target = std::string(head.target());
+        request.target = originForm(std::string(head.target()));
         splitTarget(request);
         for (const auto& field : head)
             request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
         request.keepAlive = parser.keep_alive();
+        answeringHead = request.method == "HEAD";
+        if (std::optional<HttpResponse> wrong = wrongHead(request)) {
+            write(*wrong, false);
+            waitForPeerToClose(refusedBodyWait);
+            return Read::None;
+        }
 
         // The head first: a request refused by it is answered before any of its
         // body is read, and the body is never kept.
@@ -218,6 +275,9 @@ public:
         if (parser.content_length() && *parser.content_length() > cap)
             return refused(http::error::body_limit);
         parser.body_limit(cap);
+        // The head passed: a client that waits to be asked for its body is.
+        if (lowered(request.header("Expect")) == "100-continue" && !parser.is_done())
+            writeRaw("HTTP/1.1 100 Continue\r\n\r\n");
         // A body held in memory counts against the server's bound from its
         // head when it says its length, else as it comes.
         if (split) {
@@ -331,6 +391,7 @@ public:
     beast::flat_buffer buffer;
     std::optional<http::request_parser<http::buffer_body>> parser;
     std::unique_ptr<TlsSession> tls; // on `stream`, when the server speaks TLS
+    bool answeringHead = false;      // the request being answered is a HEAD
 
     // Answers a request that can't be read, when there is anybody to answer.
     Read refused(const error_code& ec)
@@ -355,7 +416,12 @@ private:
         message.prepare_payload();
         TimedStream timed(*this);
         error_code ec;
-        http::write(timed, message, ec);
+        if (answeringHead) { // the head GET's answer would have, its length among it
+            http::response_serializer<Body> serializer(message);
+            http::write_header(timed, serializer, ec);
+        } else {
+            http::write(timed, message, ec);
+        }
         return !ec;
     }
 
@@ -379,6 +445,8 @@ private:
         TimedStream timed(*this);
         http::response_serializer<http::empty_body> head(message);
         http::write_header(timed, head, ec);
+        if (answeringHead)
+            return !ec;
         std::vector<char> piece(256 << 10);
         for (std::uint64_t left = size; !ec && left > 0;) {
             const std::size_t count = file.read(piece.data(), std::size_t(std::min<std::uint64_t>(left, piece.size())), ec);

@@ -296,8 +296,13 @@ std::optional<HttpResponse> RecordsService::refusedRoute(const HttpRequest& requ
     const auto route = routes.find(request.path);
     if (route == routes.end())
         return HttpResponse::text(404, "no such path\n");
-    if (route->second.method != request.method)
-        return HttpResponse::text(405, "use " + route->second.method + "\n");
+    // HEAD is answered wherever GET is (the head of GET's answer).
+    const bool headOfGet = request.method == "HEAD" && route->second.method == "GET";
+    if (route->second.method != request.method && !headOfGet) {
+        HttpResponse refusal = HttpResponse::text(405, "use " + route->second.method + "\n");
+        refusal.headers.emplace_back("Allow", route->second.method == "GET" ? "GET, HEAD" : route->second.method);
+        return refusal;
+    }
     return std::nullopt;
 }
 

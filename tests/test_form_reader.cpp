@@ -185,7 +185,7 @@ void FormReaderTest::failingHandlers()
         QTcpSocket socket;
         socket.connectToHost("127.0.0.1", quint16(server.port()));
         socket.waitForConnected(3000);
-        socket.write("GET " + path + " HTTP/1.1\r\nConnection: close\r\n\r\n");
+        socket.write("GET " + path + " HTTP/1.1\r\nHost: s\r\nConnection: close\r\n\r\n");
         QByteArray bytes;
         while (socket.waitForReadyRead(3000))
             bytes += socket.readAll();
