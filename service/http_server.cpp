@@ -142,10 +142,15 @@ private:
     error_code lastError;
 };
 
-// After answering from a head alone, the connection stays open this long
-// (dropping what comes) so that the client reads the answer before the close:
-// closing with unread bytes would reset the connection, answer and all.
-constexpr std::chrono::milliseconds refusedBodyWait(500);
+// After answering early (from a head alone, or before a body's end), the
+// connection reads and drops what still comes before it closes, as nginx's
+// lingering close does: closing with unread bytes would reset the connection,
+// and a client still sending would lose the answer with it. Bounded: at most
+// this long in all, this long without a byte (or the idle limit, if shorter),
+// and this many bytes.
+constexpr std::chrono::milliseconds lingerAtMost(30000);
+constexpr std::chrono::milliseconds lingerGap(5000);
+constexpr std::uint64_t lingerBytes = std::uint64_t(1) << 30;
 
 class Connection final : public HttpConnection, public std::enable_shared_from_this<Connection>
 {
@@ -242,7 +247,7 @@ public:
         answeringHead = request.method == "HEAD";
         if (std::optional<HttpResponse> wrong = wrongHead(request)) {
             write(*wrong, false);
-            waitForPeerToClose(refusedBodyWait);
+            linger();
             return Read::None;
         }
 
@@ -255,7 +260,7 @@ public:
             HeadVerdict verdict = limits.checkHead(request);
             if (verdict.refusal) {
                 write(*verdict.refusal, false);
-                waitForPeerToClose(refusedBodyWait); // what comes meanwhile is dropped
+                linger(); // what comes meanwhile is dropped
                 return Read::None;
             }
             headLimit = verdict.bodyLimit;
@@ -298,6 +303,7 @@ public:
             if (split) {
                 if (!request.form->feed(chunk, count)) {
                     refuse(lastWriteFoundNoRoom() ? 507 : 500);
+                    linger();
                     return Read::None;
                 }
             } else {
@@ -402,7 +408,25 @@ public:
             refuse(413);
         else if (isMalformed(ec))
             refuse(400);
+        else
+            return Read::None;
+        linger();
         return Read::None;
+    }
+
+    // Reads and drops what the peer still sends, within the bounds above.
+    void linger()
+    {
+        const auto end = std::chrono::steady_clock::now() + lingerAtMost;
+        std::array<char, 16 << 10> dropped;
+        std::uint64_t bytes = 0;
+        error_code ec;
+        while (!ec && bytes < lingerBytes && !stopping) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+                return;
+            bytes += readSome(net::buffer(dropped), ec, std::min({left, lingerGap, limits.idle}));
+        }
     }
 
 private:
@@ -464,7 +488,7 @@ private:
     Read busy()
     {
         write(HttpResponse::text(503, "too much request data held at once; try again\n"), false);
-        waitForPeerToClose(refusedBodyWait);
+        linger();
         return Read::None;
     }
 

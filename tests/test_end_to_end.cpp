@@ -145,6 +145,7 @@ private slots:
     void runningOutOfDescriptorsStopsNothing();
     void aPasswordChangeLeavesNoOldToken();
     void failedLoginsAreRememberedWithinBounds();
+    void earlyAnswersReachTheClient();
     void bodiesInMemoryAreBounded();
     void aBatchThatFailsLeavesNoRows();
     void badRequests_data();
@@ -641,6 +642,26 @@ void EndToEndTest::failedLoginsAreRememberedWithinBounds()
         failures.failed("bob");
     QCOMPARE(failures.waitBeforeAnswering("bob"), seconds(2));
     QCOMPARE(failures.waitBeforeAnswering(padding + "19999"), seconds(0));
+}
+
+// An upload answered from its head (a token that is no token) while the
+// library still sends its 100 MiB: the service reads and drops the rest, so the
+// answer arrives, rather than a reset that reads as "Server shuts down".
+void EndToEndTest::earlyAnswersReachTheClient()
+{
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-early")));
+    const QString big = folder.filePath("early-100MiB.brd");
+    {
+        QFile file(big);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        const QByteArray block(1 << 20, 'b');
+        for (int i = 0; i < 100; ++i)
+            QVERIFY(file.write(block) == block.size());
+    }
+    const QJsonObject result = call(norva_sdk_upload_file, {{"file_uploadpath", big}}, service.address, "no-such-token");
+    QCOMPARE(QJsonDocument(result).toJson(QJsonDocument::Compact), QByteArray(R"({"message":"token expired","status":402})"));
+    QFile::remove(big);
 }
 
 void EndToEndTest::slowClientsHoldNothing()
