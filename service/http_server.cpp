@@ -226,6 +226,10 @@ public:
     void startParser()
     {
         answeringHead = false;
+        // Bytes held unparsed stay bounded: a head, a chunk's size line with
+        // its extensions, or a trailer larger than this is refused (400), not
+        // buffered whole (a 128 MiB chunk extension once was).
+        buffer.max_size(limits.headBytes + (32 << 10));
         parser.emplace();
         parser->header_limit(std::uint32_t(std::min<std::size_t>(limits.headBytes, UINT32_MAX)));
         parser->body_limit(limits.bodyBytes);
@@ -971,7 +975,15 @@ private:
             else
                 next();
         };
-        const net::mutable_buffer room = connection->buffer.prepare(16 << 10);
+        const std::size_t free = connection->buffer.max_size() - connection->buffer.size();
+        if (free == 0) { // more unparsed than any head may be
+            workers->submit([this, connection] {
+                connection->refused(http::error::header_limit);
+                close(connection);
+            });
+            return;
+        }
+        const net::mutable_buffer room = connection->buffer.prepare(std::min<std::size_t>(16 << 10, free));
         if (connection->tls)
             connection->tls->asyncReadSome(room, arrived);
         else
