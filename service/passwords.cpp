@@ -3,6 +3,7 @@
 
 #include <sodium.h>
 
+#include <atomic>
 #include <mutex>
 #include <stdexcept>
 
@@ -42,6 +43,36 @@ bool passwordMatches(const std::string& hash, const std::string& plain)
     initialiseOnce();
     const std::lock_guard<std::mutex> oneAtATime(hashing);
     return isPasswordHash(hash) && crypto_pwhash_str_verify(hash.c_str(), plain.data(), plain.size()) == 0;
+}
+
+namespace {
+
+// Hashes waiting or running at once, beyond which a caller is turned away.
+constexpr int mostInTurn = 16;
+std::atomic<int> inTurn{0};
+
+template <class Work> auto inTurnOrNot(Work work) -> std::optional<decltype(work())>
+{
+    if (inTurn.fetch_add(1) >= mostInTurn) {
+        inTurn.fetch_sub(1);
+        return std::nullopt;
+    }
+    struct Leave {
+        ~Leave() { inTurn.fetch_sub(1); }
+    } leave;
+    return work();
+}
+
+} // namespace
+
+std::optional<std::string> hashPasswordInTurn(const std::string& plain)
+{
+    return inTurnOrNot([&] { return hashPassword(plain); });
+}
+
+std::optional<bool> passwordMatchesInTurn(const std::string& hash, const std::string& plain)
+{
+    return inTurnOrNot([&] { return passwordMatches(hash, plain); });
 }
 
 bool isPasswordHash(const std::string& stored)

@@ -3,6 +3,7 @@
 // password as it was typed.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace norva::service {
@@ -14,6 +15,13 @@ std::string hashPassword(const std::string& plain);
 
 // Whether `plain` is the password that `hash` was made from.
 bool passwordMatches(const std::string& hash, const std::string& plain);
+
+// Hashes are made one at a time. These wait their turn only while few others
+// do: with too many waiting already they answer nullopt at once, so that a
+// flood of logins is told the service is busy instead of holding the workers
+// every other route needs.
+std::optional<std::string> hashPasswordInTurn(const std::string& plain);
+std::optional<bool> passwordMatchesInTurn(const std::string& hash, const std::string& plain);
 
 // The SHA-256 of a login token, in hex: what the service keeps of a token (a
 // token is 256 random bits, so a fast hash is enough; the file never holds one

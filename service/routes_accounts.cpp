@@ -8,6 +8,18 @@
 
 namespace norva::service {
 
+namespace {
+
+// Too many logins (or password changes) at once: told so now, not queued.
+HttpResponse busyHashing()
+{
+    HttpResponse busy = HttpResponse::text(503, "too many logins at once; try again\n");
+    busy.headers.emplace_back("Retry-After", "1");
+    return busy;
+}
+
+} // namespace
+
 void RecordsService::addAccountRoutes()
 {
     post("/kvr/authority/login", [this](Call& call) {
@@ -27,7 +39,10 @@ void RecordsService::addAccountRoutes()
         const QJsonObject user = users.first().toObject();
         const std::string stored = user.value("userPwd").toString().toStdString();
         const std::string typed = call["userPwd"].toVariant().toString().toStdString();
-        if (!call.unlocked([&] { return passwordMatches(stored, typed); })) {
+        const std::optional<bool> matches = call.unlocked([&] { return passwordMatchesInTurn(stored, typed); });
+        if (!matches)
+            return busyHashing();
+        if (!*matches) {
             loginFailures.failed(name.toStdString());
             return refuse("wrong password", 411);
         }
@@ -61,7 +76,10 @@ void RecordsService::addAccountRoutes()
         if (static_cast<long long>(call["id"].toDouble()) != call.userId)
             return refuse("a token may change only its own user's password", notYours);
         const std::string typed = call["userPwd"].toString().toStdString();
-        const QString hash = QString::fromStdString(call.unlocked([&] { return hashPassword(typed); }));
+        const std::optional<std::string> made = call.unlocked([&] { return hashPasswordInTurn(typed); });
+        if (!made)
+            return busyHashing();
+        const QString hash = QString::fromStdString(*made);
         // One transaction: the new hash and the end of the user's other
         // tokens are stored together or not at all (a crash between them
         // would leave an old token valid under the new password).

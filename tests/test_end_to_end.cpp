@@ -146,6 +146,7 @@ private slots:
     void aPasswordChangeLeavesNoOldToken();
     void failedLoginsAreRememberedWithinBounds();
     void earlyAnswersReachTheClient();
+    void aLoginFloodHoldsUpNobody();
     void bodiesInMemoryAreBounded();
     void aBatchThatFailsLeavesNoRows();
     void badRequests_data();
@@ -662,6 +663,42 @@ void EndToEndTest::earlyAnswersReachTheClient()
     const QJsonObject result = call(norva_sdk_upload_file, {{"file_uploadpath", big}}, service.address, "no-such-token");
     QCOMPARE(QJsonDocument(result).toJson(QJsonDocument::Compact), QByteArray(R"({"message":"token expired","status":402})"));
     QFile::remove(big);
+}
+
+// 200 logins at once, each on a connection of its own: those past the few
+// that may wait for a hash are turned away at once (503) rather than holding
+// the workers, and another user's query meanwhile is answered.
+void EndToEndTest::aLoginFloodHoldsUpNobody()
+{
+    LocalService service;
+    QVERIFY(service.start(folder.filePath("data-login-flood")));
+    const QString token = login(service.address);
+    const quint16 port = service.address.section(':', 1).toUShort();
+    const QByteArray body = R"({"userName":"norva","userPwd":"norva"})";
+    const QByteArray request = "POST /kvr/authority/login HTTP/1.1\r\nHost: s\r\nContent-Type: application/json\r\n"
+                               "Connection: close\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    std::vector<std::unique_ptr<QTcpSocket>> logins;
+    for (int i = 0; i < 200; ++i) {
+        logins.push_back(std::make_unique<QTcpSocket>());
+        logins.back()->connectToHost("127.0.0.1", port);
+    }
+    for (const auto& socket : logins) {
+        QVERIFY(socket->waitForConnected(5000));
+        socket->write(request);
+    }
+    QCOMPARE(call(norva_sdk_select_share, {}, service.address, token)["status"].toInt(), 200);
+    int in = 0, away = 0;
+    for (const auto& socket : logins) {
+        QByteArray answer;
+        while (socket->state() == QAbstractSocket::ConnectedState && socket->waitForReadyRead(30000))
+            answer += socket->readAll();
+        answer += socket->readAll();
+        in += answer.startsWith("HTTP/1.1 200");
+        away += answer.startsWith("HTTP/1.1 503") && answer.contains("Retry-After: 1");
+    }
+    qInfo("%d logged in, %d turned away", in, away);
+    QVERIFY2(in >= 8 && away >= 1, qPrintable(QString("%1 in, %2 turned away").arg(in).arg(away)));
+    QCOMPARE(in + away, 200);
 }
 
 void EndToEndTest::slowClientsHoldNothing()
