@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "frame/failure.h"
 
+#include <cstring>
+
 namespace norva {
 
 using NORVA::NORVA_API_QT::CallFailure;
 
 namespace {
 
-FailureReport& lastOfThisThread()
-{
-    thread_local FailureReport last;
-    return last;
-}
+// This thread's last failure, in storage without a destructor: a thread-local
+// object that has one makes a MinGW DLL register it with the thread's exit,
+// which under Wine was seen to hang the process's end now and then.
+thread_local CallFailure lastCause = CallFailure::None;
+thread_local char lastText[512] = {};
 
 } // namespace
 
@@ -48,7 +50,10 @@ FailureReport describeFailure(const ReceivedReply& reply, const QUrl& url)
 
 void noteLastFailure(FailureReport report)
 {
-    lastOfThisThread() = std::move(report);
+    lastCause = report.cause;
+    const QByteArray text = report.text.toUtf8().left(int(sizeof lastText) - 1);
+    std::memcpy(lastText, text.constData(), std::size_t(text.size()));
+    lastText[text.size()] = '\0';
 }
 
 } // namespace norva
@@ -57,12 +62,12 @@ namespace NORVA::NORVA_API_QT {
 
 CallFailure lastCallFailure()
 {
-    return norva::lastOfThisThread().cause;
+    return norva::lastCause;
 }
 
 std::string lastCallFailureText()
 {
-    return norva::lastOfThisThread().text.toStdString();
+    return norva::lastText;
 }
 
 } // namespace NORVA::NORVA_API_QT
