@@ -29,6 +29,11 @@ if grep -E '(^| )(norva|testing_support)::' <<<"$symbols"; then
 fi
 # On ELF, nothing but the library's own names: no Boost, no standard library code.
 if [[ $library != *.dll ]]; then
+  # The classes' type information and vtables too: a host's dynamic_cast, typeid
+  # or UndefinedBehaviorSanitizer's vptr check needs them.
+  for name in 'typeinfo for NORVA::NORVA_API_QT::NORVA_HTTP_API' 'vtable for NORVA::NORVA_API_QT::CallReply'; do
+    nm -D --defined-only -C "$library" | grep -q "$name" || { echo "missing export: $name"; exit 1; }
+  done
   foreign=$(nm -D --defined-only -C "$library" | cut -d' ' -f3- | grep -vE '^((vtable|typeinfo|typeinfo name) for )?NORVA::' || true)
   [ -z "$foreign" ] || { echo "names not of the library's own are exported:"; head <<<"$foreign"; exit 1; }
 fi
