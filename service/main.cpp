@@ -6,6 +6,7 @@
 #include "certificates.h"
 #include "fault_injection.h"
 #include "http_server.h"
+#include "passwords.h"
 #include "records_service.h"
 #include "tls_session.h"
 #include "whole_number.h"
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -54,7 +56,8 @@ int usage()
                 "  --delay-ms N              wait N ms before every answer\n"
                 "  --fail PATH=STATUS[xN]    answer PATH with that HTTP status, 200-599 (the first N times; else always)\n"
                 "  --drop PATH[xN]           close the connection without an answer for PATH\n"
-                "  --expire-tokens           every token counts as expired (HTTP 402)\n");
+                "  --expire-tokens           every token counts as expired (HTTP 402)\n"
+                "  --slow-hash-ms N          every password hash takes N ms longer\n");
     return 0;
 }
 
@@ -187,6 +190,10 @@ int main(int argc, char** argv)
         }
         if (arg == "--expire-tokens") {
             options.expireTokens = true;
+            continue;
+        }
+        if (arg == "--slow-hash-ms" && i + 1 < argc) {
+            norva::service::slowPasswordHashesBy(std::atoi(argv[++i]));
             continue;
         }
         if (arg == "--tls-self-signed") {

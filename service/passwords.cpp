@@ -4,8 +4,10 @@
 #include <sodium.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace norva::service {
 
@@ -50,6 +52,7 @@ namespace {
 // Hashes waiting or running at once, beyond which a caller is turned away.
 constexpr int mostInTurn = 16;
 std::atomic<int> inTurn{0};
+std::atomic<int> extraHashMs{0};
 
 template <class Work> auto inTurnOrNot(Work work) -> std::optional<decltype(work())>
 {
@@ -60,10 +63,17 @@ template <class Work> auto inTurnOrNot(Work work) -> std::optional<decltype(work
     struct Leave {
         ~Leave() { inTurn.fetch_sub(1); }
     } leave;
+    if (const int extra = extraHashMs.load())
+        std::this_thread::sleep_for(std::chrono::milliseconds(extra));
     return work();
 }
 
 } // namespace
+
+void slowPasswordHashesBy(int milliseconds)
+{
+    extraHashMs = milliseconds;
+}
 
 std::optional<std::string> hashPasswordInTurn(const std::string& plain)
 {

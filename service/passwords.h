@@ -23,6 +23,10 @@ bool passwordMatches(const std::string& hash, const std::string& plain);
 std::optional<std::string> hashPasswordInTurn(const std::string& plain);
 std::optional<bool> passwordMatchesInTurn(const std::string& hash, const std::string& plain);
 
+// For testing a host's error paths (--slow-hash-ms): each hash in turn takes
+// this much longer, so that logins pile up as they would on a slow machine.
+void slowPasswordHashesBy(int milliseconds);
+
 // The SHA-256 of a login token, in hex: what the service keeps of a token (a
 // token is 256 random bits, so a fast hash is enough; the file never holds one
 // that works).
