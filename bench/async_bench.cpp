@@ -5,6 +5,7 @@
 //
 //   bench_async [--quick]
 //   bench_async --in-flight N    the calls with N in flight alone
+//   bench_async --servers [--quick]  the rows against servers of each manner alone
 //
 // The calls run in blocks, each block of the library paired with one of bare
 // Qt right beside it, the two taking turns at going first: the share is the
@@ -44,13 +45,22 @@ using bench::runChild;
 using Clock = std::chrono::steady_clock;
 
 // libcurl's multi interface: `inFlight` easy handles, each reused (and its
-// connection kept) for call after call.
-double curlMultiMicrosPerCall(const std::string& address, int calls, int inFlight)
+// connection kept) for call after call, sending what the library sends for
+// `kind`.
+double curlMultiMicrosPerCall(const std::string& address, int calls, int inFlight,
+                              bench::Kind kind = bench::Kind::PostQuery, const std::string& uploadPath = {})
 {
-    const std::string url = "http://" + address + "/kvr/share/selectShare";
+    const std::string path = kind == bench::Kind::PostQuery  ? "/kvr/share/selectShare"
+                             : kind == bench::Kind::GetQuery ? "/tavlin/tavlinModel/selectAllModel"
+                                                             : "/kvr/originalFile/uploadFile";
+    const std::string url = "http://" + address + path;
     const char* body = R"({"brdName":"top","currentUserId":0,"endTime":null,"startTime":null,"userId":1})";
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    curl_slist* headers = nullptr;
+    if (kind != bench::Kind::SmallUpload) // a form's type is curl's to set
+        headers = curl_slist_append(headers, kind == bench::Kind::GetQuery ? "Content-Type: application/x-www-form-urlencoded"
+                                                                           : "Content-Type: application/json");
     headers = curl_slist_append(headers, "token: bench-token");
+    std::vector<curl_mime*> forms;
     CURLM* multi = curl_multi_init();
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, long(inFlight));
     const auto discard = +[](char*, size_t size, size_t count, void*) { return size * count; };
@@ -63,7 +73,19 @@ double curlMultiMicrosPerCall(const std::string& address, int calls, int inFligh
     for (int i = 0; i < std::min(calls, inFlight); ++i) {
         CURL* handle = curl_easy_init();
         curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body);
+        if (kind == bench::Kind::PostQuery) {
+            curl_easy_setopt(handle, CURLOPT_POSTFIELDS, body);
+        } else if (kind == bench::Kind::SmallUpload) {
+            curl_mime* const form = curl_mime_init(handle);
+            curl_mimepart* part = curl_mime_addpart(form);
+            curl_mime_name(part, "file");
+            curl_mime_filedata(part, uploadPath.c_str());
+            part = curl_mime_addpart(form);
+            curl_mime_name(part, "data");
+            curl_mime_data(part, "{}", CURL_ZERO_TERMINATED);
+            curl_easy_setopt(handle, CURLOPT_MIMEPOST, form);
+            forms.push_back(form);
+        }
         curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
         curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, discard);
         handles.push_back(handle);
@@ -91,9 +113,78 @@ double curlMultiMicrosPerCall(const std::string& address, int calls, int inFligh
     const double micros = std::chrono::duration<double, std::micro>(Clock::now() - begin).count() / calls;
     for (CURL* handle : handles)
         curl_easy_cleanup(handle);
+    for (curl_mime* form : forms)
+        curl_mime_free(form);
     curl_multi_cleanup(multi);
     curl_slist_free_all(headers);
     return micros;
+}
+
+// Standard output goes to /dev/null while it lives: the library's console
+// echo costs its write, and the table stays readable.
+class QuietStdout
+{
+public:
+    QuietStdout()
+    {
+        std::fflush(stdout);
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, 1);
+        ::close(null);
+    }
+    ~QuietStdout()
+    {
+        std::fflush(stdout);
+        ::dup2(console, 1);
+        ::close(console);
+    }
+    QuietStdout(const QuietStdout&) = delete;
+    QuietStdout& operator=(const QuietStdout&) = delete;
+
+private:
+    const int console = ::dup(1);
+};
+
+// Each operation kind against servers of each manner: the asynchronous face
+// one call at a time and 6 in flight, beside the blocking function and
+// libcurl's multi interface. Medians of `repeats` runs.
+void perServerRows(int calls, int repeats, const std::string& uploadPath)
+{
+    struct Server {
+        bench::Manner manner;
+        const char* name;
+    };
+    const Server servers[] = {
+        {bench::Manner::AcknowledgesAtOnce, "ACKs at once (as the local service)"},
+        {bench::Manner::OneWrite, "NODELAY, one write per reply"},
+        {bench::Manner::HeadThenBody, "head and body apart, Nagle on"},
+    };
+    std::printf("\n| %-36s | %-22s | %-9s | %-9s | %-9s | %-9s | %-9s | %-11s |\n", "server (us per call)", "operation",
+                "async 1", "blocking", "async 6", "curl 1", "curl 6", "async6/curl6");
+    std::printf("|%s|%s|%s|%s|%s|%s|%s|%s|\n", std::string(38, '-').c_str(), std::string(24, '-').c_str(),
+                std::string(11, '-').c_str(), std::string(11, '-').c_str(), std::string(11, '-').c_str(),
+                std::string(11, '-').c_str(), std::string(11, '-').c_str(), std::string(13, '-').c_str());
+    for (const Server& server : servers) {
+        bench::LoopbackSink sink(0, server.manner);
+        const std::string address = sink.address();
+        for (const bench::Kind kind : {bench::Kind::PostQuery, bench::Kind::GetQuery, bench::Kind::SmallUpload}) {
+            std::vector<double> async1, blocking, async6, curl1, curl6;
+            {
+                const QuietStdout quiet;
+                for (int run = 0; run < repeats; ++run) {
+                    async1.push_back(bench::asyncMicrosPerCall(address, calls, 1, kind, uploadPath));
+                    blocking.push_back(bench::blockingMicrosPerCall(address, std::min(calls, 300), kind, uploadPath));
+                    async6.push_back(bench::asyncMicrosPerCall(address, calls, 6, kind, uploadPath));
+                    curl1.push_back(curlMultiMicrosPerCall(address, calls, 1, kind, uploadPath));
+                    curl6.push_back(curlMultiMicrosPerCall(address, calls, 6, kind, uploadPath));
+                }
+            }
+            std::printf("| %-36s | %-22s | %9.0f | %9.0f | %9.0f | %9.0f | %9.0f | %11.2f |\n", server.name,
+                        bench::kindName(kind), median(async1), median(blocking), median(async6), median(curl1),
+                        median(curl6), median(async6) / median(curl6));
+            std::fflush(stdout);
+        }
+    }
 }
 
 // A child process: one download through the blocking face, or `count` at once
@@ -136,7 +227,9 @@ int main(int argc, char** argv)
 {
     if (argc == 6 && std::strcmp(argv[1], "--child-download") == 0)
         return childDownload(argv[2], argv[3], argv[4], std::atoi(argv[5]));
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    const bool quick = argc > 1 && std::strcmp(argv[argc - 1], "--quick") == 0;
+    // --servers: the per-server rows alone.
+    const bool servers = argc > 1 && std::strcmp(argv[1], "--servers") == 0;
     const int onlyInFlight = argc == 3 && std::strcmp(argv[1], "--in-flight") == 0 ? std::atoi(argv[2]) : 0;
     const int calls = quick ? 200 : 30000;
     const int blocks = quick ? 1 : 30;
@@ -147,7 +240,7 @@ int main(int argc, char** argv)
                 "async / Qt");
     std::printf("|%s|%s|%s|%s|%s|\n", std::string(54, '-').c_str(), std::string(16, '-').c_str(),
                 std::string(16, '-').c_str(), std::string(16, '-').c_str(), std::string(12, '-').c_str());
-    {
+    if (!servers) {
         bench::LoopbackSink sink;
         const std::string address = sink.address();
         int appArgc = 1;
@@ -157,16 +250,11 @@ int main(int argc, char** argv)
         // The blocking face's console echo goes to /dev/null: it costs its write,
         // and the table stays readable.
         std::vector<double> blocking;
-        std::fflush(stdout);
-        const int console = ::dup(1);
-        const int null = ::open("/dev/null", O_WRONLY);
-        ::dup2(null, 1);
-        ::close(null);
-        for (int run = 0; run < (onlyInFlight ? 0 : repeats); ++run)
-            blocking.push_back(bench::libraryMicrosPerCall(address, std::min(calls, 2000)));
-        std::fflush(stdout);
-        ::dup2(console, 1);
-        ::close(console);
+        {
+            const QuietStdout quiet;
+            for (int run = 0; run < (onlyInFlight ? 0 : repeats); ++run)
+                blocking.push_back(bench::libraryMicrosPerCall(address, std::min(calls, 2000)));
+        }
         const int blockCalls = calls / blocks;
         for (const int inFlight : onlyInFlight ? std::vector<int>{onlyInFlight} : std::vector<int>{1, 6, 32}) {
             std::vector<double> async, qt, curl, shares;
@@ -196,6 +284,23 @@ int main(int argc, char** argv)
                         "-", "-", "-", std::to_string(int(median(blocking))).c_str());
     }
     if (onlyInFlight)
+        return 0;
+
+    char uploadTemplate[] = "/tmp/norva-bench-upload-XXXXXX";
+    const int uploadFile = ::mkstemp(uploadTemplate);
+    const std::string kib(1024, 'u');
+    if (uploadFile < 0 || ::write(uploadFile, kib.data(), kib.size()) != ssize_t(kib.size()))
+        return 1;
+    ::close(uploadFile);
+    {
+        int appArgc = 1;
+        char appName[] = "bench_async";
+        char* appArgv[] = {appName, nullptr};
+        QCoreApplication application(appArgc, appArgv);
+        perServerRows(quick ? 100 : 2000, quick ? 1 : 5, uploadTemplate);
+    }
+    ::unlink(uploadTemplate);
+    if (servers)
         return 0;
 
     // Downloads: peak resident memory of the whole process.

@@ -102,14 +102,68 @@ double keepInFlight(int calls, int inFlight, const std::function<void(int, std::
 
 } // namespace
 
+namespace {
+
+using Operation = std::string (*)(std::string);
+
+Operation operationOf(Kind kind)
+{
+    switch (kind) {
+    case Kind::PostQuery: return NORVA::NORVA_API_QT::norva_sdk_select_share;
+    case Kind::GetQuery: return NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_get_all_model_id;
+    case Kind::SmallUpload: return NORVA::NORVA_API_QT::norva_sdk_upload_file;
+    }
+    return nullptr;
+}
+
+std::string argumentOf(Kind kind, const std::string& address, const std::string& uploadPath)
+{
+    QJsonObject argument{{QStringLiteral("ipconfig"), QString::fromStdString(address)},
+                         {QStringLiteral("token"), QStringLiteral("bench-token")}};
+    if (kind == Kind::PostQuery) {
+        argument.insert(QStringLiteral("userid"), 1);
+        argument.insert(QStringLiteral("boardname"), QStringLiteral("top"));
+    } else if (kind == Kind::SmallUpload) {
+        argument.insert(QStringLiteral("file_uploadpath"), QString::fromStdString(uploadPath));
+    }
+    return QJsonDocument(argument).toJson(QJsonDocument::Compact).toStdString();
+}
+
+} // namespace
+
+const char* kindName(Kind kind)
+{
+    switch (kind) {
+    case Kind::PostQuery: return "POST select_share";
+    case Kind::GetQuery: return "GET get_all_model_id";
+    case Kind::SmallUpload: return "upload_file, 1 KiB";
+    }
+    return "";
+}
+
+double blockingMicrosPerCall(const std::string& address, int calls, Kind kind, const std::string& uploadPath)
+{
+    const Operation operation = operationOf(kind);
+    const std::string argument = argumentOf(kind, address, uploadPath);
+    const auto start = Clock::now();
+    for (int i = 0; i < calls; ++i)
+        operation(argument);
+    return microsSince(start, calls);
+}
+
 double asyncMicrosPerCall(const std::string& address, int calls, int inFlight)
+{
+    return asyncMicrosPerCall(address, calls, inFlight, Kind::PostQuery, std::string());
+}
+
+double asyncMicrosPerCall(const std::string& address, int calls, int inFlight, Kind kind, const std::string& uploadPath)
 {
     NORVA::NORVA_API_QT::Client client;
     client.setMaxCallsInFlight(inFlight);
-    const std::string select =
-        R"({"ipconfig":")" + address + R"(","token":"bench-token","userid":1,"boardname":"top"})";
+    const Operation operation = operationOf(kind);
+    const std::string argument = argumentOf(kind, address, uploadPath);
     return keepInFlight(calls, inFlight, [&](int, std::function<void()> done) {
-        NORVA::NORVA_API_QT::CallReply* const reply = client.call(NORVA::NORVA_API_QT::norva_sdk_select_share, select);
+        NORVA::NORVA_API_QT::CallReply* const reply = client.call(operation, argument);
         // Deleted in its own finished(), as the header allows: a QNetworkReply
         // must wait for deleteLater(), a posted event that also contends with
         // Qt's network thread for the event queue.

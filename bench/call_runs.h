@@ -22,6 +22,17 @@ double bareQtMicrosPerCall(const std::string& address, int calls, bool freshAppl
 // library's asynchronous face (one Client), and in bare Qt with one reused
 // manager.
 double asyncMicrosPerCall(const std::string& address, int calls, int inFlight);
+
+// What the per-server rows time: a POST operation (the share query), a GET
+// operation (all planner models), and an upload of the small file at
+// `uploadPath`.
+enum class Kind { PostQuery, GetQuery, SmallUpload };
+const char* kindName(Kind kind);
+// Microseconds per call of `kind`: through the asynchronous face with
+// `inFlight` at once (needs an application), and through the blocking
+// function, one at a time.
+double asyncMicrosPerCall(const std::string& address, int calls, int inFlight, Kind kind, const std::string& uploadPath);
+double blockingMicrosPerCall(const std::string& address, int calls, Kind kind, const std::string& uploadPath);
 double reusedManagerMicrosPerCall(const std::string& address, int calls, int inFlight);
 
 // One upload of the file at `path`: by the library, and the same form in bare

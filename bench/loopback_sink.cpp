@@ -36,23 +36,25 @@ std::string lowered(std::string text)
     return text;
 }
 
-// Acknowledges at once: a client that writes a request in two pieces (Qt
-// writes the head, then the body) would otherwise wait for a delayed ACK.
-ssize_t receive(int fd, char* into, size_t size)
+// Acknowledging at once spares a client that writes a request in two pieces
+// (Qt 5 writes the head, then the body) the wait for a delayed ACK.
+ssize_t receive(int fd, char* into, size_t size, Manner manner)
 {
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    if (manner == Manner::AcknowledgesAtOnce) {
+        const int on = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    }
     return ::recv(fd, into, size, 0);
 }
 
-void serve(int fd, std::uint64_t downloadBytes)
+void serve(int fd, std::uint64_t downloadBytes, Manner manner)
 {
     std::string buffer;
     char chunk[1 << 16];
     for (;;) {
         size_t headEnd;
         while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-            const ssize_t n = receive(fd, chunk, sizeof chunk);
+            const ssize_t n = receive(fd, chunk, sizeof chunk, manner);
             if (n <= 0) {
                 ::close(fd);
                 return;
@@ -71,7 +73,7 @@ void serve(int fd, std::uint64_t downloadBytes)
         std::uint64_t have = std::min<std::uint64_t>(length, buffer.size());
         buffer.erase(0, size_t(have));
         while (have < length) {
-            const ssize_t n = receive(fd, chunk, size_t(std::min<std::uint64_t>(sizeof chunk, length - have)));
+            const ssize_t n = receive(fd, chunk, size_t(std::min<std::uint64_t>(sizeof chunk, length - have)), manner);
             if (n <= 0) {
                 ::close(fd);
                 return;
@@ -93,9 +95,13 @@ void serve(int fd, std::uint64_t downloadBytes)
             }
         } else {
             static const std::string body = R"({"code":200,"msg":"ok","data":"bench-token"})";
-            static const std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
-                                             + std::to_string(body.size()) + "\r\n\r\n" + body;
-            if (!sendAll(fd, reply.data(), reply.size()))
+            static const std::string replyHead = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                                                 + std::to_string(body.size()) + "\r\n\r\n";
+            static const std::string reply = replyHead + body;
+            const bool sent = manner == Manner::HeadThenBody
+                                  ? sendAll(fd, replyHead.data(), replyHead.size()) && sendAll(fd, body.data(), body.size())
+                                  : sendAll(fd, reply.data(), reply.size());
+            if (!sent)
                 break;
         }
     }
@@ -104,7 +110,7 @@ void serve(int fd, std::uint64_t downloadBytes)
 
 } // namespace
 
-LoopbackSink::LoopbackSink(std::uint64_t downloadBytes)
+LoopbackSink::LoopbackSink(std::uint64_t downloadBytes, Manner manner)
 {
     const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     const int on = 1;
@@ -126,8 +132,9 @@ LoopbackSink::LoopbackSink(std::uint64_t downloadBytes)
             const int fd = ::accept(listener, nullptr, nullptr);
             if (fd < 0)
                 continue;
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            std::thread(serve, fd, downloadBytes).detach();
+            if (manner != Manner::HeadThenBody)
+                ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            std::thread(serve, fd, downloadBytes, manner).detach();
         }
     }
     ::close(listener);

@@ -9,12 +9,26 @@
 
 namespace bench {
 
+// How the server treats its connections, TCP-wise.
+enum class Manner {
+    // As the local service: TCP_NODELAY, each reply in one write, and every
+    // read acknowledged at once (TCP_QUICKACK), which hides a client that
+    // writes its request in two pieces.
+    AcknowledgesAtOnce,
+    // An ordinary server tuned for latency: TCP_NODELAY and one write per
+    // reply, but ACKs delayed as the kernel likes.
+    OneWrite,
+    // An ordinary server as many are: head and body in two writes, Nagle on,
+    // ACKs delayed.
+    HeadThenBody,
+};
+
 class LoopbackSink
 {
 public:
     // Downloads ("...downloadFile") are answered with `downloadBytes` bytes of a
     // file; every other request is drained and answered with a small JSON reply.
-    explicit LoopbackSink(std::uint64_t downloadBytes = 0);
+    explicit LoopbackSink(std::uint64_t downloadBytes = 0, Manner manner = Manner::AcknowledgesAtOnce);
     ~LoopbackSink();
     LoopbackSink(const LoopbackSink&) = delete;
     LoopbackSink& operator=(const LoopbackSink&) = delete;

@@ -683,9 +683,12 @@ void EndToEndTest::aLoginFloodHoldsUpNobody()
         logins.push_back(std::make_unique<QTcpSocket>());
         logins.back()->connectToHost("127.0.0.1", port);
     }
+    // Each request leaves now: unflushed, a socket would send only when the
+    // loop below waits on it, one login at a time.
     for (const auto& socket : logins) {
         QVERIFY(socket->waitForConnected(5000));
         socket->write(request);
+        QVERIFY(socket->waitForBytesWritten(5000));
     }
     QCOMPARE(call(norva_sdk_select_share, {}, service.address, token)["status"].toInt(), 200);
     int in = 0, away = 0;

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The asynchronous face: an operation's own function runs up to its exchange
-// (deferred_call.h), the exchange runs on the client's manager, and the reply
-// goes back to the operation's judge. No event loop is run here.
+// (deferred_call.h), the exchange runs on the client's kept connections (or its
+// manager, exchange.h), and the reply goes back to the operation's judge. No
+// event loop is run here.
 #include "norva_api_qt_async.h"
 
 #include "async/operation_names.h"
+#include "frame/connection_pool.h"
 #include "frame/deferred_call.h"
 #include "frame/exchange.h"
 #include "frame/failure.h"
@@ -95,6 +97,9 @@ struct CallReply::State {
 };
 
 struct Client::Private {
+    // Calls go on connections of the library's own, kept here; the manager
+    // carries what only it can (exchange.h).
+    ConnectionPool connections;
     QNetworkAccessManager manager;
     RequestCache requests;
     // One timer for the idle limits of all calls in flight: it fires when the
@@ -168,7 +173,7 @@ struct CallDriver {
         QNetworkAccessManager* manager = &client.d->manager;
         if (!outgoing.request.url().userInfo().isEmpty())
             manager = s.ownManager = new QNetworkAccessManager;
-        s.exchange = makeExchange(outgoing, manager);
+        s.exchange = makeExchange(outgoing, manager, &client.d->connections);
         ExchangeInFlight& exchange = *s.exchange;
         s.idleLimitMs = client.d->idleLimitMs;
         s.sinceProgress.start();
@@ -394,6 +399,7 @@ Client::Client(QObject* parent) : QObject(parent), d(std::make_unique<Private>()
 {
     // Children, so that they move with the client to another thread.
     d->manager.setParent(this);
+    d->connections.setParent(this);
     d->idleWatch.setParent(this);
     d->sweeper = new Sweeper([this] {
         d->leftovers.clear();
@@ -477,6 +483,7 @@ CallReply* Client::call(OperationFunction function, const std::string& argument)
 void Client::setIdleLimit(int milliseconds)
 {
     d->idleLimitMs = qMax(1, milliseconds);
+    d->connections.setIdleLimit(d->idleLimitMs);
 }
 
 int Client::idleLimit() const
@@ -487,6 +494,7 @@ int Client::idleLimit() const
 void Client::setMaxCallsInFlight(int calls)
 {
     d->maxInFlight = qMax(1, calls);
+    d->connections.setMaxPerRoute(d->maxInFlight);
     CallDriver::pump(*this);
 }
 

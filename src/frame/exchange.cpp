@@ -5,6 +5,7 @@
 #include "frame/failure.h"
 #include "frame/qt_line.h"
 #include "frame/request_head.h"
+#include "frame/route.h"
 #include "frame/seams.h"
 #include "frame/socket_exchange.h"
 #include "frame/transport.h"
@@ -218,18 +219,23 @@ private:
     QString tlsErrors;
 };
 
-// An exchange that can't take place in this build (an "https" service where Qt
-// has no TLS): nothing is sent, a line on standard error says why, and the call
-// ends as if the service had not answered.
+// An exchange that can't take place: an "https" service where Qt has no TLS (a
+// line on standard error says why), or no proxy that can carry it. Nothing is
+// sent, and the call ends as if the service had not answered.
 class UnreachableExchange final : public ExchangeInFlight
 {
 public:
-    explicit UnreachableExchange(QString why) : why(std::move(why)) {}
+    UnreachableExchange(QString why, QNetworkReply::NetworkError error, bool toStandardError)
+        : why(std::move(why)), error(error), toStandardError(toStandardError)
+    {
+    }
 
     void start() override
     {
-        std::fprintf(stderr, "%s\n", why.toLocal8Bit().constData());
-        std::fflush(stderr);
+        if (toStandardError) {
+            std::fprintf(stderr, "%s\n", why.toLocal8Bit().constData());
+            std::fflush(stderr);
+        }
         // Finished later, as any exchange: the caller's handlers are in place.
         QMetaObject::invokeMethod(this, [this] { finish(); }, Qt::QueuedConnection);
     }
@@ -238,7 +244,7 @@ public:
     ReceivedReply takeReply() override
     {
         ReceivedReply received;
-        received.networkError = QNetworkReply::ProtocolUnknownError;
+        received.networkError = error;
         received.errorString = why;
         return received;
     }
@@ -253,19 +259,45 @@ private:
     }
 
     const QString why;
+    const QNetworkReply::NetworkError error;
+    const bool toStandardError;
     bool finishedAlready = false;
 };
 
 } // namespace
 
-std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager)
+std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager,
+                                               ConnectionPool* pool)
 {
+    const QUrl& url = outgoing.request.url();
     QString why;
-    if (!canReach(outgoing.request.url(), why))
-        return std::make_unique<UnreachableExchange>(why);
-    if (outgoing.bodySink)
-        return std::make_unique<SocketExchange>(outgoing);
-    return std::make_unique<ManagerExchange>(outgoing, *manager);
+    if (!canReach(url, why))
+        return std::make_unique<UnreachableExchange>(why, QNetworkReply::ProtocolUnknownError, true);
+    // Upload forms, and addresses with credentials (which the manager answers
+    // a challenge with), stay on the manager.
+    const bool ownConnection = outgoing.bodySink || (pool && !outgoing.form && url.userInfo().isEmpty());
+    if (!ownConnection)
+        return std::make_unique<ManagerExchange>(outgoing, *manager);
+    Route route = routeFor(url);
+    switch (route.way) {
+    case Route::Way::Direct:
+    case Route::Way::AbsoluteForm:
+    case Route::Way::Tunnel:
+        return std::make_unique<SocketExchange>(outgoing, std::move(route), pool);
+    case Route::Way::ManagerOnly:
+        if (!outgoing.bodySink)
+            return std::make_unique<ManagerExchange>(outgoing, *manager);
+        // A download has no manager: it asks the proxy for a tunnel, and the
+        // socket answers the proxy's challenge with its credentials.
+        route.way = Route::Way::Tunnel;
+        return std::make_unique<SocketExchange>(outgoing, std::move(route), pool);
+    case Route::Way::NoSuitableProxy:
+        break;
+    }
+    if (!outgoing.bodySink)
+        return std::make_unique<ManagerExchange>(outgoing, *manager);
+    return std::make_unique<UnreachableExchange>(QStringLiteral("No suitable proxy found"),
+                                                 QNetworkReply::ProxyNotFoundError, false);
 }
 
 IdleLimit::IdleLimit(int limitMs, std::function<void()> abandon) : limitMs(limitMs), abandon(std::move(abandon))
@@ -302,7 +334,7 @@ ReceivedReply runExchange(OutgoingRequest& outgoing)
     std::optional<QNetworkAccessManager> manager;
     if (!outgoing.bodySink)
         manager.emplace();
-    const std::unique_ptr<ExchangeInFlight> exchange = makeExchange(outgoing, manager ? &*manager : nullptr);
+    const std::unique_ptr<ExchangeInFlight> exchange = makeExchange(outgoing, manager ? &*manager : nullptr, nullptr);
     IdleLimit idle(idleLimitMs(), [&exchange] { exchange->abort(); });
     const qint64 bytesToSend = outgoing.verb == Verb::Get ? 0 : outgoing.form ? -1 : outgoing.body.size();
     ExchangeWatch watch([&exchange] { exchange->abort(); }, bytesToSend);

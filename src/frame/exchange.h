@@ -114,10 +114,15 @@ private:
     std::shared_ptr<void> kept;
 };
 
-// The exchange of `outgoing`: on `manager` (which keeps connections), or, for a
-// request whose body goes to a sink, on a socket of its own (socket_exchange.h;
-// `manager` may then be null).
-std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager);
+class ConnectionPool;
+
+// The exchange of `outgoing`. With a pool (the asynchronous face), and for
+// every request whose body goes to a sink, on a connection of the library's
+// own (socket_exchange.h), kept in `pool` if there is one; else on `manager`.
+// Upload forms, addresses with credentials, and routes only the manager can
+// take (route.h) go on `manager`, which a request for a sink never needs.
+std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager,
+                                               ConnectionPool* pool);
 
 // A service that stops sending must not hold the caller for ever: `abandon` is
 // called once the limit passes without any progress. Progress only notes its

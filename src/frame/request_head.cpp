@@ -13,11 +13,13 @@ namespace norva {
 
 namespace {
 
-// The request-target: the path and query, encoded, "/" for an empty path.
-QByteArray target(QUrl url)
+// The request-target: the path and query, encoded, "/" for an empty path;
+// `absolute`, the whole URL but its user and fragment.
+QByteArray target(QUrl url, bool absolute)
 {
-    QUrl::FormattingOptions format(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment
-                                   | QUrl::RemoveUserInfo | QUrl::FullyEncoded);
+    QUrl::FormattingOptions format(QUrl::RemoveFragment | QUrl::RemoveUserInfo | QUrl::FullyEncoded);
+    if (!absolute)
+        format |= QUrl::RemoveScheme | QUrl::RemoveAuthority;
     if (url.path().isEmpty())
         url.setPath(QStringLiteral("/"));
     else
@@ -52,7 +54,7 @@ QByteArray acceptLanguage()
 
 } // namespace
 
-QByteArray requestHead(const QByteArray& verb, const QNetworkRequest& request)
+QByteArray requestHead(const QByteArray& verb, const QNetworkRequest& request, HeadFor headFor)
 {
     QList<QPair<QByteArray, QByteArray>> fields = qt_line::headerFieldsAsSent(request);
     fields.prepend({"Host", hostField(request.url())});
@@ -60,12 +62,15 @@ QByteArray requestHead(const QByteArray& verb, const QNetworkRequest& request)
         if (!request.hasRawHeader(name))
             fields.append({name, value});
     };
-    addUnlessSet("Connection", "Keep-Alive");
+    if (headFor == HeadFor::CachingProxy)
+        addUnlessSet("Proxy-Connection", "Keep-Alive");
+    else
+        addUnlessSet("Connection", "Keep-Alive");
     addUnlessSet("Accept-Encoding", acceptedEncodings());
     addUnlessSet("Accept-Language", acceptLanguage());
     addUnlessSet("User-Agent", "Mozilla/5.0");
 
-    QByteArray head = verb + ' ' + target(request.url()) + " HTTP/1.1\r\n";
+    QByteArray head = verb + ' ' + target(request.url(), headFor != HeadFor::Service) + " HTTP/1.1\r\n";
     for (const auto& [name, value] : fields)
         head += name + ": " + value + "\r\n";
     return head + "\r\n";

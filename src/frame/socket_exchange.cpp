@@ -7,7 +7,9 @@
 #include "frame/socket_exchange.h"
 
 #include "frame/call_watch.h"
+#include "frame/connection_pool.h"
 #include "frame/content_decoder.h"
+#include "frame/quick_ack.h"
 #include "frame/request_head.h"
 #include "frame/transport.h"
 
@@ -119,18 +121,79 @@ QNetworkReply::NetworkError asReplyError(QAbstractSocket::SocketError error)
 
 } // namespace
 
-SocketExchange::SocketExchange(OutgoingRequest& outgoing)
-    : outgoing(outgoing),
-      requestBytes(requestHead(verbName(outgoing.verb), outgoing.request) + outgoing.body),
-      headSize(requestBytes.size() - outgoing.body.size()),
-      socket(makeSocket(outgoing.request.url(), this, [this] {
-          connectedThisAttempt = true;
-          onActivity();
-          socket->write(requestBytes);
-      }))
+namespace {
+
+HeadFor headFor(const Route& route)
 {
+    if (route.way != Route::Way::AbsoluteForm)
+        return HeadFor::Service;
+    return route.proxy.type() == QNetworkProxy::HttpCachingProxy ? HeadFor::CachingProxy : HeadFor::HttpProxy;
+}
+
+} // namespace
+
+SocketExchange::SocketExchange(OutgoingRequest& outgoing, Route route, ConnectionPool* pool)
+    : outgoing(outgoing),
+      route(std::move(route)),
+      pool(pool),
+      requestBytes(requestHead(verbName(outgoing.verb), outgoing.request, headFor(this->route)) + outgoing.body),
+      headSize(requestBytes.size() - outgoing.body.size())
+{
+}
+
+SocketExchange::~SocketExchange()
+{
+    // Later: the exchange may go inside one of its socket's signals.
+    if (socket) {
+        QObject::disconnect(socket.get(), nullptr, this, nullptr);
+        socket->abort();
+        socket.release()->deleteLater();
+    }
+}
+
+void SocketExchange::start()
+{
+    openConnection(true);
+}
+
+void SocketExchange::openConnection(bool mayReuse)
+{
+    newParser();
+    unparsed.clear();
+    connectedThisAttempt = false;
+    writtenBytes = 0;
+    if (socket) {
+        QObject::disconnect(socket.get(), nullptr, this, nullptr);
+        socket->abort();
+        socket.release()->deleteLater();
+    }
+    if (mayReuse && pool)
+        socket = pool->take(route.key);
+    reusedThisAttempt = socket != nullptr;
+    if (reusedThisAttempt) {
+        wire();
+        connectedThisAttempt = true;
+        send();
+        return;
+    }
+    const QUrl url = outgoing.request.url();
+    socket = makeSocket(url, this, [this] {
+        const Running running(*this);
+        connectedThisAttempt = true;
+        send();
+    });
     socket->setReadBufferSize(readStep);
     noteTlsErrors(*socket, this, [this](const QString& errors) { reply.tlsErrors = errors; });
+    // Nagle's algorithm would hold a request's last piece until the service's
+    // delayed ACK for the one before.
+    connect(socket.get(), &QTcpSocket::connected, this,
+            [this] { socket->setSocketOption(QAbstractSocket::LowDelayOption, 1); });
+    wire();
+    connectSocket(*socket, url, route);
+}
+
+void SocketExchange::wire()
+{
     connect(socket.get(), &QTcpSocket::bytesWritten, this, &SocketExchange::written);
     connect(socket.get(), &QTcpSocket::readyRead, this, &SocketExchange::readArrived);
     // A close comes as an error, as a disconnect, or both, in either order; it
@@ -140,19 +203,11 @@ SocketExchange::SocketExchange(OutgoingRequest& outgoing)
     connect(socket.get(), &QTcpSocket::errorOccurred, this, closeSoon);
 }
 
-SocketExchange::~SocketExchange() = default;
-
-void SocketExchange::start()
+void SocketExchange::send()
 {
-    connectSocket();
-}
-
-void SocketExchange::connectSocket()
-{
-    newParser();
-    connectedThisAttempt = false;
-    writtenBytes = 0;
-    norva::connectSocket(*socket, outgoing.request.url());
+    onActivity();
+    // Head and body in one write: a small request leaves in one segment.
+    socket->write(requestBytes);
 }
 
 void SocketExchange::newParser()
@@ -173,12 +228,24 @@ void SocketExchange::abort()
 
 void SocketExchange::written(qint64 bytes)
 {
+    const Running running(*this);
     writtenBytes += bytes;
     onActivity();
     onSent(qMax<qint64>(0, writtenBytes - headSize), outgoing.body.size());
 }
 
 void SocketExchange::readArrived()
+{
+    bool over = false;
+    {
+        const Running running(*this);
+        over = readAvailable();
+    }
+    if (over)
+        finish();
+}
+
+bool SocketExchange::readAvailable()
 {
     // A step at a time, into the bytes the parser has not taken yet: with Qt's
     // own buffer bounded too, a download holds little of its body in memory
@@ -189,12 +256,14 @@ void SocketExchange::readArrived()
         const qint64 got = socket->read(unparsed.data() + kept, readStep);
         unparsed.resize(kept + int(qMax<qint64>(got, 0)));
         if (got <= 0)
-            return;
+            return false;
+        acknowledgeAtOnce(socket->socketDescriptor());
         replyStarted = true;
         onActivity();
         if (!parse() || parser->is_done())
-            finish();
+            return true;
     }
+    return false;
 }
 
 bool SocketExchange::parse()
@@ -254,22 +323,26 @@ void SocketExchange::body(const char* data, qint64 size)
 
 void SocketExchange::closed()
 {
-    if (finishedAlready || socket->state() != QAbstractSocket::UnconnectedState)
-        return;
-    readArrived();
-    if (finishedAlready)
-        return;
-    // A connection closed before any of a reply came is tried again, as the
-    // manager does: the service may have dropped it unread.
-    if (!replyStarted && connectedThisAttempt && attemptsLeft > 0) {
-        --attemptsLeft;
-        connectSocket();
-        return;
-    }
-    // A body that runs to the close ends there, if its framing says so.
-    if (headSeen && !parser->is_done()) {
-        error_code error;
-        parser->put_eof(error);
+    {
+        const Running running(*this);
+        if (finishedAlready || !socket || socket->state() != QAbstractSocket::UnconnectedState)
+            return;
+        const bool over = readAvailable();
+        // A connection closed before any of a reply came is tried again, as the
+        // manager does: the service may have dropped it unread. A kept
+        // connection the service closed while it lay unused costs no attempt.
+        if (!over && !replyStarted && connectedThisAttempt && (reusedThisAttempt || attemptsLeft > 0)) {
+            if (!reusedThisAttempt)
+                --attemptsLeft;
+            openConnection(false);
+            return;
+        }
+        // A body that runs to the close ends there, if its framing says so,
+        // and if the close was the service's own.
+        if (!over && headSeen && !parser->is_done() && closedByService(*socket)) {
+            error_code error;
+            parser->put_eof(error);
+        }
     }
     finish();
 }
@@ -279,21 +352,31 @@ void SocketExchange::finish()
     if (finishedAlready)
         return;
     finishedAlready = true;
-    const QAbstractSocket::SocketError socketError = socket->error();
-    const QString socketErrorText = socket->errorString();
-    socket->abort();
+    const bool replyDone = headSeen && !aborted && parser->is_done();
     reply.httpStatus = headSeen ? parser->status : 0;
     reply.contentDisposition = parser->contentDisposition;
     reply.bodyInSink = bodyInSink;
-    reply.complete = headSeen && !aborted && parser->is_done() && bodyValid && (!decoder || decoder->ended());
+    reply.complete = replyDone && bodyValid && (!decoder || decoder->ended());
     // Downloads judge a reply by its status and whether it came whole; the
     // error is only there to say what ended it.
+    const QAbstractSocket::SocketError socketError = socket ? socket->error() : QAbstractSocket::UnknownSocketError;
     reply.networkError = reply.complete ? QNetworkReply::NoError
                          : headSeen     ? QNetworkReply::RemoteHostClosedError
                                         : asReplyError(socketError);
-    reply.errorString = socketErrorText;
+    reply.errorString = socket ? socket->errorString() : QString();
     if (headSeen && parser->keepHead)
         reply.replyHead = parser->head + "\r\n";
+    // A connection that carried a whole exchange, and that both sides keep,
+    // carries the next; any other closes.
+    if (socket) {
+        QObject::disconnect(socket.get(), nullptr, this, nullptr);
+        const bool keep = pool && reply.complete && parser->keep_alive() && unparsed.isEmpty()
+                          && socket->state() == QAbstractSocket::ConnectedState && socket->bytesAvailable() == 0;
+        if (keep)
+            pool->giveBack(route.key, std::move(socket));
+        else
+            socket->abort();
+    }
     onFinished();
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The socket a download's exchange runs on: plain TCP for "http", TLS for
+// The socket the library's own exchanges run on: plain TCP for "http", TLS for
 // "https" where this build of Qt has TLS. One file per kind of Qt build,
 // chosen by the build (transport_tls.cpp, transport_plain.cpp).
 #pragma once
@@ -18,6 +18,8 @@ QT_END_NAMESPACE
 
 namespace norva {
 
+struct Route;
+
 inline bool isHttps(const QUrl& url)
 {
     return url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0;
@@ -33,8 +35,19 @@ bool canReach(const QUrl& url, QString& why);
 // that does not check out closes the socket before anything is written.
 std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::function<void()> ready);
 
-// Connects the socket made for `url` to its host and port.
-void connectSocket(QTcpSocket& socket, const QUrl& url);
+// Whether a kept connection may carry another request: for "https", only
+// while Qt's default TLS configuration is still the one its handshake checked
+// the service against. (A host that withdraws or adds a CA expects the next
+// call to follow.)
+bool trustUnchanged(const QTcpSocket& socket);
+
+// Whether the connection's close was the service's own end of it: for TLS,
+// only once the service said so (close_notify); a TCP close alone may be a cut
+// made by anyone on the way.
+bool closedByService(const QTcpSocket& socket);
+
+// Connects the socket made for `url` to the first hop of `route`.
+void connectSocket(QTcpSocket& socket, const QUrl& url, const Route& route);
 
 // Hands `note` the certificate problems TLS finds on the reply or the socket,
 // as one "; "-joined text (never, where Qt has no TLS).

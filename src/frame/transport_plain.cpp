@@ -2,6 +2,8 @@
 // For a Qt built without TLS: "https" can't be reached, and says why.
 #include "frame/transport.h"
 
+#include "frame/route.h"
+
 #include <QTcpSocket>
 #include <QUrl>
 
@@ -24,9 +26,20 @@ std::unique_ptr<QTcpSocket> makeSocket(const QUrl&, QObject* context, std::funct
     return socket;
 }
 
-void connectSocket(QTcpSocket& socket, const QUrl& url)
+bool trustUnchanged(const QTcpSocket&)
 {
-    socket.connectToHost(url.host(), quint16(url.port(80)));
+    return true;
+}
+
+bool closedByService(const QTcpSocket&)
+{
+    return true;
+}
+
+void connectSocket(QTcpSocket& socket, const QUrl& url, const Route& route)
+{
+    aimSocket(socket, route);
+    socket.connectToHost(firstHopHost(url, route), firstHopPort(url, route));
 }
 
 void noteTlsErrors(QNetworkReply&, QObject*, std::function<void(const QString&)>) {}

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "frame/transport.h"
 
+#include "frame/route.h"
+
 #include <QNetworkReply>
+#include <QSslConfiguration>
 #include <QSslError>
 #include <QSslSocket>
 #include <QStringList>
@@ -18,6 +21,14 @@ QString joined(const QList<QSslError>& errors)
         texts << error.errorString();
     return texts.join(QStringLiteral("; "));
 }
+
+// A TLS socket that remembers the default configuration of its making, which
+// its handshake checks against.
+class TrustedSocket final : public QSslSocket
+{
+public:
+    const QSslConfiguration madeUnder = QSslConfiguration::defaultConfiguration();
+};
 
 } // namespace
 
@@ -39,17 +50,32 @@ std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::f
     }
     // Errors are not ignored: a certificate that does not check out ends the
     // handshake, and with it the connection, before the request is written.
-    auto socket = std::make_unique<QSslSocket>();
+    auto socket = std::make_unique<TrustedSocket>();
     QObject::connect(socket.get(), &QSslSocket::encrypted, context, std::move(ready));
     return socket;
 }
 
-void connectSocket(QTcpSocket& socket, const QUrl& url)
+bool trustUnchanged(const QTcpSocket& socket)
 {
+    const auto* const tls = dynamic_cast<const TrustedSocket*>(&socket);
+    return !tls || tls->madeUnder == QSslConfiguration::defaultConfiguration();
+}
+
+bool closedByService(const QTcpSocket& socket)
+{
+    // Qt tells the two apart only by its text: RemoteHostClosedError either way.
+    return !qobject_cast<const QSslSocket*>(&socket)
+           || socket.errorString() == QSslSocket::tr("The TLS/SSL connection has been closed");
+}
+
+void connectSocket(QTcpSocket& socket, const QUrl& url, const Route& route)
+{
+    aimSocket(socket, route);
+    // A tunnel's end is the service: the handshake checks the service's name.
     if (isHttps(url))
-        static_cast<QSslSocket&>(socket).connectToHostEncrypted(url.host(), quint16(url.port(443)));
+        static_cast<QSslSocket&>(socket).connectToHostEncrypted(url.host(), firstHopPort(url, route));
     else
-        socket.connectToHost(url.host(), quint16(url.port(80)));
+        socket.connectToHost(firstHopHost(url, route), firstHopPort(url, route));
 }
 
 void noteTlsErrors(QNetworkReply& reply, QObject* context, std::function<void(const QString&)> note)
