@@ -3,6 +3,7 @@
 // scan, the idle limit, and how a download names what it stores.
 #include "support/harness.h"
 
+#include "frame/connection_pool.h"
 #include "frame/exchange.h"
 #include "frame/json_text.h"
 #include "frame/reading.h"
@@ -12,11 +13,18 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFileInfo>
+#include <QHttpMultiPart>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkProxy>
 #include <QtTest>
 
 #include <cstdio>
+#include <functional>
+#include <memory>
 #include <unistd.h>
 
 using namespace testing_support;
@@ -32,7 +40,7 @@ private slots:
     void idleServiceEndsTheWait();
     void downloadNaming();
     void downloadNamesNeverLeaveTheFolder();
-    void aDownloadSendsWhatTheManagerSends();
+    void ownConnectionsSendWhatTheManagerSends();
     void aQtWithoutTlsRefusesHttps();
 };
 
@@ -197,44 +205,99 @@ void FrameTest::downloadNamesNeverLeaveTheFolder()
         QVERIFY2(norva::transfer::staysInFolder(row.name) == row.stays, qPrintable(row.name));
 }
 
-// A download is read on a socket of the library's own; its request must be
-// the one Qt's manager sends, byte for byte.
-void FrameTest::aDownloadSendsWhatTheManagerSends()
+// Calls of the asynchronous face, and downloads, go on connections of the
+// library's own; what they send must be what Qt's manager sends, byte for
+// byte, for every kind of request and on every route.
+void FrameTest::ownConnectionsSendWhatTheManagerSends()
 {
-    struct NoSink final : norva::BodySink {
-        bool take(int) override { return false; }
-        void write(const char*, qint64) override {}
-        void discard() override {}
-    } sink;
     int argc = 1;
     char name[] = "test_frame";
     char* argv[] = {name, nullptr};
     const QCoreApplication application(argc, argv);
     TestService service;
+    const QString at = "http://" + service.address();
+    const QString upload = QDir::temp().filePath(QString::fromUtf8("norva-frame-\xc3\xa9.brd"));
+    writeFile(upload, boardBytes(3000));
+    using norva::OutgoingRequest;
     const struct {
-        const char* path;
-        QByteArray form;
-        QString token; // null: none sent
+        const char* name;
+        QNetworkProxy proxy; // the application's, for a service that is not on loopback
+        QString url;
+        std::function<OutgoingRequest(const QString& url)> make;
+        QByteArray requestLine; // how the request starts
     } rows[] = {
-        {"/kvr/originalFile/downloadFile", "id=5&userId=3", QStringLiteral("tk")},
-        {"/mall/originalFile/downloadFile", "id=12", QString()},
-        {"/a%20b/../c?q=1", "", QString::fromUtf8("\xc3\xa9")},
+        {"JSON with a token", QNetworkProxy::NoProxy, at + "/kvr/share/selectShare",
+         [](const QString& url) {
+             OutgoingRequest o = norva::jsonPost(url, R"({"userId":1})");
+             norva::setTokenHeader(o, "tk");
+             return o;
+         },
+         "POST /kvr/share/selectShare HTTP/1.1\r\n"},
+        {"form text, no token", QNetworkProxy::NoProxy, at + "/mall/originalFile/downloadFile",
+         [](const QString& url) { return norva::formTextPost(url, "id=12"); }, "POST /mall/"},
+        {"a path to normalise, a token in UTF-8", QNetworkProxy::NoProxy, at + "/a%20b/../c?q=1",
+         [](const QString& url) {
+             OutgoingRequest o = norva::formTextPost(url, "");
+             norva::setTokenHeader(o, "\xc3\xa9");
+             return o;
+         },
+         "POST /c?q=1 HTTP/1.1\r\n"},
+        {"GET with a query", QNetworkProxy::NoProxy, at + "/tavlin/m?id=3&n=%C3%A9",
+         [](const QString& url) { return norva::bodilessGet(url, norva::contentType::formText, true); }, "GET /tavlin/m?id=3"},
+        {"an upload form", QNetworkProxy::NoProxy, at + "/kvr/originalFile/uploadFile",
+         [&upload](const QString& url) {
+             auto form = std::make_unique<QHttpMultiPart>(QHttpMultiPart::FormDataType);
+             form->setBoundary("boundary_.oOo._fixed");
+             QHttpPart file;
+             file.setHeader(QNetworkRequest::ContentDispositionHeader,
+                            QString("form-data;name=file;filename=") + QFileInfo(upload).fileName());
+             auto* const device = new QFile(upload, form.get());
+             device->open(QIODevice::ReadOnly);
+             file.setBodyDevice(device);
+             form->append(file);
+             QHttpPart data;
+             data.setHeader(QNetworkRequest::ContentDispositionHeader, QStringLiteral("form-data;name=\"data\""));
+             data.setBody(R"({"fileInfo":{}})");
+             form->append(data);
+             OutgoingRequest o = norva::formPost(url, std::move(form), "{}");
+             norva::setTokenHeader(o, "tk");
+             return o;
+         },
+         "POST /kvr/originalFile/uploadFile HTTP/1.1\r\n"},
+        {"through an HTTP proxy", QNetworkProxy(QNetworkProxy::HttpProxy, "127.0.0.1", service.address().section(':', 1).toUShort()),
+         "http://records.test:81/kvr/share/selectShare",
+         [](const QString& url) { return norva::jsonPost(url, "{}"); },
+         "POST http://records.test:81/kvr/share/selectShare HTTP/1.1\r\n"},
+        {"through a caching proxy",
+         QNetworkProxy(QNetworkProxy::HttpCachingProxy, "127.0.0.1", service.address().section(':', 1).toUShort()),
+         "http://records.test/tavlin/m", [](const QString& url) { return norva::bodilessGet(url, nullptr, false); },
+         "GET http://records.test/tavlin/m HTTP/1.1\r\n"},
     };
     for (const auto& row : rows) {
+        QNetworkProxy::setApplicationProxy(row.proxy);
         QByteArray raw[2];
-        for (const bool throughSocket : {false, true}) {
-            norva::OutgoingRequest outgoing =
-                norva::formTextPost(norva::serviceUrlText(service.address(), QString::fromLatin1(row.path)), row.form);
-            if (!row.token.isNull())
-                norva::setTokenHeader(outgoing, row.token.toUtf8());
-            if (throughSocket)
-                outgoing.bodySink = &sink;
+        for (const bool own : {false, true}) {
+            OutgoingRequest outgoing = row.make(row.url);
+            QNetworkAccessManager manager;
+            norva::ConnectionPool pool;
+            const std::unique_ptr<norva::ExchangeInFlight> exchange = norva::makeExchange(outgoing, &manager, own ? &pool : nullptr);
+            QEventLoop loop;
+            exchange->onActivity = [] {};
+            exchange->onSent = [](qint64, qint64) {};
+            exchange->onReceived = [](qint64, qint64) {};
+            exchange->onFinished = [&loop] { loop.quit(); };
             service.reset();
-            QCOMPARE(norva::runExchange(outgoing).httpStatus, 200);
-            raw[throughSocket] = service.lastRequest().raw;
+            exchange->start();
+            if (!exchange->isFinished())
+                loop.exec();
+            QVERIFY2(exchange->takeReply().httpStatus == 200, row.name);
+            raw[own] = service.lastRequest().raw;
         }
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QVERIFY2(raw[true].startsWith(row.requestLine), raw[true].constData());
         QCOMPARE(raw[true], raw[false]);
     }
+    QFile::remove(upload);
 }
 
 // With a Qt built without TLS (this test links that transport), an "https"

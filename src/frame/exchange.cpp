@@ -273,9 +273,9 @@ std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetwo
     QString why;
     if (!canReach(url, why))
         return std::make_unique<UnreachableExchange>(why, QNetworkReply::ProtocolUnknownError, true);
-    // Upload forms, and addresses with credentials (which the manager answers
-    // a challenge with), stay on the manager.
-    const bool ownConnection = outgoing.bodySink || (pool && !outgoing.form && url.userInfo().isEmpty());
+    // Addresses with credentials (which the manager answers a challenge with)
+    // stay on the manager.
+    const bool ownConnection = outgoing.bodySink || (pool && url.userInfo().isEmpty());
     if (!ownConnection)
         return std::make_unique<ManagerExchange>(outgoing, *manager);
     Route route = routeFor(url);

@@ -119,8 +119,8 @@ class ConnectionPool;
 // The exchange of `outgoing`. With a pool (the asynchronous face), and for
 // every request whose body goes to a sink, on a connection of the library's
 // own (socket_exchange.h), kept in `pool` if there is one; else on `manager`.
-// Upload forms, addresses with credentials, and routes only the manager can
-// take (route.h) go on `manager`, which a request for a sink never needs.
+// Addresses with credentials, and routes only the manager can take
+// (route.h), go on `manager`, which a request for a sink never needs.
 std::unique_ptr<ExchangeInFlight> makeExchange(OutgoingRequest& outgoing, QNetworkAccessManager* manager,
                                                ConnectionPool* pool);
 

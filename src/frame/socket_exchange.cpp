@@ -9,6 +9,7 @@
 #include "frame/call_watch.h"
 #include "frame/connection_pool.h"
 #include "frame/content_decoder.h"
+#include "frame/form_body.h"
 #include "frame/quick_ack.h"
 #include "frame/request_head.h"
 #include "frame/transport.h"
@@ -25,6 +26,10 @@ using boost::beast::string_view;
 
 // How much is read from the socket at once, and how much Qt may hold for it.
 constexpr qint64 readStep = 64 * 1024;
+
+// How much of an upload form is read at once, and how much may wait in the
+// socket unwritten: a large file is sent without being held in memory.
+constexpr qint64 formStep = 64 * 1024;
 
 // A head larger than this is no reply the call can use (a download's name
 // is in it, and no name is this long).
@@ -133,12 +138,21 @@ HeadFor headFor(const Route& route)
 } // namespace
 
 SocketExchange::SocketExchange(OutgoingRequest& outgoing, Route route, ConnectionPool* pool)
-    : outgoing(outgoing),
-      route(std::move(route)),
-      pool(pool),
-      requestBytes(requestHead(verbName(outgoing.verb), outgoing.request, headFor(this->route)) + outgoing.body),
-      headSize(requestBytes.size() - outgoing.body.size())
+    : outgoing(outgoing), route(std::move(route)), pool(pool)
 {
+    if (outgoing.form) {
+        FormBody form = formBody(outgoing.request, *outgoing.form);
+        formDevice = form.device;
+        bodySize = formDevice->size();
+        form.request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(bodySize));
+        requestBytes = requestHead(verbName(outgoing.verb), form.request, headFor(this->route));
+        headSize = requestBytes.size();
+    } else {
+        requestBytes = requestHead(verbName(outgoing.verb), outgoing.request, headFor(this->route));
+        headSize = requestBytes.size();
+        bodySize = outgoing.body.size();
+        requestBytes += outgoing.body;
+    }
 }
 
 SocketExchange::~SocketExchange()
@@ -207,7 +221,23 @@ void SocketExchange::send()
 {
     onActivity();
     // Head and body in one write: a small request leaves in one segment.
-    socket->write(requestBytes);
+    if (!formDevice) {
+        socket->write(requestBytes);
+        return;
+    }
+    formDevice->reset();
+    socket->write(requestBytes + formDevice->read(formStep));
+    writeMoreOfForm();
+}
+
+void SocketExchange::writeMoreOfForm()
+{
+    while (!formDevice->atEnd() && socket->bytesToWrite() < formStep) {
+        const QByteArray next = formDevice->read(formStep);
+        if (next.isEmpty())
+            return;
+        socket->write(next);
+    }
 }
 
 void SocketExchange::newParser()
@@ -230,8 +260,10 @@ void SocketExchange::written(qint64 bytes)
 {
     const Running running(*this);
     writtenBytes += bytes;
+    if (formDevice)
+        writeMoreOfForm();
     onActivity();
-    onSent(qMax<qint64>(0, writtenBytes - headSize), outgoing.body.size());
+    onSent(qMax<qint64>(0, writtenBytes - headSize), bodySize);
 }
 
 void SocketExchange::readArrived()

@@ -23,6 +23,10 @@
 #include <QPointer>
 #include <QTcpSocket>
 
+QT_BEGIN_NAMESPACE
+class QIODevice;
+QT_END_NAMESPACE
+
 #include <memory>
 
 namespace norva {
@@ -34,7 +38,7 @@ class ContentDecoder;
 class SocketExchange final : public ExchangeInFlight
 {
 public:
-    // Sends `outgoing` (its verb, URL, fields and text body) on `route` once
+    // Sends `outgoing` (its verb, URL, fields, and text body or form) on `route` once
     // start() is called, on a connection from `pool` if it has one (and gives
     // the connection back if the reply leaves it fit for another). `outgoing`
     // must outlive the exchange; its sink takes the body.
@@ -72,11 +76,16 @@ private:
     // Ends the exchange; its last act is onFinished, so callers touch nothing after.
     void finish();
 
+    // Writes more of a form while little of it waits in the socket.
+    void writeMoreOfForm();
+
     OutgoingRequest& outgoing;
     const Route route;
     const QPointer<ConnectionPool> pool;
-    const QByteArray requestBytes;
-    const qint64 headSize;
+    QByteArray requestBytes; // the head, and a text body
+    qint64 headSize = 0;
+    QIODevice* formDevice = nullptr; // an upload form's bytes (form_body.h)
+    qint64 bodySize = 0;
     std::unique_ptr<QTcpSocket> socket; // TLS for "https" (transport.h)
     std::unique_ptr<ReplyParser> parser;
     std::unique_ptr<ContentDecoder> decoder;
