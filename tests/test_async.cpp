@@ -10,6 +10,8 @@
 #include <QEventLoop>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkProxy>
+#include <QNetworkProxyFactory>
 #include <QPointer>
 #include <QTemporaryDir>
 #include <QThread>
@@ -67,6 +69,7 @@ private slots:
     void init() { service.reset(); }
     void namesAndThreads();
     void credentialsInTheAddress();
+    void everyCallTakesTheHostsProxy();
     void manyInFlightEachReachTheirOwnCall();
     void cancelOrDeleteInFlightOrWaiting();
     void endedFromItsOwnProgressSlot();
@@ -172,6 +175,100 @@ void AsyncTest::namesAndThreads()
 // An address with credentials: the service challenges every call, and a
 // client's second call answers the challenge as a blocking call does, rather
 // than sending the credentials unasked.
+// Every kind of call, through either face, goes the way Qt's manager would
+// send it for the host's proxy settings, and never directly: the service's
+// name does not resolve here, so only the proxy (this test's service) can
+// have seen a request. An "http" service gets absolute-form requests, an
+// "https" one a CONNECT to its port.
+void AsyncTest::everyCallTakesTheHostsProxy()
+{
+    struct ForRecords final : QNetworkProxyFactory {
+        QNetworkProxy proxy;
+        QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery& query) override
+        {
+            return {query.url().host() == "records.test" ? proxy : QNetworkProxy(QNetworkProxy::NoProxy)};
+        }
+    };
+    const quint16 port = service.address().section(':', 1).toUShort();
+    const QByteArray proxyUrl = "http://127.0.0.1:" + QByteArray::number(port);
+    const bool systemProxies = QNetworkProxyFactory::usesSystemConfiguration();
+    QTemporaryDir folder;
+    const QString upload = folder.filePath("proxied.brd");
+    writeFile(upload, boardBytes(2000));
+    const struct {
+        const char* name;
+        std::function<void()> setUp; // undone by the test after each row
+        QString service;
+        QByteArray seen; // how every request the proxy saw starts, after the verb
+    } setups[] = {
+        {"application HTTP proxy", [port] { QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", port}); },
+         "records.test:8080", " http://records.test:8080/"},
+        {"application caching proxy",
+         [port] { QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpCachingProxy, "127.0.0.1", port}); },
+         "records.test:8080", " http://records.test:8080/"},
+        {"the host's URL factory",
+         [port] {
+             auto* const factory = new ForRecords;
+             factory->proxy = {QNetworkProxy::HttpProxy, "127.0.0.1", port};
+             QNetworkProxyFactory::setApplicationProxyFactory(factory);
+         },
+         "records.test", " http://records.test/"},
+        // (Qt reads the environment's proxies when they are set at its start,
+        // as the system's configuration; here they come later.)
+        {"http_proxy",
+         [proxyUrl] {
+             qputenv("http_proxy", proxyUrl);
+             QNetworkProxyFactory::setUseSystemConfiguration(true);
+         },
+         "records.test:8080", " http://records.test:8080/"},
+        {"https_proxy, an https service",
+         [proxyUrl] {
+             qputenv("https_proxy", proxyUrl);
+             QNetworkProxyFactory::setUseSystemConfiguration(true);
+         },
+         "https://records.test",
+         "CONNECT records.test:443 HTTP/1.1\r\n"},
+        {"HTTP proxy, an https service",
+         [port] { QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", port}); }, "https://records.test:8443",
+         "CONNECT records.test:8443 HTTP/1.1\r\n"},
+    };
+    const struct {
+        OperationFunction operation;
+        QByteArray verb;
+        QString extra;
+    } calls[] = {
+        {norva_sdk_select_share, "POST", R"("currentUserId":1)"},
+        {NORVA::TAVLIN_KVRAPI_QT::norva_tavlin_get_all_model_id, "GET", ""},
+        {norva_sdk_upload_file, "POST", R"("file_uploadpath":")" + upload + '"'},
+        {norva_sdk_download_binary_file, "POST", R"("file_downloadpath":")" + folder.path() + R"(","data":{"id":1})"},
+    };
+    for (const auto& setup : setups) {
+        setup.setUp();
+        for (const auto& call : calls) {
+            for (const Face face : {Face::Blocking, Face::Async}) {
+                const FaceScope scope(face);
+                service.reset();
+                QString argument = R"({"ipconfig":")" + setup.service + R"(","token":"tk")";
+                if (!call.extra.isEmpty())
+                    argument += ',' + call.extra;
+                callOperation(call.operation, argument + '}');
+                const std::vector<RecordedRequest> seen = service.requests();
+                const QByteArray start = setup.seen.startsWith(' ') ? call.verb + setup.seen : setup.seen;
+                const QString where = QString("%1, %2, %3").arg(setup.name, QString(call.verb),
+                                                                face == Face::Async ? "async" : "blocking");
+                QVERIFY2(!seen.empty(), qPrintable(where));
+                for (const RecordedRequest& request : seen)
+                    QVERIFY2(request.raw.startsWith(start), qPrintable(where + ": " + request.raw.left(80)));
+            }
+        }
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QNetworkProxyFactory::setApplicationProxyFactory(nullptr);
+        QNetworkProxyFactory::setUseSystemConfiguration(systemProxies);
+        qunsetenv("http_proxy");
+        qunsetenv("https_proxy");
+    }
+}
+
 void AsyncTest::credentialsInTheAddress()
 {
     const QString argument = substitute(R"({"ipconfig":"u:p@$ADDR","token":"tk","currentUserId":1})", service.address());

@@ -15,7 +15,9 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QSslKey>
 #include <QSslSocket>
+#include <QTcpServer>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QTcpSocket>
@@ -87,13 +89,15 @@ QByteArray filesIn(const QString& folder)
     return bytes;
 }
 
-// The same call through the asynchronous face, on a client of its own.
-QJsonObject callAsync(const char* operation, QJsonObject argument, const QString& address, const QString& token = {})
+// The same call through the asynchronous face, on a client of its own or on `on`.
+QJsonObject callAsync(const char* operation, QJsonObject argument, const QString& address, const QString& token = {},
+                      Client* on = nullptr)
 {
     argument.insert("ipconfig", address);
     if (!token.isEmpty())
         argument.insert("token", token);
-    Client client;
+    Client own;
+    Client& client = on ? *on : own;
     const std::unique_ptr<CallReply> reply(
         client.call(operation, QJsonDocument(argument).toJson(QJsonDocument::Compact).toStdString()));
     QSignalSpy finished(reply.get(), &CallReply::finished);
@@ -154,6 +158,7 @@ private slots:
     void https_data();
     void https();
     void norvaTrustsWhatItIsTold();
+    void aTlsBodyEndsOnlyWithItsClose();
     void readmeExamplesRunAsWritten();
 
 private:
@@ -1010,6 +1015,22 @@ void EndToEndTest::https()
             QVERIFY2(result["status"].toInt() == 200, QJsonDocument(result).toJson().constData());
         QCOMPARE(readFile(into + "/" + name + ".gbr"), bytes);
         QCOMPARE(results[4]["data"].toArray().size(), 1);
+        if (row.scheme != "https://")
+            return;
+        // A client's kept connection follows the host's trust: once the
+        // authority is withdrawn the next call is refused, and once it is back
+        // the next call goes through.
+        Client kept;
+        const auto query = [&] { return callAsync("select_origfiles_manage", {{"board_id", board}}, at, token, &kept).value("message"); };
+        const QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+        QSslConfiguration withdrawn = trusting;
+        withdrawn.setCaCertificates(QSslConfiguration::systemCaCertificates());
+        const QString answered = query().toString();
+        QVERIFY(answered != "Server shuts down");
+        QSslConfiguration::setDefaultConfiguration(withdrawn);
+        QCOMPARE(query().toString(), QStringLiteral("Server shuts down"));
+        QSslConfiguration::setDefaultConfiguration(trusting);
+        QCOMPARE(query().toString(), answered);
         return;
     }
     const QJsonObject unanswered = call(norva_sdk_select_origfiles_manage, {}, nobody, token);
@@ -1017,6 +1038,57 @@ void EndToEndTest::https()
     for (const QJsonObject& result : results)
         QCOMPARE(result, unanswered);
     QVERIFY(QDir(into).isEmpty());
+}
+
+// A download whose body runs to the close: over TLS it is whole only once the
+// service ended TLS itself (close_notify). A bare TCP close may be anybody's
+// cut, and a file cut so is not stored. Both faces.
+void EndToEndTest::aTlsBodyEndsOnlyWithItsClose()
+{
+    const TestCertificates& c = certificates();
+    class RunToTheClose final : public QTcpServer
+    {
+    public:
+        bool notify = true;
+        const TestCertificates* certificates = nullptr;
+
+    protected:
+        void incomingConnection(qintptr descriptor) override
+        {
+            auto* const socket = new QSslSocket(this);
+            socket->setSocketDescriptor(descriptor);
+            socket->setLocalCertificate(QSslCertificate(QByteArray::fromStdString(certificates->trusted.certificate)));
+            socket->setPrivateKey(QSslKey(QByteArray::fromStdString(certificates->trusted.key), QSsl::Ec));
+            connect(socket, &QSslSocket::readyRead, socket, [this, socket] {
+                if (!socket->readAll().contains("\r\n\r\n"))
+                    return;
+                socket->write("HTTP/1.1 200 OK\r\nContent-Disposition: attachment;filename=cut.brd\r\n"
+                              "Connection: close\r\n\r\n" + QByteArray(5000, 'c'));
+                while (socket->bytesToWrite() > 0 || socket->encryptedBytesToWrite() > 0)
+                    socket->waitForBytesWritten(1000);
+                if (notify)
+                    socket->disconnectFromHost();
+                else
+                    socket->abort();
+            });
+            socket->startServerEncryption();
+        }
+    } server;
+    server.certificates = &c;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    const QString at = "https://127.0.0.1:" + QString::number(server.serverPort());
+    for (const bool notify : {true, false}) {
+        server.notify = notify;
+        for (const bool async : {false, true}) {
+            QTemporaryDir into;
+            const QJsonObject download{{"file_downloadpath", into.path()}, {"data", QJsonObject{{"id", 1}}}};
+            const QJsonObject result = async ? callAsync("download_binary_file", download, at, "tk")
+                                             : call(norva_sdk_download_binary_file, download, at, "tk");
+            const QString where = QString("notify %1, async %2: ").arg(notify).arg(async);
+            QVERIFY2((result["status"].toInt() == 200) == notify, qPrintable(where + QJsonDocument(result).toJson()));
+            QCOMPARE(readFile(into.filePath("cut.brd")), notify ? QByteArray(5000, 'c') : QByteArray("<missing>"));
+        }
+    }
 }
 
 // norva trusts the certificates of --cacert, else of NORVA_CACERT, else of the

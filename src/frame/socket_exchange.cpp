@@ -175,6 +175,7 @@ void SocketExchange::openConnection(bool mayReuse)
     newParser();
     unparsed.clear();
     connectedThisAttempt = false;
+    closedCleanly = false;
     writtenBytes = 0;
     if (socket) {
         QObject::disconnect(socket.get(), nullptr, this, nullptr);
@@ -214,7 +215,12 @@ void SocketExchange::wire()
     // is looked at once the socket has settled.
     const auto closeSoon = [this] { QMetaObject::invokeMethod(this, &SocketExchange::closed, Qt::QueuedConnection); };
     connect(socket.get(), &QTcpSocket::disconnected, this, closeSoon);
-    connect(socket.get(), &QTcpSocket::errorOccurred, this, closeSoon);
+    connect(socket.get(), &QTcpSocket::errorOccurred, this, [this, closeSoon] {
+        // The TCP close that follows a close_notify tells of itself in turn:
+        // the service's own end is noted as it comes.
+        closedCleanly = closedCleanly || closedByService(*socket);
+        closeSoon();
+    });
 }
 
 void SocketExchange::send()
@@ -371,7 +377,7 @@ void SocketExchange::closed()
         }
         // A body that runs to the close ends there, if its framing says so,
         // and if the close was the service's own.
-        if (!over && headSeen && !parser->is_done() && closedByService(*socket)) {
+        if (!over && headSeen && !parser->is_done() && (closedCleanly || closedByService(*socket))) {
             error_code error;
             parser->put_eof(error);
         }

@@ -101,7 +101,7 @@ private:
     bool sinkAsked = false;
     bool bodyInSink = false;
     bool bodyValid = true;      // the coding, if any, decoded cleanly
-    bool closedCleanly = false; // the peer ended TLS with close_notify (or plain TCP closed)
+    bool closedCleanly = false; // the service ended TLS with close_notify
     int attemptsLeft = 2;       // sends again when a connection closes unanswered, as Qt does
     bool finishedAlready = false;
     ReceivedReply reply;

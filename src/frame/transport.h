@@ -41,9 +41,10 @@ std::unique_ptr<QTcpSocket> makeSocket(const QUrl& url, QObject* context, std::f
 // call to follow.)
 bool trustUnchanged(const QTcpSocket& socket);
 
-// Whether the connection's close was the service's own end of it: for TLS,
-// only once the service said so (close_notify); a TCP close alone may be a cut
-// made by anyone on the way.
+// Whether the socket's last error is the service's own end of the connection:
+// for TLS, only its close_notify (asked as the error comes: a TCP close right
+// behind it replaces it); a TCP close alone may be a cut made by anyone on the
+// way.
 bool closedByService(const QTcpSocket& socket);
 
 // Connects the socket made for `url` to the first hop of `route`.
