@@ -35,6 +35,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -187,6 +188,50 @@ void perServerRows(int calls, int repeats, const std::string& uploadPath)
     }
 }
 
+// `norva batch` of `calls` model-list queries against `address`, with
+// `options` ("--blocking" or "--jobs 6"): seconds, or -1 when not every call
+// answered 200. The command sits beside this program in the build tree.
+double batchSeconds(const std::string& norva, const std::string& address, int calls, const std::string& options)
+{
+    char inputTemplate[] = "/tmp/norva-bench-batch-XXXXXX";
+    const int input = ::mkstemp(inputTemplate);
+    const std::string line = R"({"operation":"get_all_model_id","argument":{"ipconfig":")" + address + "\"}}\n";
+    for (int i = 0; i < calls; ++i) {
+        if (::write(input, line.data(), line.size()) != ssize_t(line.size()))
+            return -1;
+    }
+    ::close(input);
+    const std::string output = std::string(inputTemplate) + ".out";
+    const auto start = Clock::now();
+    const int status = std::system((norva + " --no-session batch " + options + " " + inputTemplate + " > " + output
+                                    + " 2> /dev/null")
+                                       .c_str());
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const std::string count = "test $(grep -c '\"status\":200' " + output + ") = " + std::to_string(calls);
+    const bool allAnswered = status == 0 && std::system(count.c_str()) == 0;
+    ::unlink(inputTemplate);
+    ::unlink(output.c_str());
+    return allAnswered ? seconds : -1;
+}
+
+// `norva batch`, blocking and with 6 in flight, against each kind of server.
+void batchRows(const std::string& norva, int calls)
+{
+    std::printf("\n| %-36s | %-22s | %-12s | %-12s | %-9s |\n", "server", "norva batch", "--blocking s", "--jobs 6 s",
+                "speed-up");
+    std::printf("|%s|%s|%s|%s|%s|\n", std::string(38, '-').c_str(), std::string(24, '-').c_str(),
+                std::string(14, '-').c_str(), std::string(14, '-').c_str(), std::string(11, '-').c_str());
+    for (const auto& [manner, name] : {std::pair(bench::Manner::OneWrite, "NODELAY, one write per reply"),
+                                       std::pair(bench::Manner::HeadThenBody, "head and body apart, Nagle on")}) {
+        bench::LoopbackSink sink(0, manner);
+        const double blocking = batchSeconds(norva, sink.address(), calls, "--blocking");
+        const double async = batchSeconds(norva, sink.address(), calls, "--jobs 6");
+        std::printf("| %-36s | %-22s | %12.2f | %12.2f | %9.1f |\n", name,
+                    (std::to_string(calls) + " model lists").c_str(), blocking, async, blocking / async);
+        std::fflush(stdout);
+    }
+}
+
 // A child process: one download through the blocking face, or `count` at once
 // through the asynchronous one. Exit 0 when every one stored its file.
 int childDownload(const std::string& face, const std::string& address, const std::string& folder, int count)
@@ -236,11 +281,11 @@ int main(int argc, char** argv)
     const int repeats = quick ? 1 : 5;
     const std::uint64_t mib = 1 << 20;
 
-    std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "measurement", "async face", "bare Qt", "libcurl multi",
-                "async / Qt");
-    std::printf("|%s|%s|%s|%s|%s|\n", std::string(54, '-').c_str(), std::string(16, '-').c_str(),
-                std::string(16, '-').c_str(), std::string(16, '-').c_str(), std::string(12, '-').c_str());
     if (!servers) {
+        std::printf("| %-52s | %-14s | %-14s | %-14s | %-10s |\n", "measurement", "async face", "bare Qt", "libcurl multi",
+                    "async / Qt");
+        std::printf("|%s|%s|%s|%s|%s|\n", std::string(54, '-').c_str(), std::string(16, '-').c_str(),
+                    std::string(16, '-').c_str(), std::string(16, '-').c_str(), std::string(12, '-').c_str());
         bench::LoopbackSink sink;
         const std::string address = sink.address();
         int appArgc = 1;
@@ -299,6 +344,10 @@ int main(int argc, char** argv)
         QCoreApplication application(appArgc, appArgv);
         perServerRows(quick ? 100 : 2000, quick ? 1 : 5, uploadTemplate);
     }
+    const std::string program = argv[0];
+    const std::string norva = program.substr(0, program.find_last_of('/') + 1) + "../tools/norva";
+    if (::access(norva.c_str(), X_OK) == 0)
+        batchRows(norva, quick ? 300 : 10000);
     ::unlink(uploadTemplate);
     if (servers)
         return 0;

@@ -90,12 +90,37 @@ private:
     std::unique_ptr<State> d;
 };
 
-/// Makes calls from the thread it lives on, with one network manager: its
-/// connections are kept between calls. (A call to an address with credentials
-/// in it, "user:password@host:port", has a manager and connection of its own,
-/// as a blocking call does, so that no later call sends them unasked.) A client
-/// may be moved to a worker's thread (moveToThread()) while none of its calls is
-/// waiting or in flight.
+/// Makes calls from the thread it lives on, on HTTP/1.1 connections of the
+/// library's own, kept between calls: up to maxCallsInFlight() per service and
+/// route, each closed once unused for the idle limit. A request goes out in
+/// one write with TCP_NODELAY, and on Linux what comes is acknowledged at once,
+/// so that no call waits for a delayed ACK, whatever the server. The bytes
+/// sent are those Qt's network manager would send on this Qt line, upload
+/// forms included, and the result is the blocking function's, letter for
+/// letter.
+///
+/// Proxies and trust are taken as Qt's manager takes them, for every call: the
+/// application's proxy factory is asked with the request's URL (the host's own
+/// factory, QNetworkProxy::setApplicationProxy, or the system's, such as
+/// http_proxy on Linux). An "http" service goes through an HTTP or caching
+/// proxy as absolute-form requests, an "https" one through a CONNECT tunnel,
+/// and SOCKS5 as Qt's socket does; a service on loopback goes directly, as in
+/// Qt. A new TLS connection checks the service against Qt's default TLS
+/// configuration of that moment, and a kept one made before the host changed
+/// it is not used again. A body that runs to the close of a TLS connection is
+/// whole only if the service ended TLS itself (close_notify).
+///
+/// Two kinds of call go through one Qt network manager of the client's
+/// instead, which answers challenges this path does not speak: an "http"
+/// service behind an HTTP proxy that has credentials (Qt answers its Basic,
+/// Digest or NTLM challenge), and an address with credentials in it,
+/// "user:password@host:port", which has a manager and connection of its own,
+/// as a blocking call does, so that no later call sends them unasked. (A
+/// download behind such a proxy asks it for a tunnel instead, where Qt's
+/// socket answers the challenge.)
+///
+/// A client may be moved to a worker's thread (moveToThread()) while none of
+/// its calls is waiting or in flight.
 class NORVA_API_QT_EXPORT Client : public QObject
 {
     Q_OBJECT
