@@ -176,8 +176,11 @@ void perServerRows(int calls, int repeats, const std::string& uploadPath)
                     async1.push_back(bench::asyncMicrosPerCall(address, calls, 1, kind, uploadPath));
                     blocking.push_back(bench::blockingMicrosPerCall(address, std::min(calls, 300), kind, uploadPath));
                     async6.push_back(bench::asyncMicrosPerCall(address, calls, 6, kind, uploadPath));
-                    curl1.push_back(curlMultiMicrosPerCall(address, calls, 1, kind, uploadPath));
-                    curl6.push_back(curlMultiMicrosPerCall(address, calls, 6, kind, uploadPath));
+                    // libcurl waits out the delayed ACK of every reply from a
+                    // server that writes it in two pieces: fewer calls there.
+                    const int curlCalls = server.manner == bench::Manner::HeadThenBody ? std::min(calls, 60) : calls;
+                    curl1.push_back(curlMultiMicrosPerCall(address, curlCalls, 1, kind, uploadPath));
+                    curl6.push_back(curlMultiMicrosPerCall(address, curlCalls, 6, kind, uploadPath));
                 }
             }
             std::printf("| %-36s | %-22s | %9.0f | %9.0f | %9.0f | %9.0f | %9.0f | %11.2f |\n", server.name,

@@ -32,6 +32,7 @@ std::unique_ptr<QTcpSocket> ConnectionPool::take(const QString& routeKey)
             continue;
         std::unique_ptr<QTcpSocket> socket = std::move(it->socket);
         kept.erase(std::next(it).base());
+        socket->setParent(nullptr);
         // Bytes nobody asked for, or a close the loop has seen: not for reuse.
         if (socket->state() == QAbstractSocket::ConnectedState && socket->bytesAvailable() == 0 && trustUnchanged(*socket))
             return socket;
@@ -48,6 +49,8 @@ void ConnectionPool::giveBack(const QString& routeKey, std::unique_ptr<QTcpSocke
         letGo(std::move(socket));
         return;
     }
+    // The pool's child while kept: it moves with the client to another thread.
+    socket->setParent(this);
     kept.push_back({routeKey, std::move(socket), QElapsedTimer()});
     kept.back().unusedFor.start();
     if (!sweep.isActive())
