@@ -13,6 +13,8 @@
 #include <QNetworkProxy>
 #include <QNetworkProxyFactory>
 #include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
@@ -180,8 +182,52 @@ void AsyncTest::namesAndThreads()
 // name does not resolve here, so only the proxy (this test's service) can
 // have seen a request. An "http" service gets absolute-form requests, an
 // "https" one a CONNECT to its port.
+namespace {
+
+// A SOCKS5 proxy that grants every tunnel and then plays the service at its
+// end: for each tunnel it keeps the address asked for and the request's head.
+class Socks5Recorder final : public QTcpServer
+{
+public:
+    QList<QByteArray> seen; // "host:port POST /path HTTP/1.1..." for each tunnel
+
+protected:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* const socket = new QTcpSocket(this);
+        socket->setSocketDescriptor(descriptor);
+        auto buffer = std::make_shared<QByteArray>();
+        auto target = std::make_shared<QByteArray>();
+        connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer, target] {
+            QByteArray& b = *buffer;
+            b += socket->readAll();
+            if (target->isNull() && b.size() >= 2 && b.size() >= 2 + uchar(b.at(1)) && b.at(0) == 5) {
+                b.remove(0, 2 + uchar(b.at(1))); // the greeting: no authentication, please
+                socket->write(QByteArray("\x05\x00", 2));
+                *target = "";
+            }
+            if (target->isEmpty() && b.size() >= 5 && b.at(3) == 3 && b.size() >= 7 + uchar(b.at(4))) {
+                const int length = uchar(b.at(4)); // CONNECT to a name
+                *target = b.mid(5, length) + ':' + QByteArray::number((uchar(b.at(5 + length)) << 8) | uchar(b.at(6 + length)));
+                b.remove(0, 7 + length);
+                socket->write(QByteArray("\x05\x00\x00\x01\x00\x00\x00\x00\x00\x00", 10));
+            }
+            if (!target->isEmpty() && b.contains("\r\n\r\n")) {
+                seen << *target + ' ' + b.left(b.indexOf("\r\n\r\n"));
+                b.clear();
+                socket->write("HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+                socket->disconnectFromHost();
+            }
+        });
+    }
+};
+
+} // namespace
+
 void AsyncTest::everyCallTakesTheHostsProxy()
 {
+    Socks5Recorder socks;
+    QVERIFY(socks.listen(QHostAddress::LocalHost));
     struct ForRecords final : QNetworkProxyFactory {
         QNetworkProxy proxy;
         QList<QNetworkProxy> queryProxy(const QNetworkProxyQuery& query) override
@@ -228,6 +274,9 @@ void AsyncTest::everyCallTakesTheHostsProxy()
          },
          "https://records.test",
          "CONNECT records.test:443 HTTP/1.1\r\n"},
+        {"application SOCKS5 proxy",
+         [&socks] { QNetworkProxy::setApplicationProxy({QNetworkProxy::Socks5Proxy, "127.0.0.1", socks.serverPort()}); },
+         "records.test:8080", "records.test:8080 "},
         {"HTTP proxy, an https service",
          [port] { QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, "127.0.0.1", port}); }, "https://records.test:8443",
          "CONNECT records.test:8443 HTTP/1.1\r\n"},
@@ -248,12 +297,17 @@ void AsyncTest::everyCallTakesTheHostsProxy()
             for (const Face face : {Face::Blocking, Face::Async}) {
                 const FaceScope scope(face);
                 service.reset();
+                socks.seen.clear();
                 QString argument = R"({"ipconfig":")" + setup.service + R"(","token":"tk")";
                 if (!call.extra.isEmpty())
                     argument += ',' + call.extra;
                 callOperation(call.operation, argument + '}');
-                const std::vector<RecordedRequest> seen = service.requests();
-                const QByteArray start = setup.seen.startsWith(' ') ? call.verb + setup.seen : setup.seen;
+                std::vector<RecordedRequest> seen = service.requests();
+                for (const QByteArray& tunnelled : socks.seen)
+                    seen.push_back({{}, {}, {}, {}, tunnelled});
+                const QByteArray start = setup.seen.startsWith(' ')   ? call.verb + setup.seen
+                                         : setup.seen.endsWith(' ') ? setup.seen + call.verb + " /"
+                                                                    : setup.seen;
                 const QString where = QString("%1, %2, %3").arg(setup.name, QString(call.verb),
                                                                 face == Face::Async ? "async" : "blocking");
                 QVERIFY2(!seen.empty(), qPrintable(where));
