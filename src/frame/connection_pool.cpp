@@ -18,11 +18,11 @@ ConnectionPool::ConnectionPool(QObject* parent) : QObject(parent)
 
 ConnectionPool::~ConnectionPool() = default;
 
-void ConnectionPool::letGo(std::unique_ptr<QTcpSocket> socket)
+void ConnectionPool::letGo(std::unique_ptr<QTcpSocket> socket, When when)
 {
-    // Later: a socket may be let go from inside one of its own signals.
     socket->abort();
-    socket.release()->deleteLater();
+    if (when == When::Later)
+        socket.release()->deleteLater();
 }
 
 std::unique_ptr<QTcpSocket> ConnectionPool::take(const QString& routeKey)
@@ -36,7 +36,7 @@ std::unique_ptr<QTcpSocket> ConnectionPool::take(const QString& routeKey)
         // Bytes nobody asked for, or a close the loop has seen: not for reuse.
         if (socket->state() == QAbstractSocket::ConnectedState && socket->bytesAvailable() == 0 && trustUnchanged(*socket))
             return socket;
-        letGo(std::move(socket));
+        letGo(std::move(socket), When::Now);
         return take(routeKey);
     }
     return nullptr;
@@ -46,7 +46,7 @@ void ConnectionPool::giveBack(const QString& routeKey, std::unique_ptr<QTcpSocke
 {
     const auto sameRoute = [&routeKey](const Kept& k) { return k.routeKey == routeKey; };
     if (std::count_if(kept.begin(), kept.end(), sameRoute) >= maxPerRoute) {
-        letGo(std::move(socket));
+        letGo(std::move(socket), When::Later);
         return;
     }
     // The pool's child while kept: it moves with the client to another thread.
@@ -63,7 +63,7 @@ void ConnectionPool::closeUnused()
     for (auto it = kept.begin(); it != kept.end();) {
         const qint64 left = idleLimitMs - it->unusedFor.elapsed();
         if (left <= 0 || it->socket->state() != QAbstractSocket::ConnectedState) {
-            letGo(std::move(it->socket));
+            letGo(std::move(it->socket), When::Now);
             it = kept.erase(it);
             continue;
         }

@@ -46,7 +46,11 @@ private:
         QElapsedTimer unusedFor;
     };
     void closeUnused();
-    static void letGo(std::unique_ptr<QTcpSocket> socket);
+    // Closes a socket. A socket given back may be inside one of its own
+    // signals, and goes later; one that lay unused goes now (a thread whose
+    // loop runs no more would never delete it).
+    enum class When { Now, Later };
+    static void letGo(std::unique_ptr<QTcpSocket> socket, When when);
 
     std::vector<Kept> kept; // oldest first
     QTimer sweep;

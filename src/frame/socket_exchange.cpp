@@ -155,15 +155,10 @@ SocketExchange::SocketExchange(OutgoingRequest& outgoing, Route route, Connectio
     }
 }
 
-SocketExchange::~SocketExchange()
-{
-    // Later: the exchange may go inside one of its socket's signals.
-    if (socket) {
-        QObject::disconnect(socket.get(), nullptr, this, nullptr);
-        socket->abort();
-        socket.release()->deleteLater();
-    }
-}
+// The socket, if the exchange still has one, goes with it. (An exchange that
+// still has its socket is never deleted inside one of its socket's signals:
+// deletableNow() says so.)
+SocketExchange::~SocketExchange() = default;
 
 void SocketExchange::start()
 {

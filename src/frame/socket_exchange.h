@@ -50,7 +50,9 @@ public:
     void abort() override;
     bool isFinished() const override { return finishedAlready; }
     ReceivedReply takeReply() override;
-    bool deletableNow() const override { return handlersRunning == 0; }
+    // At once only when no handler of its own is under way and its socket went
+    // back to the pool: a socket that stayed may be inside one of its signals.
+    bool deletableNow() const override { return handlersRunning == 0 && !socket; }
 
 private:
     // Counts a handler of the exchange while it runs.
