@@ -348,9 +348,14 @@ int main(int argc, char** argv)
         perServerRows(quick ? 100 : 2000, quick ? 1 : 5, uploadTemplate);
     }
     const std::string program = argv[0];
-    const std::string norva = program.substr(0, program.find_last_of('/') + 1) + "../tools/norva";
-    if (::access(norva.c_str(), X_OK) == 0)
-        batchRows(norva, quick ? 300 : 10000);
+    // The command of this Qt line: "norva", or "norva-qt6" for Qt 6.
+    for (const char* name : {"norva", "norva-qt6"}) {
+        const std::string norva = program.substr(0, program.find_last_of('/') + 1) + "../tools/" + name;
+        if (::access(norva.c_str(), X_OK) == 0) {
+            batchRows(norva, quick ? 300 : 10000);
+            break;
+        }
+    }
     ::unlink(uploadTemplate);
     if (servers)
         return 0;
