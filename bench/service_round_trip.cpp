@@ -9,10 +9,13 @@
 // client's queries (its favourites, none) meanwhile, and the service's memory,
 // show what such connections cost. Last, 64 clients send a 15 MiB JSON batch
 // each at once: how many are taken, and the service's memory during and after.
+// With --siege, the floods and trials of a hostile client instead (siege()).
 //
 //   bench_service_round_trip SERVICE [MiB (default 2048)]
+//   bench_service_round_trip SERVICE --siege
 #include "norva_api_qt.h"
 
+#include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -256,12 +259,351 @@ LargeBodies largeJsonBodies(pid_t service, int port, const QString& token, int c
     return seen;
 }
 
+// A running service of its own for the siege rows: started with `extra`
+// options and, when `descriptors` is set, under that limit of open files.
+struct Service {
+    pid_t pid = -1;
+    QString address;
+};
+
+Service startService(const char* program, const std::string& data, rlim_t descriptors = 0,
+                     const std::vector<std::string>& extra = {})
+{
+    int output[2];
+    if (::pipe(output) != 0)
+        return {};
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(output[1], 1);
+        if (descriptors) {
+            const rlimit limit{descriptors, descriptors};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        }
+        std::vector<const char*> arguments{program, "--listen", "127.0.0.1:0"};
+        for (const std::string& option : extra)
+            arguments.push_back(option.c_str());
+        arguments.push_back(data.c_str());
+        arguments.push_back(nullptr);
+        ::execv(program, const_cast<char* const*>(arguments.data()));
+        _exit(127);
+    }
+    ::close(output[1]);
+    std::string printed;
+    char chunk[512];
+    ssize_t n;
+    while (printed.find('\n', printed.find("listening on ")) == std::string::npos
+           && (n = ::read(output[0], chunk, sizeof chunk)) > 0)
+        printed.append(chunk, std::size_t(n));
+    ::close(output[0]);
+    const std::size_t at = printed.find("listening on ");
+    if (at == std::string::npos)
+        return {pid, QString()};
+    return {pid, QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13))};
+}
+
+void stopService(const Service& service, int signal = SIGTERM)
+{
+    ::kill(service.pid, signal);
+    ::waitpid(service.pid, nullptr, 0);
+}
+
+// A connection to `port` that has sent `bytes`; -1 when refused.
+int sendOn(int port, const std::string& bytes, int receiveBuffer = 0)
+{
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(std::uint16_t(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (s < 0)
+        return -1;
+    if (receiveBuffer)
+        ::setsockopt(s, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    if (::connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0
+        || ::send(s, bytes.data(), bytes.size(), MSG_NOSIGNAL) != ssize_t(bytes.size())) {
+        ::close(s);
+        return -1;
+    }
+    return s;
+}
+
+// Everything the peer sends until it closes (or `limitMs` of silence).
+std::string drain(int s, int limitMs = 30000)
+{
+    std::string answer;
+    char chunk[16 << 10];
+    pollfd readable{s, POLLIN, 0};
+    while (::poll(&readable, 1, limitMs) > 0) {
+        const ssize_t n = ::recv(s, chunk, sizeof chunk, 0);
+        if (n <= 0)
+            break;
+        answer.append(chunk, std::size_t(n));
+    }
+    ::close(s);
+    return answer;
+}
+
+std::string statusOf(const std::string& answer)
+{
+    return answer.size() >= 12 ? answer.substr(9, 3) : "none";
+}
+
+std::string counted(const std::map<std::string, int>& statuses)
+{
+    std::string text;
+    for (const auto& [status, times] : statuses)
+        text += (text.empty() ? "" : ", ") + std::to_string(times) + " x " + status;
+    return text;
+}
+
+double millisSince(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// The floods and trials a hostile or unlucky client puts the service
+// through, each with another client's slowest query meanwhile (the prober)
+// and the service's resident memory. One line each, on standard output.
+int siege(const char* program)
+{
+    char scratchName[] = "/tmp/norva-siege-XXXXXX";
+    const std::string scratch = ::mkdtemp(scratchName);
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    // The library's echo goes to /dev/null for the whole run (calls from two
+    // threads at once would race over redirecting it); the figures go to `out`.
+    std::fflush(stdout);
+    FILE* const out = ::fdopen(::dup(1), "w");
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::close(null);
+
+    const Service service = startService(program, scratch + "/data");
+    if (service.address.isEmpty())
+        return 1;
+    const int port = service.address.section(':', 1).toInt();
+    const Prober prober = startProber(service.address);
+    // Forked before it: calls from two threads at once go through this
+    // host's application, as a host's would.
+    int appArgc = 1;
+    char appName[] = "bench_service_round_trip";
+    char* appArgv[] = {appName, nullptr};
+    const QCoreApplication application(appArgc, appArgv);
+    const QJsonObject login = logIn(service.address);
+    const QString token = login["data"].toObject()["token"].toString();
+    const int userId = login["data"].toObject()["userId"].toInt();
+    const std::string board = scratch + "/board.bin";
+    writeSource(board, 64 << 20);
+    const QJsonObject uploaded = call(norva_sdk_upload_file, {{"ipconfig", service.address}, {"token", token},
+                                                              {"file_uploadpath", QString::fromStdString(board)},
+                                                              {"data", QJsonObject{{"fileInfo", QJsonObject{{"createuserid", userId}}}}}});
+    const auto row = [&](const char* what, const ProbeWindow& window, const std::string& more) {
+        std::fprintf(out, "%s: another client %ld answers, the slowest in %.0f ms; service resident %.1f MiB%s\n", what,
+                    window.answers, window.slowestMs, double(statusKiB(service.pid, "VmRSS:")) / 1024, more.c_str());
+        std::fflush(out);
+    };
+
+    // Slow bodies: a login head that promises 16,000 bytes, then a byte a second.
+    {
+        std::vector<int> slow;
+        const std::string head = "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
+                                 "Content-Length: 16000\r\n\r\n{";
+        const ProbeWindow window = probeDuring(prober, [&] {
+            for (int i = 0; i < 300; ++i)
+                slow.push_back(sendOn(port, head));
+            for (int second = 0; second < 10; ++second) {
+                std::this_thread::sleep_for(std::chrono::seconds(1));
+                for (const int s : slow)
+                    ::send(s, " ", 1, MSG_NOSIGNAL);
+            }
+        });
+        for (const int s : slow)
+            ::close(s);
+        row("300 slow bodies for 10 s", window, "");
+    }
+    // Slow readers: downloads of the 64 MiB board into tiny receive buffers, never read.
+    {
+        std::vector<int> slow;
+        const std::string form = "id=" + std::to_string(uploaded["Board_Id"].toInt()) + "&userId=" + std::to_string(userId);
+        const std::string request = "POST /kvr/originalFile/downloadFile HTTP/1.1\r\nHost: b\r\ntoken: " + token.toStdString()
+                                    + "\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: "
+                                    + std::to_string(form.size()) + "\r\n\r\n" + form;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            for (int i = 0; i < 300; ++i)
+                slow.push_back(sendOn(port, request, 4096));
+            std::this_thread::sleep_for(std::chrono::seconds(10));
+        });
+        for (const int s : slow)
+            ::close(s);
+        row("300 slow readers of a 64 MiB download for 10 s", window, "");
+    }
+    // 1,000 logins at once, each on a connection of its own.
+    {
+        const std::string body = R"({"userName":"norva","userPwd":"norva"})";
+        const std::string request = "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
+                                    "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        std::map<std::string, int> statuses;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            std::vector<int> logins;
+            for (int i = 0; i < 1000; ++i)
+                logins.push_back(sendOn(port, request));
+            for (const int s : logins)
+                ++statuses[s < 0 ? "refused" : statusOf(drain(s))];
+        });
+        row("1,000 logins at once", window, "; answered " + counted(statuses));
+    }
+    // 20,000 failed logins under distinct 15 KB names.
+    {
+        const long before = statusKiB(service.pid, "VmRSS:");
+        const std::string padding(15000, 'n');
+        std::map<std::string, int> statuses;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            std::vector<std::thread> senders;
+            std::mutex mutex;
+            for (int t = 0; t < 8; ++t) {
+                senders.emplace_back([&, t] {
+                    for (int i = t; i < 20000; i += 8) {
+                        const std::string body = R"({"userName":")" + padding + std::to_string(i) + R"(","userPwd":"x"})";
+                        const int s = sendOn(port, "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
+                                                   "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+                        const std::string status = s < 0 ? "refused" : statusOf(drain(s));
+                        const std::lock_guard<std::mutex> lock(mutex);
+                        ++statuses[status];
+                    }
+                });
+            }
+            for (std::thread& sender : senders)
+                sender.join();
+        });
+        row("20,000 failed logins, distinct 15 KB names", window,
+            "; " + std::to_string(before / 1024) + " MiB before; answered " + counted(statuses));
+    }
+    // A chunk extension, then a trailer, of 128 MiB, three connections each.
+    for (const bool trailer : {false, true}) {
+        std::map<std::string, int> statuses;
+        long peak = 0;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            std::vector<std::thread> senders;
+            std::mutex mutex;
+            for (int i = 0; i < 3; ++i) {
+                senders.emplace_back([&] {
+                    const int s = sendOn(port, std::string("POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
+                                                           "Transfer-Encoding: chunked\r\n\r\n")
+                                                   + (trailer ? "2\r\n{}\r\n0\r\nX-Pad: " : "2;x="));
+                    const std::string piece(1 << 20, 'p');
+                    for (int mib = 0; s >= 0 && mib < 128; ++mib) {
+                        if (::send(s, piece.data(), piece.size(), MSG_NOSIGNAL) <= 0)
+                            break;
+                    }
+                    const std::string status = s < 0 ? "refused" : statusOf(drain(s, 5000));
+                    const std::lock_guard<std::mutex> lock(mutex);
+                    ++statuses[status];
+                    peak = std::max(peak, statusKiB(service.pid, "VmRSS:"));
+                });
+            }
+            for (std::thread& sender : senders)
+                sender.join();
+        });
+        row(trailer ? "3 trailers of 128 MiB" : "3 chunk extensions of 128 MiB", window,
+            "; at most " + std::to_string(peak / 1024) + " MiB while they came; answered " + counted(statuses));
+    }
+    ::close(prober.control);
+    ::waitpid(prober.pid, nullptr, 0);
+
+    // A login with the old password racing a password change: does its token
+    // outlive the change? 100 trials.
+    {
+        const QString changer = token;
+        QString password = "norva";
+        int survivors = 0;
+        for (int trial = 0; trial < 100; ++trial) {
+            const QString next = QStringLiteral("race-%1").arg(trial);
+            QString raced;
+            std::thread racing([&] {
+                raced = call(norva_sdk_login, {{"ipconfig", service.address}, {"username", "norva"}, {"password", password}})["data"]
+                            .toObject()["token"].toString();
+            });
+            call(norva_sdk_update_password,
+                 {{"ipconfig", service.address}, {"token", changer}, {"userid", userId}, {"new_pwd", next}});
+            racing.join();
+            survivors += !raced.isEmpty()
+                         && call(norva_sdk_select_favorite, {{"ipconfig", service.address}, {"token", raced}})["status"].toInt() == 200;
+            password = next;
+        }
+        std::fprintf(out, "password change raced by a login with the old password, 100 trials: %d old tokens alive after\n", survivors);
+        call(norva_sdk_update_password, {{"ipconfig", service.address}, {"token", changer}, {"userid", userId}, {"new_pwd", "norva"}});
+    }
+    stopService(service);
+
+    // Past the descriptors: 340 half heads under a limit of 256, all closed,
+    // then a query.
+    {
+        const Service limited = startService(program, scratch + "/limited", 256);
+        const int port = limited.address.section(':', 1).toInt();
+        const std::vector<int> held = halfHeads(port, 340);
+        for (const int s : held)
+            ::close(s);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        const QString token = logIn(limited.address)["data"].toObject()["token"].toString();
+        const auto start = Clock::now();
+        const int status = call(norva_sdk_select_favorite, {{"ipconfig", limited.address}, {"token", token}})["status"].toInt();
+        std::fprintf(out, "340 connections past a limit of 256 descriptors, closed: then a query answered %d in %.0f ms\n", status,
+                    millisSince(start));
+        stopService(limited);
+    }
+
+    // kill -9 during a password change, 100 trials: afterwards either the new
+    // password works and no token of the old one does, or the old one still
+    // works (nothing half done, nothing lost).
+    {
+        QString password = "norva";
+        int halfDone = 0, lost = 0;
+        for (int trial = 0; trial < 100; ++trial) {
+            const Service killed = startService(program, scratch + "/data");
+            const auto tokenOf = [&killed](const QString& pw) {
+                return call(norva_sdk_login, {{"ipconfig", killed.address}, {"username", "norva"}, {"password", pw}})["data"]
+                    .toObject()["token"].toString();
+            };
+            const QString mine = tokenOf(password), other = tokenOf(password);
+            const QString next = QStringLiteral("killed-%1").arg(trial);
+            std::thread change([&] {
+                call(norva_sdk_update_password, {{"ipconfig", killed.address}, {"token", mine}, {"userid", userId}, {"new_pwd", next}});
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(trial % 40));
+            stopService(killed, SIGKILL);
+            change.join();
+            const Service restarted = startService(program, scratch + "/data");
+            const auto alive = [&restarted](const QString& t) {
+                return call(norva_sdk_select_favorite, {{"ipconfig", restarted.address}, {"token", t}})["status"].toInt() == 200;
+            };
+            const bool changed = !call(norva_sdk_login, {{"ipconfig", restarted.address}, {"username", "norva"}, {"password", next}})["data"]
+                                      .toObject()["token"].toString().isEmpty();
+            if (changed) {
+                halfDone += alive(other);
+                password = next;
+            } else {
+                lost += !alive(other);
+            }
+            stopService(restarted);
+        }
+        std::fprintf(out, "kill -9 during a password change, 100 trials: %d with an old token alive, %d with the old login lost\n",
+                    halfDone, lost);
+    }
+    std::fclose(out);
+    std::system(("rm -rf '" + scratch + "'").c_str());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (argc == 3 && std::strcmp(argv[2], "--siege") == 0)
+        return siege(argv[1]);
     if (argc < 2) {
-        std::fprintf(stderr, "usage: bench_service_round_trip SERVICE [MiB]\n");
+        std::fprintf(stderr, "usage: bench_service_round_trip SERVICE [MiB | --siege]\n");
         return 2;
     }
     const std::uint64_t mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 2048;

@@ -72,6 +72,7 @@ private slots:
     void namesAndThreads();
     void credentialsInTheAddress();
     void everyCallTakesTheHostsProxy();
+    void keptConnectionsCarryTheNextCalls();
     void manyInFlightEachReachTheirOwnCall();
     void cancelOrDeleteInFlightOrWaiting();
     void endedFromItsOwnProgressSlot();
@@ -327,6 +328,44 @@ void AsyncTest::everyCallTakesTheHostsProxy()
         QNetworkProxyFactory::setUseSystemConfiguration(systemProxies);
         qunsetenv("http_proxy");
         qunsetenv("https_proxy");
+    }
+}
+
+// One connection carries a client's calls one after the other while the
+// service keeps it; one the service closes while it lies unused costs the
+// host nothing: the call that finds it closed goes again on a new one, the
+// same result every time, whichever moment the close is seen.
+void AsyncTest::keptConnectionsCarryTheNextCalls()
+{
+    const std::string argument = shareQuery(service, 7);
+    const QByteArray body = R"({"code":200,"msg":"ok","data":[]})";
+    const auto callOnce = [&argument](Client& client) {
+        const std::unique_ptr<CallReply> reply(client.call("select_share", argument));
+        waitForAll({reply.get()});
+        return reply->result();
+    };
+    ScriptedReply kept = ScriptedReply::json(body);
+    kept.keepConnection = true;
+    {
+        Client client;
+        service.setDefaultReply(kept);
+        const std::string first = callOnce(client);
+        for (int call = 0; call < 4; ++call)
+            QCOMPARE(callOnce(client), first);
+        QCOMPARE(service.requestCount(), 5);
+        QCOMPARE(service.connectionCount(), 1);
+    }
+    // Said to be kept, then closed unread.
+    const QByteArray keptThenClosed = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                                      + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    for (int round = 0; round < 20; ++round) {
+        service.reset();
+        service.setDefaultReply(ScriptedReply::raw(keptThenClosed));
+        Client client;
+        const std::string first = callOnce(client);
+        QVERIFY(first.find("\"status\":200") != std::string::npos);
+        QCOMPARE(callOnce(client), first);
+        QCOMPARE(service.requestCount(), 2);
     }
 }
 

@@ -76,6 +76,12 @@ std::vector<RecordedRequest> TestService::requests() const
     return recorded;
 }
 
+int TestService::connectionCount() const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return connections;
+}
+
 int TestService::requestCount() const
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -95,6 +101,7 @@ void TestService::reset()
     // off) must not be recorded as a request of the next one.
     stopped.wait_for(lock, std::chrono::seconds(5), [this] { return activeWorkers == 0; });
     recorded.clear();
+    connections = 0;
     scripted.clear();
     defaultReply = ScriptedReply::json(R"({"code":200,"msg":"ok","data":null})");
 }
@@ -121,11 +128,21 @@ void TestService::serve(norva::service::HttpConnection& connection)
             service.stopped.notify_all();
         }
     } active(*this);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++connections;
+    }
+    while (serveOne(connection)) {
+    }
+}
+
+bool TestService::serveOne(norva::service::HttpConnection& connection)
+{
     norva::service::HttpRequest head;
     std::string raw;
     const auto read = connection.readRequest(head, &raw);
     if (read == norva::service::HttpConnection::Read::None)
-        return;
+        return false;
     RecordedRequest request;
     request.method = QByteArray::fromStdString(head.method);
     request.target = QByteArray::fromStdString(head.target);
@@ -144,7 +161,7 @@ void TestService::serve(norva::service::HttpConnection& connection)
     if (delayMs > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
     if (read == norva::service::HttpConnection::Read::Partial)
-        return;
+        return false;
     constexpr std::chrono::seconds silence(30);
     switch (reply.kind) {
     case ScriptedReply::Kind::Answer: {
@@ -153,8 +170,7 @@ void TestService::serve(norva::service::HttpConnection& connection)
         for (const auto& h : reply.headers)
             answer.headers.emplace_back(h.first.toStdString(), h.second.toStdString());
         answer.body = reply.body.toStdString();
-        connection.write(answer, false);
-        break;
+        return connection.write(answer, reply.keepConnection) && reply.keepConnection;
     }
     case ScriptedReply::Kind::Raw:
         connection.writeRaw(reply.body.toStdString());
@@ -176,6 +192,7 @@ void TestService::serve(norva::service::HttpConnection& connection)
         connection.waitForPeerToClose(silence);
         break;
     }
+    return false;
 }
 
 RecordedRequest TestService::fullestRequest() const

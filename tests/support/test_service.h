@@ -55,6 +55,8 @@ struct ScriptedReply {
     bool stallAfterwards = false; // after a Raw reply, keep the connection open and silent
     HeaderList headers;
     QByteArray body;
+    // An Answer that keeps the connection for the next request (else it closes).
+    bool keepConnection = false;
 
     static ScriptedReply json(const QByteArray& body, int status = 200)
     {
@@ -88,6 +90,7 @@ public:
 
     std::vector<RecordedRequest> requests() const;
     int requestCount() const;
+    int connectionCount() const; // connections accepted since the last reset
     RecordedRequest lastRequest() const;
     // The longest request recorded: Qt resends a request whose reply broke off,
     // and may break the resend off in turn, so the others are parts of it.
@@ -95,15 +98,18 @@ public:
     void reset(); // forgets requests and script, restores the default reply
 
 private:
-    // One request a connection, on the service's own HTTP layer: records the
-    // request and sends the reply.
+    // One request a connection (more while the replies keep it), on the
+    // service's own HTTP layer: records each request and sends its reply.
     void serve(norva::service::HttpConnection& connection);
+    // False when the connection ends with this request.
+    bool serveOne(norva::service::HttpConnection& connection);
     ScriptedReply nextReply();
 
     std::unique_ptr<norva::service::HttpServer> server;
     std::uint16_t boundPort = 0;
     std::thread serving;
     int activeWorkers = 0; // connections being served
+    int connections = 0;   // connections accepted since the last reset
 
     mutable std::mutex mutex;
     std::condition_variable stopped;
