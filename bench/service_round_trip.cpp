@@ -454,6 +454,22 @@ int siege(const char* program)
         });
         row("1,000 logins at once", window, "; answered " + counted(statuses));
     }
+    // 300 wrong logins for one name at once: each waits out the name's
+    // slow-down, and nobody else should.
+    {
+        const std::string body = R"({"userName":"norva","userPwd":"wrong"})";
+        const std::string request = "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
+                                    "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        std::map<std::string, int> statuses;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            std::vector<int> guesses;
+            for (int i = 0; i < 300; ++i)
+                guesses.push_back(sendOn(port, request));
+            for (const int s : guesses)
+                ++statuses[s < 0 ? "refused" : statusOf(drain(s))];
+        });
+        row("300 wrong logins for one name at once", window, "; answered " + counted(statuses));
+    }
     // 20,000 failed logins under distinct 15 KB names.
     {
         const long before = statusKiB(service.pid, "VmRSS:");

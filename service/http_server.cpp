@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <deque>
 #include <cstdio>
+#include <sstream>
 #include <thread>
 
 namespace norva::service {
@@ -235,91 +236,112 @@ public:
         parser->body_limit(limits.bodyBytes);
     }
 
-    // The request whose head the parser has read: the head checked, then the
-    // body read as the head allows.
-    Read readAfterHead(HttpRequest& request, TimedStream& timed)
+    // The request the parser's head describes.
+    void takeHead(HttpRequest& request)
     {
-        error_code ec;
-        auto& parser = *this->parser;
-        const auto& head = parser.get();
+        const auto& head = parser->get();
         request.method = std::string(head.method_string());
         request.target = originForm(std::string(head.target()));
         splitTarget(request);
         for (const auto& field : head)
             request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-        request.keepAlive = parser.keep_alive();
+        request.keepAlive = parser->keep_alive();
         answeringHead = request.method == "HEAD";
-        if (std::optional<HttpResponse> wrong = wrongHead(request)) {
-            write(*wrong, false);
-            linger();
-            return Read::None;
-        }
+    }
 
+    // How a request's body is taken, once its head passed.
+    struct BodyPlan {
+        bool split = false; // a form, into its parts as it comes
+        std::uint64_t memoryPerByte = 1;
+    };
+
+    // Plans the body as the head's verdict allows: a form the verdict has a
+    // plan for is split into its parts as it comes; other bodies stay in
+    // memory, under a smaller limit, and count against the server's bound from
+    // the head when it says its length, else as they come. Beast checks the
+    // limit for chunked bodies as they come; a Content-Length is checked here,
+    // before any of the body. The answer when the body is not to be read.
+    std::optional<HttpResponse> planBody(HttpRequest& request, HeadVerdict& verdict, BodyPlan& plan)
+    {
+        const std::string contentType = request.header("Content-Type");
+        plan.split = !limits.spoolFolder.empty() && verdict.form
+                     && lowered(contentType).rfind("multipart/form-data", 0) == 0;
+        plan.memoryPerByte = std::max<std::uint64_t>(1, verdict.memoryPerBodyByte);
+        const std::uint64_t cap = std::min(verdict.bodyLimit, plan.split ? limits.bodyBytes
+                                                                          : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes));
+        if (parser->content_length() && *parser->content_length() > cap)
+            return HttpResponse::text(413, std::string());
+        parser->body_limit(cap);
+        if (plan.split) {
+            request.form = std::make_shared<FormSplitter>(formBoundary(contentType), *verdict.form, limits.spoolFolder);
+            return std::nullopt;
+        }
+        request.bodyMemory = std::make_shared<HeldBodyMemory>(limits.bodyMemory);
+        if (parser->content_length() && !request.bodyMemory->grow(*parser->content_length() * plan.memoryPerByte))
+            return busyAnswer();
+        return std::nullopt;
+    }
+
+    // Takes `count` bytes of the body as planned; the answer when they can't
+    // be taken (no room for a part file, or the memory bound reached).
+    std::optional<HttpResponse> takeBody(HttpRequest& request, const BodyPlan& plan, const char* bytes, std::size_t count)
+    {
+        if (plan.split) {
+            if (!request.form->feed(bytes, count))
+                return HttpResponse::text(lastWriteFoundNoRoom() ? 507 : 500, std::string());
+            return std::nullopt;
+        }
+        const std::uint64_t needed = (request.body.size() + count) * plan.memoryPerByte;
+        if (needed > request.bodyMemory->size() && !request.bodyMemory->grow(needed - request.bodyMemory->size()))
+            return busyAnswer();
+        request.body.append(bytes, count);
+        return std::nullopt;
+    }
+
+    static HttpResponse busyAnswer() { return HttpResponse::text(503, "too much request data held at once; try again\n"); }
+
+    // The request whose head the parser has read: the head checked, then the
+    // body read as the head allows.
+    Read readAfterHead(HttpRequest& request, TimedStream& timed)
+    {
+        takeHead(request);
+        if (std::optional<HttpResponse> wrong = wrongHead(request))
+            return answerEarly(*wrong);
         // The head first: a request refused by it is answered before any of its
         // body is read, and the body is never kept.
-        std::uint64_t headLimit = UINT64_MAX;
-        std::optional<FormPlan> formPlan;
-        std::uint64_t memoryPerByte = 1;
-        if (limits.checkHead) {
-            HeadVerdict verdict = limits.checkHead(request);
-            if (verdict.refusal) {
-                write(*verdict.refusal, false);
-                linger(); // what comes meanwhile is dropped
-                return Read::None;
-            }
-            headLimit = verdict.bodyLimit;
-            formPlan = std::move(verdict.form);
-            memoryPerByte = std::max<std::uint64_t>(1, verdict.memoryPerBodyByte);
-        }
-
-        // A form the head has a plan for is split into its parts as it comes;
-        // other bodies stay in memory, under a smaller limit. Beast checks the
-        // limit for chunked bodies as they come; a Content-Length is checked
-        // here, before any of the body.
-        const std::string contentType = request.header("Content-Type");
-        const bool split = !limits.spoolFolder.empty() && formPlan
-                           && lowered(contentType).rfind("multipart/form-data", 0) == 0;
-        const std::uint64_t cap = std::min(
-            headLimit, split ? limits.bodyBytes : std::min<std::uint64_t>(limits.bodyBytes, limits.memoryBodyBytes));
-        if (parser.content_length() && *parser.content_length() > cap)
-            return refused(http::error::body_limit);
-        parser.body_limit(cap);
+        HeadVerdict verdict;
+        if (limits.checkHead)
+            verdict = limits.checkHead(request);
+        if (verdict.refusal)
+            return answerEarly(*verdict.refusal);
+        BodyPlan plan;
+        if (std::optional<HttpResponse> refusal = planBody(request, verdict, plan))
+            return answerEarly(*refusal);
         // The head passed: a client that waits to be asked for its body is.
-        if (lowered(request.header("Expect")) == "100-continue" && !parser.is_done())
+        if (lowered(request.header("Expect")) == "100-continue" && !parser->is_done())
             writeRaw("HTTP/1.1 100 Continue\r\n\r\n");
-        // A body held in memory counts against the server's bound from its
-        // head when it says its length, else as it comes.
-        if (split) {
-            request.form = std::make_shared<FormSplitter>(formBoundary(contentType), *formPlan, limits.spoolFolder);
-        } else {
-            request.bodyMemory = std::make_shared<HeldBodyMemory>(limits.bodyMemory);
-            if (parser.content_length() && !request.bodyMemory->grow(*parser.content_length() * memoryPerByte))
-                return busy();
-        }
         char chunk[64 << 10];
-        while (!parser.is_done()) {
-            parser.get().body().data = chunk;
-            parser.get().body().size = sizeof chunk;
-            http::read(timed, buffer, parser, ec);
+        error_code ec;
+        while (!parser->is_done()) {
+            parser->get().body().data = chunk;
+            parser->get().body().size = sizeof chunk;
+            http::read(timed, buffer, *parser, ec);
             if (ec == http::error::need_buffer)
                 ec = {};
-            const std::size_t count = sizeof chunk - parser.get().body().size;
-            if (split) {
-                if (!request.form->feed(chunk, count)) {
-                    refuse(lastWriteFoundNoRoom() ? 507 : 500);
-                    linger();
-                    return Read::None;
-                }
-            } else {
-                const std::uint64_t needed = (request.body.size() + count) * memoryPerByte;
-                if (needed > request.bodyMemory->size() && !request.bodyMemory->grow(needed - request.bodyMemory->size()))
-                    return busy();
-                request.body.append(chunk, count);
-            }
+            if (std::optional<HttpResponse> refusal = takeBody(request, plan, chunk, sizeof chunk - parser->get().body().size))
+                return answerEarly(*refusal);
             if (ec)
                 return isMalformed(ec) ? refused(ec) : Read::Partial;
         }
         return Read::Request;
+    }
+
+    // Answers without reading the rest, then drops what still comes.
+    Read answerEarly(const HttpResponse& answer)
+    {
+        write(answer, false);
+        linger();
+        return Read::None;
     }
 
     bool write(const HttpResponse& response, bool keepAlive) override
@@ -488,13 +510,6 @@ private:
 
     void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
 
-    // Too many bodies held in memory at once: this one is not read.
-    Read busy()
-    {
-        write(HttpResponse::text(503, "too much request data held at once; try again\n"), false);
-        linger();
-        return Read::None;
-    }
 
     std::array<char, 16 << 10> record;
 };
@@ -832,6 +847,8 @@ void serveRequests(HttpConnection& connection, const HttpHandler& handler)
         if (connection.readRequest(request) != HttpConnection::Read::Request)
             return;
         const HttpResponse response = respond(handler, request);
+        // A connection of its own: its thread may wait.
+        std::this_thread::sleep_for(response.delay);
         if (response.dropConnection || !connection.write(response, request.keepAlive) || !request.keepAlive)
             return;
     }
@@ -890,10 +907,12 @@ private:
     bool stopping = false;
 };
 
-// The connections of serve(): heads are read asynchronously on the pool, so
-// that an idle or slow connection holds no thread, under deadlines; a request
-// whose head came whole goes to a worker, which reads its body and answers it
-// as a connection of its own would, and hands the connection back.
+// The connections of serve(): everything a connection reads or writes goes
+// asynchronously on the pool, under deadlines, so that an idle, slow or
+// hostile client holds no thread: heads, bodies (form parts spooled as they
+// come), answers (files in pieces), and the lingering close after an early
+// answer. Only the head's checks and the handler run on a worker, since they
+// may wait on SQLite or on a password hash.
 class PooledConnections
 {
 public:
@@ -923,6 +942,20 @@ public:
     }
 
 private:
+    // One request, from its head to its answer.
+    struct Exchange {
+        explicit Exchange(std::shared_ptr<Connection> connection) : connection(std::move(connection)) {}
+        const std::shared_ptr<Connection> connection;
+        HttpRequest request;
+        Connection::BodyPlan plan;
+        std::vector<char> chunk = std::vector<char>(64 << 10);
+        // An answer on its way: its bytes, or the file it streams.
+        std::string bytes;
+        std::shared_ptr<beast::file> file;
+        std::uint64_t fileLeft = 0;
+    };
+    using ExchangePtr = std::shared_ptr<Exchange>;
+
     // Waits up to `firstByte` for the next request's first byte; from then on
     // its head must come whole within the head deadline.
     void awaitHead(const std::shared_ptr<Connection>& connection, std::chrono::milliseconds firstByte)
@@ -950,14 +983,11 @@ private:
             if (ec == http::error::need_more)
                 break;
             if (ec) {
-                workers->submit([this, connection, ec] {
-                    connection->refused(ec);
-                    close(connection);
-                });
+                refuse(connection, ec);
                 return;
             }
             if (parser.is_header_done()) {
-                workers->submit([this, connection] { serveRequest(connection); });
+                headArrived(std::make_shared<Exchange>(connection));
                 return;
             }
         }
@@ -965,7 +995,8 @@ private:
     }
 
     // Reads what comes into the connection's buffer, then `next`; a close, an
-    // error or the deadline ends the connection.
+    // error or the deadline ends the connection. More unparsed bytes than any
+    // head, chunk-size line or trailer may be is refused.
     template <class Next> void readSome(const std::shared_ptr<Connection>& connection, Next next)
     {
         const auto arrived = [this, connection, next](error_code ec, std::size_t count) {
@@ -976,13 +1007,11 @@ private:
                 next();
         };
         const std::size_t free = connection->buffer.max_size() - connection->buffer.size();
-        if (free == 0) { // more unparsed than any head may be
-            workers->submit([this, connection] {
-                connection->refused(http::error::header_limit);
-                close(connection);
-            });
+        if (free == 0) {
+            refuse(connection, connection->parser->is_header_done() ? http::error::bad_chunk : http::error::header_limit);
             return;
         }
+        acknowledgeAtOnce(connection->stream.socket());
         const net::mutable_buffer room = connection->buffer.prepare(std::min<std::size_t>(16 << 10, free));
         if (connection->tls)
             connection->tls->asyncReadSome(room, arrived);
@@ -990,22 +1019,256 @@ private:
             connection->stream.async_read_some(room, arrived);
     }
 
-    // On a worker: the body, the handler, the answer; then the connection
-    // waits for its next request on the pool, or ends.
-    void serveRequest(const std::shared_ptr<Connection>& connection)
+    // The head's own checks, then its verdict (on a worker: it may look up a
+    // token), then the body.
+    void headArrived(const ExchangePtr& x)
     {
-        HttpRequest request;
-        TimedStream timed(*connection);
-        if (connection->readAfterHead(request, timed) != HttpConnection::Read::Request) {
+        Connection& connection = *x->connection;
+        connection.takeHead(x->request);
+        if (std::optional<HttpResponse> wrong = wrongHead(x->request)) {
+            answerEarly(x, *wrong);
+            return;
+        }
+        if (!limits.checkHead) {
+            HeadVerdict any;
+            headJudged(x, any);
+            return;
+        }
+        workers->submit([this, x] {
+            HeadVerdict verdict = limits.checkHead(x->request);
+            net::post(x->connection->stream.get_executor(),
+                      [this, x, verdict = std::move(verdict)]() mutable { headJudged(x, verdict); });
+        });
+    }
+
+    void headJudged(const ExchangePtr& x, HeadVerdict& verdict)
+    {
+        Connection& connection = *x->connection;
+        if (verdict.refusal) {
+            answerEarly(x, *verdict.refusal);
+            return;
+        }
+        if (std::optional<HttpResponse> refusal = connection.planBody(x->request, verdict, x->plan)) {
+            answerEarly(x, *refusal);
+            return;
+        }
+        // The head passed: a client that waits to be asked for its body is.
+        if (lowered(x->request.header("Expect")) == "100-continue" && !connection.parser->is_done()) {
+            x->bytes = "HTTP/1.1 100 Continue\r\n\r\n";
+            writeAll(x, [this, x] { readBody(x); });
+            return;
+        }
+        readBody(x);
+    }
+
+    // Takes what the buffer holds of the body, and reads on until it is whole;
+    // no more than the idle limit may pass between two of its bytes.
+    void readBody(const ExchangePtr& x)
+    {
+        Connection& connection = *x->connection;
+        auto& parser = *connection.parser;
+        while (!parser.is_done() && connection.buffer.size() > 0) {
+            parser.get().body().data = x->chunk.data();
+            parser.get().body().size = x->chunk.size();
+            error_code ec;
+            const std::size_t used = parser.put(connection.buffer.data(), ec);
+            connection.buffer.consume(used);
+            const std::size_t count = x->chunk.size() - parser.get().body().size;
+            if (count > 0) {
+                if (std::optional<HttpResponse> refusal = connection.takeBody(x->request, x->plan, x->chunk.data(), count)) {
+                    answerEarly(x, *refusal);
+                    return;
+                }
+            }
+            if (ec == http::error::need_more)
+                break;
+            if (ec && ec != http::error::need_buffer) {
+                refuse(x->connection, ec);
+                return;
+            }
+        }
+        if (parser.is_done()) {
+            respondOnWorker(x);
+            return;
+        }
+        connection.stream.expires_after(limits.idle);
+        readSome(x->connection, [this, x] { readBody(x); });
+    }
+
+    // The handler on a worker; its answer back on the connection.
+    void respondOnWorker(const ExchangePtr& x)
+    {
+        workers->submit([this, x] {
+            auto response = std::make_shared<const HttpResponse>(respond(handler, x->request));
+            net::post(x->connection->stream.get_executor(), [this, x, response] { answer(x, *response); });
+        });
+    }
+
+    // Sends `response`; then the connection waits for its next request, or ends.
+    void answer(const ExchangePtr& x, const HttpResponse& response)
+    {
+        if (response.dropConnection) {
+            close(x->connection);
+            return;
+        }
+        const bool keepAlive = x->request.keepAlive;
+        const auto then = [this, x, keepAlive] {
+            if (keepAlive)
+                awaitHead(x->connection, limits.idle);
+            else
+                close(x->connection);
+        };
+        if (response.delay.count() > 0) { // said later, without holding anything but a timer
+            auto timer = std::make_shared<net::steady_timer>(x->connection->stream.get_executor(), response.delay);
+            HttpResponse now = response;
+            now.delay = std::chrono::milliseconds(0);
+            timer->async_wait([this, x, timer, now](const error_code&) { answer(x, now); });
+            return;
+        }
+        if (!response.bodyFile.empty()) {
+            sendFile(x, response, keepAlive, then);
+            return;
+        }
+        x->bytes = serialized(*x->connection, response, keepAlive);
+        writeAll(x, then);
+    }
+
+    // The answer's bytes as Beast writes them: the head alone for a HEAD.
+    static std::string serialized(const Connection& connection, const HttpResponse& response, bool keepAlive,
+                                  std::optional<std::uint64_t> fileSize = std::nullopt)
+    {
+        http::response<http::string_body> message;
+        message.version(11);
+        message.result(unsigned(response.status));
+        for (const auto& header : response.headers)
+            message.insert(header.first, header.second);
+        message.keep_alive(keepAlive);
+        // 204 and 304 carry no body in HTTP.
+        const bool bodiless = response.status == 204 || response.status == 304;
+        if (fileSize) {
+            message.content_length(*fileSize);
+        } else {
+            message.body() = bodiless ? std::string() : response.body;
+            message.prepare_payload();
+        }
+        std::ostringstream out;
+        if (connection.answeringHead || fileSize)
+            out << message.base();
+        else
+            out << message;
+        return out.str();
+    }
+
+    // A file in pieces, each read when the last has gone.
+    template <class Then> void sendFile(const ExchangePtr& x, const HttpResponse& response, bool keepAlive, Then then)
+    {
+        x->file = std::make_shared<beast::file>();
+        error_code ec;
+        x->file->open(response.bodyFile.c_str(), beast::file_mode::scan, ec);
+        const std::uint64_t size = ec ? 0 : x->file->size(ec);
+        if (ec) {
+            x->file.reset();
+            answer(x, HttpResponse::text(500, "cannot read the file\n"));
+            return;
+        }
+        x->fileLeft = x->connection->answeringHead ? 0 : size;
+        x->bytes = serialized(*x->connection, response, keepAlive, size);
+        writeAll(x, [this, x, then] { sendFilePiece(x, then); });
+    }
+
+    template <class Then> void sendFilePiece(const ExchangePtr& x, Then then)
+    {
+        if (x->fileLeft == 0) {
+            x->file.reset();
+            then();
+            return;
+        }
+        x->bytes.resize(std::size_t(std::min<std::uint64_t>(x->fileLeft, 256 << 10)));
+        error_code ec;
+        const std::size_t count = x->file->read(x->bytes.data(), x->bytes.size(), ec);
+        if (ec || count == 0) { // the file became shorter meanwhile: the answer cannot be whole
+            close(x->connection);
+            return;
+        }
+        x->bytes.resize(count);
+        x->fileLeft -= count;
+        writeAll(x, [this, x, then] { sendFilePiece(x, then); });
+    }
+
+    // Writes all of `x->bytes`, then `next`; each write may take the idle limit.
+    template <class Next> void writeAll(const ExchangePtr& x, Next next, std::size_t from = 0)
+    {
+        if (from == x->bytes.size()) {
+            next();
+            return;
+        }
+        Connection& connection = *x->connection;
+        const auto written = [this, x, next, from](error_code ec, std::size_t count) {
+            if (ec || c.stopping)
+                close(x->connection);
+            else
+                writeAll(x, next, from + count);
+        };
+        connection.stream.expires_after(limits.idle);
+        // Up to one TLS record at a time.
+        const std::size_t most = connection.tls ? std::size_t(16 << 10) : x->bytes.size() - from;
+        const net::const_buffer piece(x->bytes.data() + from, std::min(most, x->bytes.size() - from));
+        if (connection.tls)
+            connection.tls->asyncWriteSome(piece, written);
+        else
+            connection.stream.async_write_some(piece, written);
+    }
+
+    // A request that can't be read: answered as the parser's error says.
+    void refuse(const std::shared_ptr<Connection>& connection, const error_code& ec)
+    {
+        const int status = ec == http::error::header_limit ? 431
+                           : ec == http::error::body_limit ? 413
+                           : isMalformed(ec)                ? 400
+                                                            : 0;
+        if (status == 0) {
             close(connection);
             return;
         }
-        const HttpResponse response = respond(handler, request);
-        if (response.dropConnection || !connection->write(response, request.keepAlive) || !request.keepAlive) {
-            close(connection);
+        answerEarly(std::make_shared<Exchange>(connection), HttpResponse::text(status, std::string()));
+    }
+
+    // Answers before the body's end, then reads and drops what still comes
+    // (the lingering close), so that a client still sending gets the answer
+    // rather than a reset.
+    void answerEarly(const ExchangePtr& x, const HttpResponse& response)
+    {
+        x->bytes = serialized(*x->connection, response, false);
+        x->request.form.reset();
+        x->request.bodyMemory.reset();
+        writeAll(x, [this, x] {
+            error_code ignored;
+            x->connection->stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+            linger(x, std::chrono::steady_clock::now() + lingerAtMost, 0);
+        });
+    }
+
+    void linger(const ExchangePtr& x, std::chrono::steady_clock::time_point end, std::uint64_t dropped)
+    {
+        Connection& connection = *x->connection;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || dropped >= lingerBytes || c.stopping) {
+            close(x->connection);
             return;
         }
-        net::post(connection->stream.get_executor(), [this, connection] { awaitHead(connection, limits.idle); });
+        connection.stream.expires_after(std::min({left, lingerGap, limits.idle}));
+        x->chunk.resize(16 << 10);
+        const auto arrived = [this, x, end, dropped](error_code ec, std::size_t count) {
+            if (ec)
+                close(x->connection);
+            else
+                linger(x, end, dropped + count);
+        };
+        const net::mutable_buffer into(x->chunk.data(), x->chunk.size());
+        if (connection.tls)
+            connection.tls->asyncReadSome(into, arrived);
+        else
+            connection.stream.async_read_some(into, arrived);
     }
 
     void close(const std::shared_ptr<Connection>& connection)

@@ -94,6 +94,8 @@ struct HttpResponse {
     std::string bodyFile; // when set, the body is this file's content, streamed
     // Close the connection without sending anything (fault injection).
     bool dropConnection = false;
+    // Sent only after this long; meanwhile nothing of the service waits on it.
+    std::chrono::milliseconds delay{0};
 
     static HttpResponse json(const std::string& body, int status = 200);
     static HttpResponse text(int status, const std::string& body);

@@ -81,6 +81,8 @@ private:
     QJsonValue list(const std::string& select, const Filter& filter, const std::string& order, const Call* paged);
     // A stored file as a download, or `missingStatus` when there is none.
     HttpResponse sendFile(long long id, int missingStatus);
+    // A login's answer: a token for the right password.
+    HttpResponse login(Call& call);
     void seed();
     void upgrade();
     std::optional<bool> entitled(const char* table, const QJsonValue& id, long long userId);

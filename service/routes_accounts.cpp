@@ -4,7 +4,6 @@
 #include "passwords.h"
 
 #include <chrono>
-#include <thread>
 
 namespace norva::service {
 
@@ -20,49 +19,53 @@ HttpResponse busyHashing()
 
 } // namespace
 
+HttpResponse RecordsService::login(Call& call)
+{
+    const QString name = call["userName"].toString();
+    const QJsonArray users = db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {name});
+    if (users.isEmpty()) {
+        loginFailures.failed(name.toStdString());
+        return refuse("user does not exist", 410);
+    }
+    const QJsonObject user = users.first().toObject();
+    const std::string stored = user.value("userPwd").toString().toStdString();
+    const std::string typed = call["userPwd"].toVariant().toString().toStdString();
+    const std::optional<bool> matches = call.unlocked([&] { return passwordMatchesInTurn(stored, typed); });
+    if (!matches)
+        return busyHashing();
+    if (!*matches) {
+        loginFailures.failed(name.toStdString());
+        return refuse("wrong password", 411);
+    }
+    purgeExpiredTokens();
+    const std::string token = newToken();
+    // The password was checked without the lock: a token is made only if
+    // the hash it matched is still the user's (a change meanwhile ends
+    // every token of the old password, and this one must not outlive it).
+    const int made = db.change("INSERT INTO login_tokens(hash, userId, expires) "
+                               "SELECT ?, ?, ? WHERE EXISTS (SELECT 1 FROM users WHERE id = ? AND userPwd = ?)",
+                               {QString::fromStdString(tokenHash(token)), user.value("id"),
+                                double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds),
+                                user.value("id"), user.value("userPwd")});
+    if (made == 0)
+        return refuse("wrong password", 411);
+    return ok(QJsonObject{{"token", QString::fromStdString(token)},
+                          {"userId", user.value("id")},
+                          {"userName", call["userName"]},
+                          {"userRealname", user.value("userRealname")}},
+              "login success");
+}
+
 void RecordsService::addAccountRoutes()
 {
     post("/kvr/authority/login", [this](Call& call) {
-        const QString name = call["userName"].toString();
-        // Guessing one user's password slows down; other users' logins do not.
-        const std::chrono::seconds wait = loginFailures.waitBeforeAnswering(name.toStdString());
-        if (wait.count() > 0)
-            call.unlocked([wait] {
-                std::this_thread::sleep_for(wait);
-                return 0;
-            });
-        const QJsonArray users = db.query("SELECT id, userPwd, userRealname FROM users WHERE userName = ?", {name});
-        if (users.isEmpty()) {
-            loginFailures.failed(name.toStdString());
-            return refuse("user does not exist", 410);
-        }
-        const QJsonObject user = users.first().toObject();
-        const std::string stored = user.value("userPwd").toString().toStdString();
-        const std::string typed = call["userPwd"].toVariant().toString().toStdString();
-        const std::optional<bool> matches = call.unlocked([&] { return passwordMatchesInTurn(stored, typed); });
-        if (!matches)
-            return busyHashing();
-        if (!*matches) {
-            loginFailures.failed(name.toStdString());
-            return refuse("wrong password", 411);
-        }
-        purgeExpiredTokens();
-        const std::string token = newToken();
-        // The password was checked without the lock: a token is made only if
-        // the hash it matched is still the user's (a change meanwhile ends
-        // every token of the old password, and this one must not outlive it).
-        const int made = db.change("INSERT INTO login_tokens(hash, userId, expires) "
-                                   "SELECT ?, ?, ? WHERE EXISTS (SELECT 1 FROM users WHERE id = ? AND userPwd = ?)",
-                                   {QString::fromStdString(tokenHash(token)), user.value("id"),
-                                    double(QDateTime::currentSecsSinceEpoch() + options.tokenLifetimeSeconds),
-                                    user.value("id"), user.value("userPwd")});
-        if (made == 0)
-            return refuse("wrong password", 411);
-        return ok(QJsonObject{{"token", QString::fromStdString(token)},
-                              {"userId", user.value("id")},
-                              {"userName", call["userName"]},
-                              {"userRealname", user.value("userRealname")}},
-                  "login success");
+        // Guessing one user's password slows down: its answer, whatever it
+        // is, leaves only after the wait, on a timer of the connection's; other
+        // users' logins, and everything else, go on meanwhile.
+        const std::chrono::seconds wait = loginFailures.waitBeforeAnswering(call["userName"].toString().toStdString());
+        HttpResponse answer = login(call);
+        answer.delay = wait;
+        return answer;
     });
     post("/kvr/authority/logOut", [this](Call& call) {
         if (db.query("SELECT id FROM users WHERE id = ?", {call["id"]}).isEmpty())

@@ -22,6 +22,7 @@
 #include <QSslConfiguration>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QtTest>
 
 using namespace testing_support;
@@ -726,6 +727,31 @@ void EndToEndTest::slowClientsHoldNothing()
     const QString token = login(service.address);
     QVERIFY(!token.isEmpty());
     QCOMPARE(call(norva_sdk_select_share, {}, service.address, token)["status"].toInt(), 200);
+
+    // 300 bodies that come a byte at a time, never quiet for the idle limit:
+    // more than there are workers, yet they hold none, and a query meanwhile
+    // is answered while every one of them is still open.
+    std::vector<std::unique_ptr<QTcpSocket>> slowBodies;
+    for (int i = 0; i < 300; ++i) {
+        slowBodies.push_back(std::make_unique<QTcpSocket>());
+        slowBodies.back()->connectToHost("127.0.0.1", port);
+        QVERIFY(slowBodies.back()->waitForConnected(3000));
+        slowBodies.back()->write("POST /kvr/authority/login HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+                                 "Content-Length: 16000\r\n\r\n{");
+        slowBodies.back()->flush();
+    }
+    QTimer feed;
+    QObject::connect(&feed, &QTimer::timeout, [&slowBodies] {
+        for (const auto& socket : slowBodies)
+            socket->write(" ");
+    });
+    feed.start(300);
+    QTest::qWait(600);
+    QCOMPARE(callAsync("select_share", {}, service.address, token)["status"].toInt(), 200);
+    for (const auto& socket : slowBodies)
+        QCOMPARE(socket->state(), QAbstractSocket::ConnectedState);
+    feed.stop();
+    slowBodies.clear();
 
     QTcpSocket trickle;
     trickle.connectToHost("127.0.0.1", port);
