@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The service's HTTP/1.1 layer. Boost.Beast parses and writes the messages;
-// around it this layer keeps what a local service needs: heads read
-// asynchronously under deadlines, handlers on worker threads (they block on
-// SQLite or on an injected delay), an idle limit on every read and write,
+// around it this layer keeps what a local service needs: connections read and
+// written asynchronously under deadlines, handlers on worker threads (they
+// block on SQLite or on an injected delay), an idle limit on every read and write,
 // limits on head and body size, form bodies split into their parts as they
 // arrive, answers streamed from a file, and a clean stop.
 // The tests' scripted service serves its connections with the same layer.
@@ -199,11 +199,11 @@ public:
     // Serves every connection with `serve` on a thread of its own until stop();
     // returns when the last connection has ended.
     void run(ConnectionHandler serve);
-    // Serves every request with `handler` until stop(): request heads are read
-    // on a few threads, asynchronously and under deadlines, so that idle and
-    // slow connections cost little; a request whose head came whole is read
-    // on and answered on a worker thread. Returns when the last connection
-    // has ended.
+    // Serves every request with `handler` until stop(): whatever a connection
+    // reads or writes (heads, bodies, answers, lingering closes) goes
+    // asynchronously on a few threads, under deadlines, so that idle and slow
+    // connections hold no thread; the head's checks and the handler run on a
+    // worker thread. Returns when the last connection has ended.
     void serve(const HttpHandler& handler);
     // From any thread: no more connections, and those open end at their next read.
     void stop();
