@@ -439,37 +439,24 @@ int siege(const char* program)
             ::close(s);
         row("300 slow readers of a 64 MiB download for 10 s", window, "");
     }
-    // 1,000 logins at once, each on a connection of its own.
-    {
-        const std::string body = R"({"userName":"norva","userPwd":"norva"})";
+    // Logins at once, each on a connection of its own: 1,000 right ones, then
+    // 300 wrong ones for one name (each waits out the name's slow-down, and
+    // nobody else should).
+    const auto loginsAtOnce = [&](const char* what, int count, const std::string& body) {
         const std::string request = "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
                                     "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
         std::map<std::string, int> statuses;
         const ProbeWindow window = probeDuring(prober, [&] {
             std::vector<int> logins;
-            for (int i = 0; i < 1000; ++i)
+            for (int i = 0; i < count; ++i)
                 logins.push_back(sendOn(port, request));
             for (const int s : logins)
                 ++statuses[s < 0 ? "refused" : statusOf(drain(s))];
         });
-        row("1,000 logins at once", window, "; answered " + counted(statuses));
-    }
-    // 300 wrong logins for one name at once: each waits out the name's
-    // slow-down, and nobody else should.
-    {
-        const std::string body = R"({"userName":"norva","userPwd":"wrong"})";
-        const std::string request = "POST /kvr/authority/login HTTP/1.1\r\nHost: b\r\nContent-Type: application/json\r\n"
-                                    "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-        std::map<std::string, int> statuses;
-        const ProbeWindow window = probeDuring(prober, [&] {
-            std::vector<int> guesses;
-            for (int i = 0; i < 300; ++i)
-                guesses.push_back(sendOn(port, request));
-            for (const int s : guesses)
-                ++statuses[s < 0 ? "refused" : statusOf(drain(s))];
-        });
-        row("300 wrong logins for one name at once", window, "; answered " + counted(statuses));
-    }
+        row(what, window, "; answered " + counted(statuses));
+    };
+    loginsAtOnce("1,000 logins at once", 1000, R"({"userName":"norva","userPwd":"norva"})");
+    loginsAtOnce("300 wrong logins for one name at once", 300, R"({"userName":"norva","userPwd":"wrong"})");
     // 20,000 failed logins under distinct 15 KB names.
     {
         const long before = statusKiB(service.pid, "VmRSS:");
@@ -629,28 +616,13 @@ int main(int argc, char** argv)
     if (!writeSource(source, mib << 20))
         return 1;
 
-    int output[2];
-    if (::pipe(output) != 0)
-        return 1;
-    const pid_t service = ::fork();
-    if (service == 0) {
-        ::dup2(output[1], 1);
-        ::execl(argv[1], argv[1], "--listen", "127.0.0.1:0", (scratch + "/data").c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ::close(output[1]);
-    std::string printed;
-    char chunk[512];
-    ssize_t n;
-    while (printed.find('\n', printed.find("listening on ")) == std::string::npos
-           && (n = ::read(output[0], chunk, sizeof chunk)) > 0)
-        printed.append(chunk, std::size_t(n));
-    const std::size_t at = printed.find("listening on ");
-    if (at == std::string::npos) {
+    const Service started = startService(argv[1], scratch + "/data");
+    if (started.address.isEmpty()) {
         std::fprintf(stderr, "the service did not start\n");
         return 1;
     }
-    const QString address = QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13));
+    const pid_t service = started.pid;
+    const QString address = started.address;
 
     // Forked before this process starts any of Qt's threads.
     const Prober prober = startProber(address);

@@ -116,6 +116,16 @@ bool isMalformed(const error_code& ec)
            && ec != http::error::partial_message;
 }
 
+// An answer's status line, fields and keep-alive, on Beast's message.
+template <class Body> void describe(http::response<Body>& message, const HttpResponse& response, bool keepAlive)
+{
+    message.version(11);
+    message.result(unsigned(response.status));
+    for (const auto& header : response.headers)
+        message.insert(header.first, header.second);
+    message.keep_alive(keepAlive);
+}
+
 class Connection;
 
 // What Beast's synchronous algorithms read and write through: every call is one
@@ -458,11 +468,7 @@ public:
 private:
     template <class Body> bool send(http::response<Body>& message, const HttpResponse& response, bool keepAlive)
     {
-        message.version(11);
-        message.result(unsigned(response.status));
-        for (const auto& header : response.headers)
-            message.insert(header.first, header.second);
-        message.keep_alive(keepAlive);
+        describe(message, response, keepAlive);
         message.prepare_payload();
         TimedStream timed(*this);
         error_code ec;
@@ -486,11 +492,7 @@ private:
         if (ec)
             return write(HttpResponse::text(500, "cannot read the file\n"), false);
         http::response<http::empty_body> message;
-        message.version(11);
-        message.result(unsigned(response.status));
-        for (const auto& header : response.headers)
-            message.insert(header.first, header.second);
-        message.keep_alive(keepAlive);
+        describe(message, response, keepAlive);
         message.content_length(size);
         TimedStream timed(*this);
         http::response_serializer<http::empty_body> head(message);
@@ -1138,11 +1140,7 @@ private:
                                   std::optional<std::uint64_t> fileSize = std::nullopt)
     {
         http::response<http::string_body> message;
-        message.version(11);
-        message.result(unsigned(response.status));
-        for (const auto& header : response.headers)
-            message.insert(header.first, header.second);
-        message.keep_alive(keepAlive);
+        describe(message, response, keepAlive);
         // 204 and 304 carry no body in HTTP.
         const bool bodiless = response.status == 204 || response.status == 304;
         if (fileSize) {
