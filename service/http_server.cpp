@@ -116,6 +116,14 @@ bool isMalformed(const error_code& ec)
            && ec != http::error::partial_message;
 }
 
+// The answer to a request the parser could not read: 431 for a head too
+// large, 413 for a body too large, 400 for a broken message; 0 (no answer)
+// when the peer went away or went quiet.
+int refusalStatus(const error_code& ec)
+{
+    return ec == http::error::header_limit ? 431 : ec == http::error::body_limit ? 413 : isMalformed(ec) ? 400 : 0;
+}
+
 // An answer's status line, fields and keep-alive, on Beast's message.
 template <class Body> void describe(http::response<Body>& message, const HttpResponse& response, bool keepAlive)
 {
@@ -438,15 +446,8 @@ public:
     // Answers a request that can't be read, when there is anybody to answer.
     Read refused(const error_code& ec)
     {
-        if (ec == http::error::header_limit)
-            refuse(431);
-        else if (ec == http::error::body_limit)
-            refuse(413);
-        else if (isMalformed(ec))
-            refuse(400);
-        else
-            return Read::None;
-        linger();
+        if (const int status = refusalStatus(ec))
+            return answerEarly(HttpResponse::text(status, std::string()));
         return Read::None;
     }
 
@@ -510,7 +511,6 @@ private:
         return !ec;
     }
 
-    void refuse(int status) { write(HttpResponse::text(status, std::string()), false); }
 
 
     std::array<char, 16 << 10> record;
@@ -1220,10 +1220,7 @@ private:
     // A request that can't be read: answered as the parser's error says.
     void refuse(const std::shared_ptr<Connection>& connection, const error_code& ec)
     {
-        const int status = ec == http::error::header_limit ? 431
-                           : ec == http::error::body_limit ? 413
-                           : isMalformed(ec)                ? 400
-                                                            : 0;
+        const int status = refusalStatus(ec);
         if (status == 0) {
             close(connection);
             return;

@@ -140,19 +140,18 @@ HeadFor headFor(const Route& route)
 SocketExchange::SocketExchange(OutgoingRequest& outgoing, Route route, ConnectionPool* pool)
     : outgoing(outgoing), route(std::move(route)), pool(pool)
 {
+    // A form's head is the one the manager makes for it, with its length.
+    FormBody form;
     if (outgoing.form) {
-        FormBody form = formBody(outgoing.request, *outgoing.form);
+        form = formBody(outgoing.request, *outgoing.form);
         formDevice = form.device;
-        bodySize = formDevice->size();
-        form.request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(bodySize));
-        requestBytes = requestHead(verbName(outgoing.verb), form.request, headFor(this->route));
-        headSize = requestBytes.size();
-    } else {
-        requestBytes = requestHead(verbName(outgoing.verb), outgoing.request, headFor(this->route));
-        headSize = requestBytes.size();
-        bodySize = outgoing.body.size();
-        requestBytes += outgoing.body;
+        form.request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(formDevice->size()));
     }
+    requestBytes = requestHead(verbName(outgoing.verb), formDevice ? form.request : outgoing.request, headFor(this->route));
+    headSize = requestBytes.size();
+    bodySize = formDevice ? formDevice->size() : outgoing.body.size();
+    if (!formDevice)
+        requestBytes += outgoing.body;
 }
 
 // The socket, if the exchange still has one, goes with it. (An exchange that
