@@ -19,6 +19,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSslConfiguration>
+#include <QSslSocket>
+#include <QTcpServer>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -39,9 +42,11 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace NORVA::NORVA_API_QT;
@@ -159,6 +164,28 @@ ProbeWindow probeDuring(const Prober& prober, Work&& work)
     return window;
 }
 
+// The first record a TLS client of this Qt sends: its hello, as a client that
+// then says nothing more would leave it.
+std::string aClientHello()
+{
+    QTcpServer listener;
+    listener.listen(QHostAddress::LocalHost);
+    QSslSocket client;
+    client.connectToHostEncrypted("127.0.0.1", listener.serverPort());
+    client.waitForConnected(3000);
+    client.flush();
+    if (!listener.waitForNewConnection(3000))
+        return {};
+    const std::unique_ptr<QTcpSocket> server(listener.nextPendingConnection());
+    QByteArray hello;
+    while (server->waitForReadyRead(3000)) {
+        hello += server->readAll();
+        if (hello.size() >= 5 && hello.size() >= 5 + (int(quint8(hello[3])) << 8 | quint8(hello[4])))
+            break;
+    }
+    return hello.toStdString();
+}
+
 // A figure of /proc/PID/status in KiB: "VmHWM:" (peak resident), "VmRSS:".
 long statusKiB(pid_t pid, const char* field)
 {
@@ -170,20 +197,21 @@ long statusKiB(pid_t pid, const char* field)
     return -1;
 }
 
-// `count` connections to `port` that each send half a request head and stay
-// open (closed by the caller); fewer when the system refuses more.
-std::vector<int> halfHeads(int port, int count)
+// `count` connections to `port` that each send `half` (by default half a
+// request head) and stay open (closed by the caller); fewer when the system
+// refuses more.
+std::vector<int> halfHeads(int port, int count,
+                           std::string_view half = "POST /kvr/share/selectShare HTTP/1.1\r\nHost: bench\r\nContent-Type: appl")
 {
     std::vector<int> sockets;
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(std::uint16_t(port));
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const char half[] = "POST /kvr/share/selectShare HTTP/1.1\r\nHost: bench\r\nContent-Type: appl";
     for (int i = 0; i < count; ++i) {
         const int s = ::socket(AF_INET, SOCK_STREAM, 0);
         if (s < 0 || ::connect(s, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0
-            || ::send(s, half, sizeof half - 1, MSG_NOSIGNAL) != ssize_t(sizeof half - 1)) {
+            || ::send(s, half.data(), half.size(), MSG_NOSIGNAL) != ssize_t(half.size())) {
             if (s >= 0)
                 ::close(s);
             break;
@@ -263,7 +291,8 @@ LargeBodies largeJsonBodies(pid_t service, int port, const QString& token, int c
 // options and, when `descriptors` is set, under that limit of open files.
 struct Service {
     pid_t pid = -1;
-    QString address;
+    QString address;   // host:port, without a scheme
+    QString trustFile; // the certificate to trust, for a service with --tls-self-signed
 };
 
 Service startService(const char* program, const std::string& data, rlim_t descriptors = 0,
@@ -297,8 +326,11 @@ Service startService(const char* program, const std::string& data, rlim_t descri
     ::close(output[0]);
     const std::size_t at = printed.find("listening on ");
     if (at == std::string::npos)
-        return {pid, QString()};
-    return {pid, QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13))};
+        return {pid, QString(), QString()};
+    const std::size_t trust = printed.find("--cacert ");
+    return {pid, QString::fromStdString(printed.substr(at + 13, printed.find('\n', at) - at - 13)).remove("https://"),
+            trust == std::string::npos ? QString()
+                                       : QString::fromStdString(printed.substr(trust + 9, printed.find('\n', trust) - trust - 9))};
 }
 
 void stopService(const Service& service, int signal = SIGTERM)
@@ -512,8 +544,38 @@ int siege(const char* program)
         row(trailer ? "3 trailers of 128 MiB" : "3 chunk extensions of 128 MiB", window,
             "; at most " + std::to_string(peak / 1024) + " MiB while they came; answered " + counted(statuses));
     }
+    // Connections that each hold half a head: what they cost while held, and
+    // what is left a second after they closed.
+    {
+        long before = statusKiB(service.pid, "VmRSS:"), with = 0;
+        std::size_t count = 0;
+        const ProbeWindow window = probeDuring(prober, [&] {
+            const std::vector<int> held = halfHeads(port, 5000);
+            count = held.size();
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            with = statusKiB(service.pid, "VmRSS:");
+            for (const int s : held)
+                ::close(s);
+        });
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        row((std::to_string(count) + " connections holding half a head, then closed").c_str(), window,
+            " a second after; " + std::to_string(before / 1024) + " MiB before, " + std::to_string(with / 1024) + " MiB with them");
+    }
     ::close(prober.control);
     ::waitpid(prober.pid, nullptr, 0);
+
+    // A 100 MiB upload with a wrong token, through the library: the service
+    // answers from the head, and the answer must reach a client still sending.
+    {
+        const std::string large = scratch + "/large.bin";
+        writeSource(large, 100 << 20);
+        const auto start = Clock::now();
+        const QJsonObject refused = call(norva_sdk_upload_file, {{"ipconfig", service.address}, {"token", "no-such-token"},
+                                                                 {"file_uploadpath", QString::fromStdString(large)}});
+        std::fprintf(out, "a 100 MiB upload with a wrong token: %s in %.0f ms\n",
+                    QJsonDocument(refused).toJson(QJsonDocument::Compact).constData(), millisSince(start));
+        ::unlink(large.c_str());
+    }
 
     // A login with the old password racing a password change: does its token
     // outlive the change? 100 trials.
@@ -555,6 +617,43 @@ int siege(const char* program)
         std::fprintf(out, "340 connections past a limit of 256 descriptors, closed: then a query answered %d in %.0f ms\n", status,
                     millisSince(start));
         stopService(limited);
+    }
+
+    // The same over TLS: 5,000 connections that send nothing, that hold half
+    // of a client's hello (a record head that promises 512 bytes, and 26 of
+    // them), or a whole one and then nothing; meanwhile 20 TLS logins and
+    // queries of a client that trusts the service.
+    {
+        const Service tls = startService(program, scratch + "/tls", 0, {"--tls-self-signed"});
+        QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+        trusting.addCaCertificates(tls.trustFile);
+        QSslConfiguration::setDefaultConfiguration(trusting);
+        const std::string halfHello = std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11) + std::string(15, '\0');
+        const std::pair<const char*, std::string> holders[] = {
+            {"sending nothing", std::string()}, {"holding half a hello", halfHello}, {"holding a whole hello", aClientHello()}};
+        const QString address = "https://" + tls.address;
+        for (const auto& [what, sent] : holders) {
+            const long before = statusKiB(tls.pid, "VmRSS:");
+            const std::vector<int> held = halfHeads(tls.address.section(':', 1).toInt(), 5000, sent);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            int answered = 0;
+            double slowest = 0;
+            for (int i = 0; i < 20; ++i) {
+                const auto start = Clock::now();
+                const QString tlsToken = logIn(address)["data"].toObject()["token"].toString();
+                answered += call(norva_sdk_select_favorite, {{"ipconfig", address}, {"token", tlsToken}})["status"].toInt() == 200;
+                slowest = std::max(slowest, millisSince(start));
+            }
+            const long with = statusKiB(tls.pid, "VmRSS:");
+            for (const int s : held)
+                ::close(s);
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            std::fprintf(out, "%zu TLS connections %s, then closed: %d of 20 TLS logins and queries answered 200, the slowest in "
+                              "%.0f ms; service resident %.1f MiB a second after; %ld MiB before, %ld MiB with them\n",
+                        held.size(), what, answered, slowest, double(statusKiB(tls.pid, "VmRSS:")) / 1024, before / 1024,
+                        with / 1024);
+        }
+        stopService(tls);
     }
 
     // kill -9 during a password change, 100 trials: afterwards either the new
@@ -665,23 +764,6 @@ int main(int argc, char** argv)
     const double downSeconds = std::chrono::duration<double>(Clock::now() - downStart).count();
     const long servicePeak = statusKiB(service, "VmHWM:");
 
-    // Each connection (and the service) needs a descriptor.
-    rlimit files{};
-    ::getrlimit(RLIMIT_NOFILE, &files);
-    files.rlim_cur = files.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &files);
-    const long beforeHalfHeads = statusKiB(service, "VmRSS:");
-    const std::vector<int> held = halfHeads(address.section(':', 1).toInt(), 5000);
-    double slowestQueryMs = 0;
-    int answered = 0;
-    for (int i = 0; i < 20; ++i) {
-        const auto start = Clock::now();
-        answered += call(norva_sdk_select_favorite, {{"ipconfig", address}, {"token", token}})["status"].toInt() == 200;
-        slowestQueryMs = std::max(slowestQueryMs, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-    }
-    const long withHalfHeads = statusKiB(service, "VmRSS:");
-    for (const int s : held)
-        ::close(s);
     const int jsonClients = 64;
     const LargeBodies large = largeJsonBodies(service, address.section(':', 1).toInt(), token, jsonClients, 15 << 20);
     std::string statuses;
@@ -699,8 +781,6 @@ int main(int argc, char** argv)
                 "  another client during the upload: %ld answers, the slowest in %.0f ms,\n"
                 "  another client during %d logins: %ld answers, the slowest in %.0f ms,\n"
                 "  %d shares in one batch: %s in %.2f s; another client meanwhile: %ld answers, the slowest in %.0f ms,\n"
-                "  %zu connections holding half a head: %d of 20 queries answered, the slowest in %.1f ms;\n"
-                "  service resident %.1f MiB before them, %.1f MiB with them,\n"
                 "  %d clients sending a 15 MiB JSON batch at once: answered %s; service resident at most %.1f MiB,\n"
                 "  %.1f MiB a second after\n",
                 static_cast<unsigned long long>(mib), uploaded["message"].toString().toUtf8().constData(), megabytes / upSeconds,
@@ -708,8 +788,7 @@ int main(int argc, char** argv)
                 double(servicePeak) / 1024, double(self.ru_maxrss) / 1024, duringUpload.answers,
                 duringUpload.slowestMs, logins, duringLogins.answers, duringLogins.slowestMs, shares,
                 batchResult["message"].toString().toUtf8().constData(), batchSeconds, duringBatch.answers,
-                duringBatch.slowestMs, held.size(), answered,
-                slowestQueryMs, double(beforeHalfHeads) / 1024, double(withHalfHeads) / 1024, jsonClients,
+                duringBatch.slowestMs, jsonClients,
                 statuses.c_str(), double(large.peakKiB) / 1024, double(large.afterKiB) / 1024);
     std::system(("rm -rf '" + scratch + "'").c_str());
     return equal ? 0 : 1;

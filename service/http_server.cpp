@@ -19,6 +19,7 @@
 #include <array>
 #include <cerrno>
 #include <deque>
+#include <list>
 #include <cstdio>
 #include <sstream>
 #include <thread>
@@ -171,18 +172,24 @@ constexpr std::chrono::milliseconds lingerAtMost(30000);
 constexpr std::chrono::milliseconds lingerGap(5000);
 constexpr std::uint64_t lingerBytes = std::uint64_t(1) << 30;
 
+// What one TLS session holds (OpenSSL's state and buffers, and Asio's), as
+// measured on a service that held thousands of unfinished handshakes.
+constexpr std::uint64_t tlsSessionBytes = 88 << 10;
+
 class Connection final : public HttpConnection, public std::enable_shared_from_this<Connection>
 {
 public:
     // A connection served on a thread of its own, with a context of its own.
     Connection(const HttpLimits& limits, const std::atomic<bool>& stopping)
-        : limits(limits), stopping(stopping), ownContext(std::in_place), stream(ownContext->get_executor())
+        : limits(limits), stopping(stopping), ownContext(std::in_place), stream(ownContext->get_executor()),
+          held(limits.bodyMemory), silence(stream.get_executor())
     {
     }
     // A connection on the server's pool of threads: its operations run in a
     // strand of the pool, and a request's handler on a worker (`Pooled` below).
     Connection(const HttpLimits& limits, const std::atomic<bool>& stopping, net::io_context& pool)
-        : limits(limits), stopping(stopping), stream(net::make_strand(pool))
+        : limits(limits), stopping(stopping), stream(net::make_strand(pool)), held(limits.bodyMemory),
+          silence(stream.get_executor())
     {
     }
 
@@ -403,7 +410,7 @@ public:
             return true;
         tls = startTlsSession(*context, stream);
         error_code ec;
-        await([&](auto done) { tls->asyncHandshake(done); }, ec, limit);
+        await([&](auto done) { tls->asyncHandshake(net::const_buffer(), done); }, ec, limit);
         return !ec;
     }
 
@@ -419,14 +426,19 @@ public:
         if (!tls)
             return await([&](auto done) { stream.async_write_some(buffers, done); }, ec, limits.idle);
         // Up to one TLS record at a time, gathered from Beast's buffers.
+        record.resize(16 << 10);
         const std::size_t size = net::buffer_copy(net::buffer(record), buffers);
         return await([&](auto done) { tls->asyncWriteSome(net::buffer(record.data(), size), done); }, ec,
                      limits.idle);
     }
 
-    // The peer sees the end of the stream once everything sent has gone.
+    // The peer sees the end of the stream once everything sent has gone. What
+    // the connection held of the memory bound is free before the peer can
+    // tell that it has ended.
     void finish()
     {
+        buffer = beast::flat_buffer();
+        held.hold(0);
         error_code ignored;
         stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
         stream.socket().close(ignored);
@@ -442,6 +454,31 @@ public:
     std::optional<http::request_parser<http::buffer_body>> parser;
     std::unique_ptr<TlsSession> tls; // on `stream`, when the server speaks TLS
     bool answeringHead = false;      // the request being answered is a HEAD
+    // What the connection itself takes of the server's memory bound: its read
+    // buffer's room and its TLS session. A client that holds a connection
+    // with half a head (or half a handshake) holds this much, and no more
+    // of it than the bound allows.
+    HeldBodyMemory held;
+    net::steady_timer silence; // ends a wait for a first byte that does not come
+    // Its place among the TLS handshakes under way (PooledConnections'),
+    // while its handshake is; guarded by their lock.
+    std::optional<std::list<std::weak_ptr<Connection>>::iterator> handshaking;
+
+    bool holdWhatItUses() { return held.hold(buffer.capacity() + (tls ? tlsSessionBytes : 0)); }
+
+    // Room in the buffer for the next read. A head (or a TLS hello) is read
+    // into what is left, the buffer doubling from 1 KiB when full: most heads
+    // are under 1 KiB, and a client may hold thousands of half ones. A body is
+    // read at least 16 KiB at a time.
+    net::mutable_buffer roomToRead(bool forBody)
+    {
+        const std::size_t free = buffer.max_size() - buffer.size();
+        const std::size_t left = buffer.capacity() - buffer.size();
+        const std::size_t wanted = forBody   ? std::max<std::size_t>(16 << 10, left)
+                                   : left > 0 ? left
+                                              : std::max<std::size_t>(1 << 10, buffer.size());
+        return buffer.prepare(std::min(free, wanted));
+    }
 
     // Answers a request that can't be read, when there is anybody to answer.
     Read refused(const error_code& ec)
@@ -513,7 +550,7 @@ private:
 
 
 
-    std::array<char, 16 << 10> record;
+    std::vector<char> record; // a TLS record on its way (the thread-per-connection path)
 };
 
 // Acknowledges what arrives at once. A client that keeps its connection and
@@ -528,8 +565,8 @@ void acknowledgeAtOnce([[maybe_unused]] tcp::socket& socket)
 #endif
 }
 
-// Keeps at most this much of an answer waiting in the kernel for a client to
-// take it. Without a bound, the kernel takes up to its send buffer's limit
+// Keeps at most 64 KiB of an answer waiting in the kernel for a client to
+// take it (a file goes in pieces of that size too). Without a bound, the kernel takes up to its send buffer's limit
 // (4 MiB here) from every write: 300 downloads that are never read hold 900 MB
 // of kernel memory, and copying it in keeps the service's threads from
 // everyone else for a second. Bytes in flight are not counted, so a client that
@@ -538,7 +575,7 @@ void boundUnsentBytes([[maybe_unused]] tcp::socket& socket)
 {
 #ifdef TCP_NOTSENT_LOWAT
     error_code ignored;
-    socket.set_option(net::detail::socket_option::integer<IPPROTO_TCP, TCP_NOTSENT_LOWAT>(256 << 10), ignored);
+    socket.set_option(net::detail::socket_option::integer<IPPROTO_TCP, TCP_NOTSENT_LOWAT>(64 << 10), ignored);
 #endif
 }
 
@@ -642,6 +679,7 @@ struct HttpServer::Context {
     std::mutex mutex;
     std::condition_variable ended;
     std::set<Connection*> open;
+    std::size_t mostOpen = 0; // connections open at once since memory was last given back
     SpareDescriptor spare;      // for a connection to turn away when none is left
     bool acceptFailing = false; // the last accept failed (logged once a run)
     bool tls = false;           // a turned-away connection gets no plain answer
@@ -691,13 +729,30 @@ bool HttpServer::listen(const std::string& host, int port, std::string& error)
 
 namespace {
 
+// After this many connections have ended since the most that were open at
+// once, the memory they held goes back to the system: the allocator would
+// keep it for connections that may never come again.
+constexpr std::size_t waveOfConnections = 1000;
+
 // A connection that has ended leaves the open ones.
 void forget(HttpServer::Context& c, Connection* connection)
 {
     connection->finish();
-    const std::lock_guard<std::mutex> lock(c.mutex);
-    c.open.erase(connection);
-    c.ended.notify_all();
+    bool waveEnded = false;
+    {
+        const std::lock_guard<std::mutex> lock(c.mutex);
+        c.open.erase(connection);
+        waveEnded = c.mostOpen >= c.open.size() + waveOfConnections;
+        if (waveEnded)
+            c.mostOpen = c.open.size();
+        c.ended.notify_all();
+    }
+    // A moment later: the wave's last connections (and their TLS sessions)
+    // are still being taken apart on the pool's other threads.
+    if (waveEnded) {
+        auto later = std::make_shared<net::steady_timer>(c.context, std::chrono::milliseconds(100));
+        later->async_wait([later](const error_code&) { returnFreeMemory(); });
+    }
 }
 
 // An accept that failed does not end the loop. Out of descriptors, the spare
@@ -752,6 +807,7 @@ template <class Make, class Take> void acceptEach(HttpServer::Context& c, int mo
             std::lock_guard<std::mutex> lock(c.mutex);
             tooMany = int(c.open.size()) >= most;
             c.open.insert(connection.get());
+            c.mostOpen = std::max(c.mostOpen, c.open.size());
         }
         take(connection, tooMany);
         acceptEach(c, most, make, take);
@@ -948,14 +1004,8 @@ public:
             awaitHead(connection, limits.headDeadline);
             return;
         }
-        connection->tls = startTlsSession(*limits.tls, connection->stream);
-        connection->stream.expires_after(limits.handshake);
-        connection->tls->asyncHandshake([this, connection](error_code ec, std::size_t) {
-            if (ec)
-                close(connection);
-            else
-                awaitHead(connection, limits.headDeadline);
-        });
+        const auto end = net::steady_timer::clock_type::now() + limits.handshake;
+        awaitReadable(connection, limits.handshake, [this, connection, end] { readHello(connection, end); });
     }
 
 private:
@@ -965,7 +1015,7 @@ private:
         const std::shared_ptr<Connection> connection;
         HttpRequest request;
         Connection::BodyPlan plan;
-        std::vector<char> chunk = std::vector<char>(64 << 10);
+        std::vector<char> chunk; // a body's bytes on their way to the request, made for a body
         // An answer on its way: its bytes, or the file it streams.
         std::string bytes;
         std::shared_ptr<beast::file> file;
@@ -983,10 +1033,125 @@ private:
             parseHead(connection);
             return;
         }
-        connection->stream.expires_after(firstByte);
-        readSome(connection, [this, connection] {
+        // Nothing is held while nothing comes: the buffer goes, and is made
+        // again for the first byte.
+        connection->buffer.shrink_to_fit();
+        connection->holdWhatItUses();
+        const auto headStarted = [this, connection] {
             connection->stream.expires_after(limits.headDeadline);
             parseHead(connection);
+        };
+        if (connection->tls) { // the session may hold the next request already: read it
+            connection->stream.expires_after(firstByte);
+            readSome(connection, headStarted);
+            return;
+        }
+        awaitReadable(connection, firstByte, [this, connection, headStarted] {
+            connection->stream.expires_after(limits.headDeadline);
+            readSome(connection, headStarted);
+        });
+    }
+
+    // Reads the client's first TLS record (its hello) before a session is made
+    // for it: a session holds about 88 KiB, and a client that sends nothing,
+    // or part of a hello, should hold no more than what it sent.
+    void readHello(const std::shared_ptr<Connection>& connection, net::steady_timer::time_point end)
+    {
+        beast::flat_buffer& buffer = connection->buffer;
+        const auto* const bytes = static_cast<const unsigned char*>(buffer.data().data());
+        // A record: its type (22, a handshake), version (2 bytes), length (2), then the bytes;
+        // anything else, or a record longer than TLS allows, is for OpenSSL to refuse.
+        constexpr std::size_t recordHead = 5, mostRecord = recordHead + (18 << 10);
+        const bool whole = buffer.size() >= recordHead
+                           && (bytes[0] != 22 || buffer.size() >= recordHead + (std::size_t(bytes[3]) << 8 | bytes[4])
+                               || buffer.size() >= mostRecord);
+        if (whole) {
+            startSession(connection, end);
+            return;
+        }
+        const net::mutable_buffer room = connection->roomToRead(false);
+        if (!connection->holdWhatItUses()) {
+            close(connection);
+            return;
+        }
+        connection->stream.expires_at(end);
+        connection->stream.async_read_some(room, [this, connection, end](error_code ec, std::size_t count) {
+            connection->buffer.commit(count);
+            if (ec || c.stopping)
+                close(connection);
+            else
+                readHello(connection, end);
+        });
+    }
+
+    void startSession(const std::shared_ptr<Connection>& connection, net::steady_timer::time_point end)
+    {
+        connection->tls = startTlsSession(*limits.tls, connection->stream);
+        if (!connection->holdWhatItUses()) { // no room: nobody to answer before the handshake
+            close(connection);
+            return;
+        }
+        beginHandshake(connection);
+        connection->stream.expires_at(end);
+        connection->tls->asyncHandshake(connection->buffer.data(), [this, connection](error_code ec, std::size_t) {
+            endHandshake(*connection);
+            connection->buffer.consume(connection->buffer.size());
+            if (ec)
+                close(connection);
+            else
+                awaitHead(connection, limits.headDeadline);
+        });
+    }
+
+    // A client that sends a whole hello and then nothing holds a session until
+    // the handshake deadline. Past `handshakesAtOnce` under way, the oldest is
+    // ended for the new one: a real handshake takes milliseconds, so such
+    // clients can't crowd out the others (nor, by default, hold over 88 MiB).
+    void beginHandshake(const std::shared_ptr<Connection>& connection)
+    {
+        std::shared_ptr<Connection> oldest;
+        {
+            const std::lock_guard<std::mutex> lock(handshakesLock);
+            if (handshakes.size() >= std::max<std::size_t>(1, limits.handshakesAtOnce)) {
+                oldest = handshakes.front().lock();
+                if (oldest)
+                    oldest->handshaking.reset();
+                handshakes.pop_front();
+            }
+            connection->handshaking = handshakes.insert(handshakes.end(), connection);
+        }
+        if (oldest)
+            net::post(oldest->stream.get_executor(), [oldest] { oldest->stream.close(); });
+    }
+
+    void endHandshake(Connection& connection)
+    {
+        const std::lock_guard<std::mutex> lock(handshakesLock);
+        if (connection.handshaking) {
+            handshakes.erase(*connection.handshaking);
+            connection.handshaking.reset();
+        }
+    }
+
+    // Waits until the peer sends (or closes), with no buffer; `limit` of
+    // silence ends the connection.
+    template <class Next>
+    void awaitReadable(const std::shared_ptr<Connection>& connection, std::chrono::milliseconds limit, Next next)
+    {
+        connection->silence.expires_after(limit);
+        connection->silence.async_wait([connection](error_code ec) {
+            // A wait that ended meanwhile has moved the expiry out of reach.
+            if (!ec && connection->silence.expiry() <= net::steady_timer::clock_type::now()) {
+                error_code ignored;
+                connection->stream.socket().cancel(ignored);
+            }
+        });
+        connection->stream.socket().async_wait(tcp::socket::wait_read, [this, connection, next](error_code ec) {
+            connection->silence.expires_at(net::steady_timer::time_point::max());
+            if (ec || c.stopping)
+                close(connection);
+            else
+                next();
         });
     }
 
@@ -1029,7 +1194,11 @@ private:
             return;
         }
         acknowledgeAtOnce(connection->stream.socket());
-        const net::mutable_buffer room = connection->buffer.prepare(std::min<std::size_t>(16 << 10, free));
+        const net::mutable_buffer room = connection->roomToRead(connection->parser->is_header_done());
+        if (!connection->holdWhatItUses()) {
+            answerEarly(std::make_shared<Exchange>(connection), Connection::busyAnswer());
+            return;
+        }
         if (connection->tls)
             connection->tls->asyncReadSome(room, arrived);
         else
@@ -1084,6 +1253,8 @@ private:
     {
         Connection& connection = *x->connection;
         auto& parser = *connection.parser;
+        if (x->chunk.empty() && !parser.is_done())
+            x->chunk.resize(std::size_t(std::min<std::uint64_t>(64 << 10, parser.content_length().value_or(64 << 10))));
         while (!parser.is_done() && connection.buffer.size() > 0) {
             parser.get().body().data = x->chunk.data();
             parser.get().body().size = x->chunk.size();
@@ -1172,7 +1343,8 @@ private:
         return out.str();
     }
 
-    // A file in pieces, each read when the last has gone.
+    // A file in pieces, each read when the last has gone (and no larger than
+    // what the kernel keeps unsent).
     template <class Then> void sendFile(const ExchangePtr& x, const HttpResponse& response, bool keepAlive, Then then)
     {
         x->file = std::make_shared<beast::file>();
@@ -1196,7 +1368,7 @@ private:
             then();
             return;
         }
-        x->bytes.resize(std::size_t(std::min<std::uint64_t>(x->fileLeft, 256 << 10)));
+        x->bytes.resize(std::size_t(std::min<std::uint64_t>(x->fileLeft, 64 << 10)));
         error_code ec;
         const std::size_t count = x->file->read(x->bytes.data(), x->bytes.size(), ec);
         if (ec || count == 0) { // the file became shorter meanwhile: the answer cannot be whole
@@ -1290,6 +1462,8 @@ private:
     const HttpLimits& limits;
     const HttpHandler& handler;
     std::optional<WorkerPool> workers;
+    std::mutex handshakesLock;
+    std::list<std::weak_ptr<Connection>> handshakes; // under way, oldest first
 };
 
 void HttpServer::serve(const HttpHandler& handler)

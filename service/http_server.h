@@ -60,6 +60,16 @@ public:
         bytes += more;
         return true;
     }
+    // Holds `total` from now on: gives back what is beyond it, or takes what
+    // is missing; false, holding as before, when the bound has no room.
+    bool hold(std::uint64_t total)
+    {
+        if (total > bytes)
+            return grow(total - bytes);
+        memory->give(bytes - total);
+        bytes = total;
+        return true;
+    }
     std::uint64_t size() const { return bytes; }
 
 private:
@@ -155,6 +165,9 @@ struct HttpLimits {
     // must be over within `handshake` of the connection's start.
     std::shared_ptr<TlsContext> tls;
     std::chrono::milliseconds handshake{10000};
+    // TLS handshakes under way at once; past them, the oldest is ended for a
+    // new one (serve() only).
+    std::size_t handshakesAtOnce = 1024;
 };
 
 // One accepted connection, served on a thread of its own.

@@ -30,7 +30,9 @@ class TlsSession
 public:
     using Done = std::function<void(boost::system::error_code, std::size_t)>;
     virtual ~TlsSession() = default;
-    virtual void asyncHandshake(Done done) = 0;
+    // `hello`: what the client has sent already, read before the session was
+    // made; it stays valid until `done`.
+    virtual void asyncHandshake(boost::asio::const_buffer hello, Done done) = 0;
     virtual void asyncReadSome(boost::asio::mutable_buffer into, Done done) = 0;
     virtual void asyncWriteSome(boost::asio::const_buffer from, Done done) = 0;
 };

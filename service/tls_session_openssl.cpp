@@ -56,10 +56,14 @@ class OpenSslSession final : public TlsSession
 public:
     OpenSslSession(TlsContext& tls, boost::beast::tcp_stream& stream) : stream(stream, tls.context) {}
 
-    void asyncHandshake(Done done) override
+    void asyncHandshake(net::const_buffer hello, Done done) override
     {
-        stream.async_handshake(ssl::stream_base::server,
-                               [done = std::move(done)](boost::system::error_code ec) { done(ec, 0); });
+        if (hello.size() == 0) {
+            stream.async_handshake(ssl::stream_base::server,
+                                   [done = std::move(done)](boost::system::error_code ec) { done(ec, 0); });
+            return;
+        }
+        stream.async_handshake(ssl::stream_base::server, hello, std::move(done));
     }
     void asyncReadSome(net::mutable_buffer into, Done done) override
     {

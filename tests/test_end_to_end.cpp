@@ -3,6 +3,8 @@
 #include "support/harness.h"
 
 #include "certificates.h"
+#include "http_server.h"
+#include "tls_session.h"
 #include "login_failures.h"
 #include "database.h"
 #include "norva_api_qt_async.h"
@@ -160,6 +162,7 @@ private slots:
     void https();
     void norvaTrustsWhatItIsTold();
     void aTlsBodyEndsOnlyWithItsClose();
+    void aHandshakeFloodCrowdsOutNobody();
     void readmeExamplesRunAsWritten();
 
 private:
@@ -1013,7 +1016,21 @@ void EndToEndTest::https()
         QVERIFY(service.process.readAllStandardError().contains(".crt is expired; serve with one that is valid now"));
         return;
     }
-    QVERIFY(startTls(service, name, row.certificate ? &(c.*row.certificate) : nullptr));
+    // The trusted service runs under a memory bound of 1 MiB, which a dozen
+    // TLS sessions fill, beside 40 connections that each hold half of a
+    // client's hello: no session is made for a hello until it has come, so
+    // they hold a little of the bound, and every call still goes through.
+    const bool bounded = row.certificate == &TestCertificates::trusted && row.scheme == "https://";
+    QVERIFY(startTls(service, name, row.certificate ? &(c.*row.certificate) : nullptr,
+                     bounded ? QStringList{"--max-memory-mb", "1"} : QStringList()));
+    std::vector<std::unique_ptr<QTcpSocket>> halfHellos;
+    for (int i = 0; bounded && i < 40; ++i) {
+        halfHellos.push_back(std::make_unique<QTcpSocket>());
+        halfHellos.back()->connectToHost("127.0.0.1", service.address.section(':', 1).toUShort());
+        QVERIFY(halfHellos.back()->waitForConnected(3000));
+        halfHellos.back()->write(QByteArray("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11));
+        QVERIFY(halfHellos.back()->waitForBytesWritten(3000));
+    }
     const QString at = row.scheme + service.address;
     const QString nobody = row.scheme + "127.0.0.1:1";
 
@@ -1066,6 +1083,72 @@ void EndToEndTest::https()
     for (const QJsonObject& result : results)
         QCOMPARE(result, unanswered);
     QVERIFY(QDir(into).isEmpty());
+}
+
+// Clients that send a whole TLS hello and then nothing: past the handshakes
+// allowed at once, the oldest is ended for the newest, so a real client that
+// comes after them gets its answer.
+void EndToEndTest::aHandshakeFloodCrowdsOutNobody()
+{
+    const TestCertificates& c = certificates();
+    const QString certificate = folder.filePath("flood.crt"), key = folder.filePath("flood.key");
+    writeFile(certificate, QByteArray::fromStdString(c.trusted.certificate));
+    writeFile(key, QByteArray::fromStdString(c.trusted.key));
+    std::string error;
+    norva::service::HttpLimits limits;
+    limits.tls = norva::service::loadTlsContext(certificate.toStdString(), key.toStdString(), error);
+    QVERIFY2(limits.tls, error.c_str());
+    limits.handshakesAtOnce = 4;
+    norva::service::HttpServer server(limits);
+    QVERIFY(server.listen("127.0.0.1", 0, error));
+    std::thread serving([&server] {
+        server.serve([](const norva::service::HttpRequest&) { return norva::service::HttpResponse::text(200, "fine\n"); });
+    });
+    const quint16 port = quint16(server.port());
+    // A hello as this Qt writes it, taken from a client of a plain listener.
+    QByteArray hello;
+    {
+        QTcpServer listener;
+        QVERIFY(listener.listen(QHostAddress::LocalHost));
+        QSslSocket client;
+        client.connectToHostEncrypted("127.0.0.1", listener.serverPort());
+        QVERIFY(client.waitForConnected(3000));
+        client.flush();
+        QVERIFY(listener.waitForNewConnection(3000));
+        const std::unique_ptr<QTcpSocket> peer(listener.nextPendingConnection());
+        while (peer->waitForReadyRead(3000)) {
+            hello += peer->readAll();
+            if (hello.size() >= 5 && hello.size() >= 5 + (int(quint8(hello[3])) << 8 | quint8(hello[4])))
+                break;
+        }
+    }
+    std::vector<std::unique_ptr<QTcpSocket>> stalled;
+    for (int i = 0; i < 10; ++i) {
+        stalled.push_back(std::make_unique<QTcpSocket>());
+        stalled.back()->connectToHost("127.0.0.1", port);
+        QVERIFY(stalled.back()->waitForConnected(3000));
+        stalled.back()->write(hello);
+        // The service's first flight: its handshake with this one is under way.
+        QVERIFY(stalled.back()->waitForReadyRead(3000));
+    }
+    QSslSocket client;
+    client.connectToHostEncrypted("127.0.0.1", port);
+    const bool encrypted = client.waitForEncrypted(5000);
+    client.write("GET /x HTTP/1.1\r\nHost: s\r\nConnection: close\r\n\r\n");
+    QByteArray answer;
+    while (client.waitForReadyRead(3000))
+        answer += client.readAll();
+    int ended = 0;
+    for (const auto& socket : stalled) {
+        while (socket->state() == QAbstractSocket::ConnectedState && socket->waitForReadyRead(200))
+            socket->readAll();
+        ended += socket->state() != QAbstractSocket::ConnectedState;
+    }
+    server.stop();
+    serving.join();
+    QVERIFY(encrypted);
+    QVERIFY2(answer.startsWith("HTTP/1.1 200"), answer.constData());
+    QCOMPARE(ended, 7); // the six oldest for the later four, one more for the real client
 }
 
 // A download whose body runs to the close: over TLS it is whole only once the

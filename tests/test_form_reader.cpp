@@ -2,7 +2,8 @@
 // The service's form reader on forms as other clients write them, broken ones,
 // forms that arrive in pieces of any size (delimiters across their edges), and
 // what it keeps where. (test_transfer reads every form the library sends with
-// it, too.) And how its HTTP layer answers a handler that fails.
+// it, too.) And how its HTTP layer answers a handler that fails, and what
+// connections that wait for a request hold of its memory bound.
 #include "form_reader.h"
 #include "http_server.h"
 
@@ -47,6 +48,7 @@ private slots:
     void rawForms();
     void keptWhereAsked();
     void failingHandlers();
+    void waitingConnectionsHoldWithinTheBound();
 };
 
 void FormReaderTest::dispositions()
@@ -198,6 +200,62 @@ void FormReaderTest::failingHandlers()
     QVERIFY2(broken.startsWith("HTTP/1.1 500"), broken.constData());
     QVERIFY2(fine.startsWith("HTTP/1.1 200"), fine.constData());
     QVERIFY(!full.contains("sql") && !broken.contains("sql"));
+}
+
+// A connection that has sent nothing holds no buffer; one that holds half a
+// head holds its buffer (1 KiB) of the memory bound, and one more than the
+// bound allows is answered 503. The bound is given back as they close.
+void FormReaderTest::waitingConnectionsHoldWithinTheBound()
+{
+    norva::service::HttpLimits limits;
+    limits.memoryBodiesBytes = 16 << 10;
+    norva::service::HttpServer server(limits);
+    std::string error;
+    QVERIFY(server.listen("127.0.0.1", 0, error));
+    std::thread serving([&server] {
+        server.serve([](const norva::service::HttpRequest&) { return norva::service::HttpResponse::text(200, "fine\n"); });
+    });
+    const auto connected = [&server](const QByteArray& sent) {
+        auto socket = std::make_unique<QTcpSocket>();
+        socket->connectToHost("127.0.0.1", quint16(server.port()));
+        socket->waitForConnected(3000);
+        socket->write(sent);
+        socket->waitForBytesWritten(3000);
+        return socket;
+    };
+    const auto answered = [&connected] {
+        const auto socket = connected("GET /x HTTP/1.1\r\nHost: s\r\nConnection: close\r\n\r\n");
+        QByteArray bytes;
+        while (socket->waitForReadyRead(3000))
+            bytes += socket->readAll();
+        return bytes.left(12);
+    };
+    std::vector<std::unique_ptr<QTcpSocket>> silent, halfHeads;
+    for (int i = 0; i < 40; ++i)
+        silent.push_back(connected(QByteArray()));
+    const QByteArray withSilentOnes = answered();
+    for (int i = 0; i < 40; ++i)
+        halfHeads.push_back(connected("POST /x HTTP/1.1\r\nHost: s\r\n"));
+    int busy = 0;
+    QDeadlineTimer patience(5000);
+    while (busy < 24 && !patience.hasExpired()) {
+        for (auto& socket : halfHeads) {
+            socket->waitForReadyRead(10);
+            if (socket->bytesAvailable() && socket->readAll().startsWith("HTTP/1.1 503"))
+                ++busy;
+        }
+    }
+    const QByteArray withHalfHeads = answered();
+    halfHeads.clear();
+    QByteArray afterThem = answered();
+    for (QDeadlineTimer later(3000); !afterThem.startsWith("HTTP/1.1 200") && !later.hasExpired(); afterThem = answered())
+        QThread::msleep(20); // until the service has seen them close
+    server.stop();
+    serving.join();
+    QCOMPARE(withSilentOnes, QByteArray("HTTP/1.1 200"));
+    QCOMPARE(busy, 24);
+    QCOMPARE(withHalfHeads, QByteArray("HTTP/1.1 503"));
+    QCOMPARE(afterThem, QByteArray("HTTP/1.1 200"));
 }
 
 QTEST_APPLESS_MAIN(FormReaderTest)
