@@ -566,11 +566,12 @@ void acknowledgeAtOnce([[maybe_unused]] tcp::socket& socket)
 }
 
 // Keeps at most 64 KiB of an answer waiting in the kernel for a client to
-// take it (a file goes in pieces of that size too). Without a bound, the kernel takes up to its send buffer's limit
-// (4 MiB here) from every write: 300 downloads that are never read hold 900 MB
-// of kernel memory, and copying it in keeps the service's threads from
-// everyone else for a second. Bytes in flight are not counted, so a client that
-// reads still gets the whole window. Linux and BSD; elsewhere nothing is bound.
+// take it (a file goes in pieces of that size too). Without a bound, the
+// kernel takes up to its send buffer's limit (4 MiB here) from every write:
+// 300 downloads that are never read hold 900 MB of kernel memory, and copying
+// it in keeps the service's threads from everyone else for a second. Bytes in
+// flight are not counted, so a client that reads still gets the whole window.
+// Linux and BSD; elsewhere nothing is bound.
 void boundUnsentBytes([[maybe_unused]] tcp::socket& socket)
 {
 #ifdef TCP_NOTSENT_LOWAT
