@@ -29,6 +29,12 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/norva-api-qt.pc.in ${CMAKE_CURRENT_BINA
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${NORVA_PKGCONFIG_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
 
+# Each program with a manual page made from its --help and --version (where
+# help2man is there and the program runs on this machine).
+find_program(NORVA_HELP2MAN help2man)
+set(norva_manual_norva "call the board records service from a shell")
+set(norva_manual_norva-console "log in to a records service through the library's object interface")
+set(norva_manual_norva-records-service "a local board records service for trying and testing host programs")
 foreach(program norva norva-console norva-records-service)
   if(TARGET ${program})
     set_target_properties(${program} PROPERTIES OUTPUT_NAME ${program}${NORVA_PROGRAM_SUFFIX})
@@ -37,5 +43,15 @@ foreach(program norva norva-console norva-records-service)
       set(component service)
     endif()
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${component})
+    if(NORVA_HELP2MAN AND NOT CMAKE_CROSSCOMPILING)
+      set(manual ${CMAKE_CURRENT_BINARY_DIR}/${program}${NORVA_PROGRAM_SUFFIX}.1)
+      add_custom_command(OUTPUT ${manual}.gz
+        COMMAND ${NORVA_HELP2MAN} --no-info --no-discard-stderr --name "${norva_manual_${program}}"
+                --output ${manual} $<TARGET_FILE:${program}>
+        COMMAND gzip -9nf ${manual}
+        DEPENDS ${program} VERBATIM)
+      add_custom_target(${program}_manual ALL DEPENDS ${manual}.gz)
+      install(FILES ${manual}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${component})
+    endif()
   endif()
 endforeach()
