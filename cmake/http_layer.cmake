@@ -19,7 +19,8 @@ if(NORVA_HAVE_MALLOC_TRIM)
 else()
   set(norva_free_memory service/free_memory_none.cpp)
 endif()
-add_library(norva_http STATIC service/http_server.cpp service/form_reader.cpp ${norva_tls_session} ${norva_free_memory}
+add_library(norva_http STATIC service/http_server.cpp service/http_connection.cpp service/pooled_connections.cpp
+            service/form_reader.cpp ${norva_tls_session} ${norva_free_memory}
             ${norva_spare_descriptor})
 target_include_directories(norva_http PUBLIC ${PROJECT_SOURCE_DIR}/service)
 target_include_directories(norva_http SYSTEM PUBLIC ${norva_boost_include})
