@@ -138,9 +138,9 @@ private:
             readSome(connection, headStarted);
             return;
         }
-        awaitReadable(connection, firstByte, [this, connection, headStarted] {
+        awaitReadable(connection, firstByte, [this, connection] {
             connection->stream.expires_after(limits.headDeadline);
-            readSome(connection, headStarted);
+            readSome(connection, [this, connection] { parseHead(connection); });
         });
     }
 
@@ -232,8 +232,8 @@ private:
     {
         // Most requests have come with their connection, or right behind the
         // last answer: read them at once, without a round through the reactor.
-        error_code unknown;
-        if (connection->stream.socket().available(unknown) > 0) {
+        error_code ignored;
+        if (connection->stream.socket().available(ignored) > 0) {
             next();
             return;
         }
